@@ -1,0 +1,39 @@
+#include "tests/support/capture.h"
+
+#include <cstdio>
+#include <cstdlib>
+#include <regex>
+#include <sys/mman.h>
+#include <unistd.h>
+
+namespace rdx::test {
+
+CaptureStdout::CaptureStdout() {
+    std::fflush(stdout);
+    savedDescriptor_ = dup(STDOUT_FILENO);
+    file_ = memfd_create("stdout", 0);
+    if (savedDescriptor_ < 0 || file_ < 0 || dup2(file_, STDOUT_FILENO) < 0) std::abort();
+}
+
+CaptureStdout::~CaptureStdout() {
+    std::fflush(stdout);
+    dup2(savedDescriptor_, STDOUT_FILENO);
+    close(savedDescriptor_);
+    close(file_);
+}
+
+std::string CaptureStdout::Text() const {
+    std::fflush(stdout);
+    std::string text(static_cast<std::size_t>(lseek(file_, 0, SEEK_END)), '\0');
+    const ssize_t count = pread(file_, text.data(), text.size(), 0);
+    if (count < 0) std::abort();
+    text.resize(static_cast<std::size_t>(count));
+    return text;
+}
+
+std::string WithoutTimes(const std::string& text) {
+    static const std::regex time(R"(\[\d\d:\d\d:\d\d\])");
+    return std::regex_replace(text, time, "[TIME]");
+}
+
+} // namespace rdx::test

@@ -7,7 +7,9 @@
 #ifndef RDX_COMMON_CHECK_H
 #define RDX_COMMON_CHECK_H
 
-#include <assert.h> // __assert_fail
+// The C library's report behind `assert`, which <assert.h> does not declare in a build with NDEBUG.
+extern "C" [[noreturn]] void __assert_fail(const char* assertion, const char* file, unsigned int line,
+                                           const char* function) noexcept;
 
 #define RDX_CHECK(condition, text) \
     ((condition) ? static_cast<void>(0) : __assert_fail(text, __FILE__, __LINE__, __PRETTY_FUNCTION__))

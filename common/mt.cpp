@@ -1,0 +1,140 @@
+#include "common/mt.h"
+
+#include "common/check.h"
+#include "common/log.h"
+#include "common/log_lines.h"
+#include "common/mt_internal.h"
+#include "common/shared.h"
+#include "common/signals.h"
+
+#include <cerrno>
+#include <cstring>
+#include <pthread.h>
+#include <sys/ipc.h>
+#include <sys/sem.h>
+
+int nThreads = 0;
+ThreadID mtPrimaryThread = static_cast<ThreadID>(-1);
+
+namespace {
+
+constexpr int kSemaphorePermissions = 0666;
+
+// What the threads of the server return a pointer to. One for all: nobody reads it.
+unsigned long exitValueOfThreads = 0;
+
+class ThreadAttributes {
+public:
+    ThreadAttributes() { pthread_attr_init(&attributes_); }
+    ~ThreadAttributes() { pthread_attr_destroy(&attributes_); }
+    ThreadAttributes(const ThreadAttributes&) = delete;
+    ThreadAttributes& operator=(const ThreadAttributes&) = delete;
+
+    pthread_attr_t* Get() { return &attributes_; }
+
+private:
+    pthread_attr_t attributes_;
+};
+
+// The reason why a thread could not be detached. Nobody prints it; a debugger shows it.
+[[maybe_unused]] const char* DetachErrorText(int error) {
+    if (error == ESRCH) return "No such thread";
+    if (error == EINVAL) return "Not a joinable thread";
+    return std::strerror(errno);
+}
+
+int OpenSemaphore(int key) { return semget(key, 1, kSemaphorePermissions); }
+
+// Changes the semaphore by `change`: 0, -1 when there is none, -2 when the operation failed.
+int OperateSemaphore(int key, short change, short flags) {
+    const int set = OpenSemaphore(key);
+    if (set < 0) return -1;
+    sembuf operation{0, change, flags};
+    return semop(set, &operation, 1) < 0 ? -2 : 0;
+}
+
+} // namespace
+
+int InitThreadLib() {
+    rdx::StoreShared(nThreads, 0);
+    rdx::LogPlain("InitThreadLib()", "running POSIX threads", 0);
+    rdx::StoreShared(mtPrimaryThread, CurrentThreadID());
+    printf("\nmtPrimaryThread=%d", static_cast<int>(PrimaryThreadID()));
+    return 0;
+}
+
+int ThreadCreate(void* (*pBody)(void*), void* pArgs, ThreadID* pID) {
+    RDX_CHECK(pBody != nullptr, "pBody != __null");
+    RDX_CHECK(pArgs != nullptr, "pArgs != __null");
+    RDX_CHECK(pID != nullptr, "pID != __null");
+    ThreadAttributes attributes;
+    // The policy takes effect only for a thread that does not inherit its creator's; it costs no privilege.
+    if (pthread_attr_setschedpolicy(attributes.Get(), SCHED_RR) != 0) return -1;
+    pthread_attr_setstacksize(attributes.Get(), MT_STACK_SIZE);
+
+    // Counted before it can run: a fast thread leaves the count before this function goes on.
+    __atomic_fetch_add(&nThreads, 1, __ATOMIC_ACQ_REL);
+    pthread_t handle{};
+    int created;
+    {
+        const rdx::CaughtSignalsBlocked inheritedByTheThread;
+        created = pthread_create(&handle, attributes.Get(), pBody, pArgs);
+    }
+    if (created != 0) {
+        __atomic_fetch_sub(&nThreads, 1, __ATOMIC_ACQ_REL);
+        return -2;
+    }
+    RDX_CHECK(handle != 0, "hThread != __null");
+    if (const int error = pthread_detach(handle); error != 0) {
+        static_cast<void>(DetachErrorText(error));
+        __atomic_fetch_sub(&nThreads, 1, __ATOMIC_ACQ_REL);
+        return -3;
+    }
+    rdx::StoreShared(*pID, static_cast<ThreadID>(handle));
+    return 0;
+}
+
+void ThreadTerminate(unsigned long ulExit) {
+    RDX_CHECK(NumOfThreads() > 0, "nThreads > 0");
+    rdx::UncountThread();
+    RDX_CHECK(CurrentThreadID() != 0, "hThread != __null");
+    rdx::EndThread(ulExit);
+}
+
+ThreadID CurrentThreadID() { return rdx::ThreadNumber(); }
+
+ThreadID PrimaryThreadID() { return rdx::LoadShared(mtPrimaryThread); }
+
+int NumOfThreads() { return rdx::LoadShared(nThreads); }
+
+int SemaCreate(int key) {
+    const int set = semget(key, 1, kSemaphorePermissions | IPC_CREAT);
+    if (set < 0) return -1;
+    return semctl(set, 0, SETVAL, 1) < 0 ? -2 : 0;
+}
+
+int SemaP(int key, int bNoWait) { return OperateSemaphore(key, -1, bNoWait != 0 ? IPC_NOWAIT : 0); }
+
+int SemaV(int key) { return OperateSemaphore(key, 1, 0); }
+
+int SemaGetValue(int key) {
+    const int set = OpenSemaphore(key);
+    if (set < 0) return -1;
+    const int value = semctl(set, 0, GETVAL);
+    return value < 0 ? -2 : value;
+}
+
+namespace rdx {
+
+void UncountThread() {
+    const int remaining = __atomic_sub_fetch(&nThreads, 1, __ATOMIC_ACQ_REL);
+    if (VerbosityAbove(VERBOSITY_LOG)) LogThread("ThreadTerminate()", "remaining threads =", remaining);
+}
+
+void EndThread(unsigned long exitValue) {
+    constexpr unsigned long kLow16Bits = 0xffff;
+    StoreShared(exitValueOfThreads, exitValue & kLow16Bits);
+    pthread_exit(&exitValueOfThreads);
+}
+
+} // namespace rdx

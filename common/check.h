@@ -11,7 +11,7 @@
 extern "C" [[noreturn]] void __assert_fail(const char* assertion, const char* file, unsigned int line,
                                            const char* function) noexcept;
 
-#define RDX_CHECK(condition, text) \
+#define RDX_CHECK(condition, text)                                                                           \
     ((condition) ? static_cast<void>(0) : __assert_fail(text, __FILE__, __LINE__, __PRETTY_FUNCTION__))
 
 #endif

@@ -19,7 +19,8 @@ extern "C" {
 extern RDX_API FILE* StdErr;
 extern RDX_API FILE* StdOut;
 
-/* The error log and the log; null until rdxhttp_main sets them to StdErr and StdOut. A null `outlog` means StdOut. */
+/* The error log and the log; null until rdxhttp_main sets them to StdErr and StdOut. A null `outlog` means
+ * StdOut. */
 extern RDX_API FILE* errlog;
 extern RDX_API FILE* outlog;
 

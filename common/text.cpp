@@ -43,9 +43,8 @@ std::int32_t ParseDecimal(std::string_view text) {
     const Decimal decimal = ReadDecimal(text);
     const auto magnitude = static_cast<std::int64_t>(decimal.magnitude);
     const std::int64_t number = decimal.negative ? -magnitude : magnitude;
-    return static_cast<std::int32_t>(
-        std::clamp<std::int64_t>(number, std::numeric_limits<std::int32_t>::min(),
-                                 std::numeric_limits<std::int32_t>::max()));
+    return static_cast<std::int32_t>(std::clamp<std::int64_t>(
+        number, std::numeric_limits<std::int32_t>::min(), std::numeric_limits<std::int32_t>::max()));
 }
 
 std::uint32_t ParseUnsignedDecimal(std::string_view text) {

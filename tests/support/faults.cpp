@@ -53,9 +53,9 @@ enum Index {
 } // namespace
 
 extern "C" {
-#define FAULT(name, type, failure, parameters, arguments)                                                   \
-    type __real_##name parameters;                                                                          \
-    type __wrap_##name parameters;                                                                          \
+#define FAULT(name, type, failure, parameters, arguments)                                                    \
+    type __real_##name parameters;                                                                           \
+    type __wrap_##name parameters;                                                                           \
     type __wrap_##name parameters { return Strikes(INDEX_##name) ? failure : __real_##name arguments; }
 #include "tests/support/faults.def"
 #undef FAULT

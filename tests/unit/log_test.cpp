@@ -36,8 +36,10 @@ TEST(LogLines, HaveThreeForms) {
     const std::string thread = std::to_string(ThreadNumber());
     EXPECT_EQ(test::WithoutTimes(capture.Text()),
               "\n[TIME],main(): rdxhttp_main (0)"
-              "\n[TIME],RunHttpServer(): found activity on server socket (3) [tid=" + thread + "]"
-              "\n[TIME],SignalHandler(): handling signal <SIGHUP>");
+              "\n[TIME],RunHttpServer(): found activity on server socket (3) [tid=" +
+                  thread +
+                  "]"
+                  "\n[TIME],SignalHandler(): handling signal <SIGHUP>");
 }
 
 TEST(LogLines, GoToTheLogStreamAndAreFlushed) {

@@ -1,0 +1,123 @@
+/*
+ * Call data and results: the records that carry one device-service call and its answer.
+ *
+ * Conventions
+ *   - Both records are created zero-filled. They own their heap text (allocated with malloc) until
+ *     FreeTnRequest or FreeTnResponse releases it; the record itself belongs to its creator.
+ *   - Texts are NUL-terminated; sizes named ..._SIZE count the NUL, lengths and ..._MAX do not.
+ *   - Every function works on its arguments only and may run on several threads at once.
+ *   - A broken precondition, where one is named, ends the process by assertion.
+ */
+#ifndef RDX_SERVER_PDATA_H
+#define RDX_SERVER_PDATA_H
+
+#include "common/export.h"
+#include "common/httpreq.h"
+#include "wddx/wddx.h"
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+enum {
+    /* Longest method name, in characters; the longest known one has 24. */
+    PDATA_FUNCTION_NAME_MAX = 32,
+    /* Longest name of a form field, in characters; the longest known one has 12. */
+    PDATA_FIELD_NAME_MAX = 64,
+    /* Size of a result text in bytes, the NUL included; with headers it has to fit the server's buffers. */
+    PDATA_RESULT_SIZE = 131072,
+    /* Length of the argument packet of a call that sends none. */
+    PDATA_DEFAULT_ARGS_LENGTH = 160
+};
+
+/* One call as taken from its request. */
+typedef struct TavrinRequest {
+    int iCallNumber;                                  /* set by the dispatcher */
+    char szFunctionName[PDATA_FUNCTION_NAME_MAX + 1]; /* the method's name */
+    char* pszWddxArgs;                                /* owned argument packet text, null when absent */
+    HttpRequest* pHttpRequest;                        /* the request of the call; set by the dispatcher */
+} TavrinRequest;
+
+/* The answer to one call. */
+typedef struct TavrinResponse {
+    int iCallNumber;      /* that of the call */
+    unsigned char ucFlag; /* not 0 asks the server to stop; cleared by a result */
+    int iStatus;          /* -99 before dispatch, 0 with a result */
+    char* pszWddxResult;  /* owned result packet text, null when absent */
+} TavrinResponse;
+
+/*
+ * Takes method name and argument packet from a multipart/form-data body: the fields "FunctionName" and
+ * "FunctionArgs" ("PostIt" is ignored).
+ *   req   in: a request as ConsumeHttpRequest delivers it. A multipart request without a body, without a
+ *         boundary, with one whose length is not ucBoundaryLen, or with a line separator that is not of
+ *         one or two characters ends the process by assertion, and so does a field with an empty name.
+ *   call  out: szFunctionName and pszWddxArgs (null unless the field was there and not empty).
+ * Returns
+ *   0    the whole body was read; a field that was not there leaves its output as described
+ *   -99  not a multipart request; `call` is unchanged
+ *   -1   the body does not begin with the boundary or ends right behind it; `call` is unchanged
+ *   -2   a part's header is malformed, cut off, or names a field of more than PDATA_FIELD_NAME_MAX
+ *   -3   the data of "FunctionName" could not be read
+ *   -5   the method name is too long, or the data of "FunctionArgs" could not be read
+ *   -7   no boundary behind a part
+ *   400  the method name is empty, or a field is unknown
+ * After a failure pszWddxArgs may still hold a text; FreeTnRequest releases it.
+ */
+RDX_API int GetMultipartCallData(HttpRequest* req, TavrinRequest* call);
+
+/*
+ * Takes the method name from the query parameter "FunctionName" and the argument packet from the body; a
+ * request without a body gets an empty packet of PDATA_DEFAULT_ARGS_LENGTH characters, which no parser
+ * accepts (kept: a call without arguments that needs them is refused as a bad request).
+ *   req   in: a request with a URI.
+ *   call  out: szFunctionName and pszWddxArgs.
+ * Returns 0; 400 when the parameter is missing, empty or too long, with `call` unchanged; -2 when memory is
+ * short, with pszWddxArgs null.
+ */
+RDX_API int GetStandardCallData(HttpRequest* req, TavrinRequest* call);
+
+/*
+ * Prints `value` as a result packet into `rsp`, through a temporary file of its own that only its owner can
+ * read and that is gone when the call returns.
+ *   rsp      in/out: on success pszWddxResult is the text (an earlier one is freed), ucFlag and iStatus are
+ *            0; on failure nothing has changed.
+ *   value    in: the tree, still the caller's.
+ *   comment  in: the packet's comment, written as it is; null gives an empty one.
+ * Returns 0; -1 no temporary name; -2 the file could not be created, also because the name was taken; -3 the
+ * value could not be printed; -4 the file could not be written; -5 it could not be read back; -6 no memory
+ * for the text; -7 the text is longer than PDATA_RESULT_SIZE; -8 the text's memory could not be shrunk.
+ * A text of exactly PDATA_RESULT_SIZE characters ends the process by assertion.
+ */
+RDX_API int AssignWddxResult(TavrinResponse* rsp, WddxValue* value, const char* comment);
+
+/* AssignWddxResult with an empty comment. */
+RDX_API int AssignResult(TavrinResponse* rsp, WddxValue* value);
+
+/*
+ * Makes packet text displayable inside an HTML page: "<" becomes "&lt;" and ">" becomes "&gt;".
+ *   szWddx    in: the text; null ends the process by assertion.
+ *   szBuf     out: the escaped text; null ends the process by assertion.
+ *   uiBufsiz  in: size of szBuf in bytes, the NUL included; 0 ends the process by assertion.
+ * Returns 0, for an empty text with szBuf untouched; -1, -2 or -3 when the buffer was full at a "<", a ">"
+ * or another byte, with the escaped text up to there in szBuf.
+ */
+RDX_API int Wddx2Html(const char* szWddx, char* szBuf, unsigned int uiBufsiz);
+
+/* Frees the argument text and nulls its pointer. A null record is left alone. */
+RDX_API void FreeTnRequest(TavrinRequest* call);
+
+/* Frees the result text and nulls its pointer. A null record is left alone. */
+RDX_API void FreeTnResponse(TavrinResponse* rsp);
+
+/*
+ * Copies a response with a result text of its own; the text that `dst` had is freed.
+ * Returns 0, or -1 when the text could not be copied (then `dst` has none) or a record is null.
+ */
+RDX_API int CopyTnResponse(TavrinResponse* dst, const TavrinResponse* src);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif

@@ -1,0 +1,226 @@
+/*
+ * Requests: the record, reading one from a socket, and reading from the record.
+ *
+ * Ownership: a request is created zero-filled. FreeHttpRequest frees what it owns; whoever created the record
+ *   then frees the record itself (one made by ConsumeHttpRequest comes from calloc).
+ * Lines: as in http.h, the range from `p` up to and without `q`.
+ * Codes: a negative HTTP status where one is meant, small negative numbers elsewhere.
+ * Traces: reading prints progress lines, each beginning with a line feed, on standard output.
+ * Threads: a request belongs to one thread at a time. The settings that are read here may be rewritten
+ *   meanwhile.
+ * Null records, texts and outputs are not accepted unless said so.
+ */
+#ifndef RDX_COMMON_HTTPREQ_H
+#define RDX_COMMON_HTTPREQ_H
+
+#include "common/export.h"
+#include "common/http.h"
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/* Methods by their index in `ucMethod` and in the configured allow table `aiMethodsAllowed`. */
+enum {
+    HTTP_GET = 0,
+    HTTP_PUT = 1,
+    HTTP_POST = 2,
+    HTTP_HEAD = 3,
+    HTTP_DELETE = 4,
+    HTTP_TRACE = 5,
+    HTTP_OPTIONS = 6,
+    HTTP_CONNECT = 7,
+    HTTP_METHODS = 8 /* how many there are */
+};
+
+/* Limits of a request, in bytes. */
+enum {
+    HTTP_WORD_SIZE = 256,      /* method, URI or protocol name, with its NUL: longer words are refused */
+    HTTP_PEER_NAME_SIZE = 256, /* peer address and port, with the NUL */
+    HTTP_QUERY_KEY_SIZE = 128  /* name and "=" of a query parameter, with the NUL: a name has at most 126 */
+};
+
+typedef struct HttpRequest {
+    unsigned char ucMethod;                 /* HTTP_GET to HTTP_CONNECT */
+    unsigned char ucHttpVersion;            /* 10 for HTTP/1.0, 11 for HTTP/1.1 */
+    char* pszUri;                           /* owned: path and query as received, not decoded; null when the
+                                               first line was empty or the connection was closed */
+    char pszSeparator[HTTP_SEPARATOR_SIZE]; /* the request line's end, "\r\n" or "\n" */
+    unsigned char ucNumOfGeneralHeaders;    /* counts rise past the lists' capacities, up to 255 */
+    HttpHeader aGeneralHeaders[HTTP_MAX_GENERAL_HEADERS]; /* lists in order of arrival */
+    unsigned char ucNumOfRequestHeaders;
+    HttpHeader aRequestHeaders[HTTP_MAX_REQUEST_HEADERS];
+    unsigned char ucNumOfEntityHeaders;
+    HttpHeader aEntityHeaders[HTTP_MAX_ENTITY_HEADERS];
+    unsigned char ucMultipart;            /* 1 when a multipart/form-data boundary was found */
+    unsigned char ucKeepAlive;            /* 1 when the connection stays open after the response */
+    unsigned char ucBoundaryLen;          /* length of `pszBoundary`, its low 8 bits */
+    char* pszBoundary;                    /* owned: "--" and the boundary parameter */
+    unsigned int uiBodyLength;            /* bytes in `pEntityBody` */
+    char* pEntityBody;                    /* owned: the body, without a NUL when read from a socket */
+    int iSocket;                          /* the socket the request was read from */
+    char szPeerName[HTTP_PEER_NAME_SIZE]; /* "address:port" of an IPv4 peer, else empty */
+} HttpRequest;
+
+/*
+ * Reads a whole request from a connected socket: request line, headers, body, credentials, peer.
+ *
+ * A connection that closes, or a line that is empty, before anything else arrives is accepted too: the
+ * request then has a null `pszUri` and no headers (kept: the callers tell the two by it).
+ *
+ *   sock       the socket
+ *   ppRequest  out: the new request, which the caller owns; null on every failure
+ *
+ * Returns  200  read and accepted
+ *           -1  the socket's receive failed
+ *         -400  malformed or too long line, no header at all, body length 0 or above a limit, multipart
+ * without POST or without boundary, short body -401  credentials are required, and missing or wrong -405
+ * method unknown or not allowed -500  no memory, or a header of no known class -501  the protocol is not HTTP
+ *         -505  the version is neither 1.0 nor 1.1
+ * A null `ppRequest` is an assertion. So are a header line without any colon and, on a failure, a header list
+ * that has overflowed.
+ */
+RDX_API int ConsumeHttpRequest(int sock, HttpRequest** ppRequest);
+
+/*
+ * Reads the request line and the headers up to the empty line.
+ *
+ *   sock  the socket
+ *   pReq  in/out: a zero-filled request; on failure it holds what was read so far
+ *
+ * Returns 0, also when the first line is empty (nothing is stored then), or -1, -400, -405, -500, -501, -505
+ * as ConsumeHttpRequest does.
+ *
+ * Any result but 0 of a classifier selects its list, also that of a malformed line: a name of one character
+ * makes a general header, and a line without a colon ends the process by the assertion of AssignHeaderData. A
+ * header that its list has no room for, or there is no memory for, is counted and otherwise ignored.
+ */
+RDX_API int ReadHttpReqHeaders(int sock, HttpRequest* pReq);
+
+/*
+ * Reads the body of `uiBodyLength` bytes into `pEntityBody`, without a NUL.
+ *
+ * Returns    0  read, or there is none to read
+ *         -400  the length is above g_dwPostMaxContLength, g_dwPostMaxSizeToRead or 2^31 - 1, or the body
+ * ended early (what arrived stays in the request) -500  no memory
+ */
+RDX_API int ReadPostData(int sock, HttpRequest* pReq);
+
+/*
+ * Parses the request line from `p` to `q` into method, URI, version and the version's keep-alive.
+ *
+ * Returns    0  parsed
+ *         -400  a word is missing, or has HTTP_WORD_SIZE characters or more
+ *         -405  the method is unknown or not allowed
+ *         -500  no memory for the URI
+ *         -501  the protocol is not HTTP
+ *         -505  the rest of the line is neither 1.0 nor 1.1
+ * On failure the request holds what was parsed before.
+ */
+RDX_API int ParseHttpMethodLine(const char* p, const char* q, HttpRequest* pReq);
+
+/*
+ * Looks a method up, case ignored.
+ *
+ *   pszMethod  the method's name
+ *   piIndex    out: its index, or -1
+ *
+ * Returns the method's entry in the allow table (1 and more: allowed), or -1 for an unknown method.
+ */
+RDX_API int IsMethodAllowed(const char* pszMethod, int* piIndex);
+
+/* Tells whether the line from `p` to `q` is a request header; see IsGeneralHeader in http.h. */
+RDX_API int IsRequestHeader(const char* p, const char* q, char** ppcolon);
+
+/*
+ * Checks the request's credentials if the settings demand it. `sock` is not used.
+ *
+ * Returns 0 to let the request pass, -1 to refuse it.
+ */
+RDX_API int CheckAuth(int sock, HttpRequest* pReq);
+
+/*
+ * Returns 1 when the value of an Authorization header is "Basic " (case ignored) and exactly the configured
+ * credentials, which are held encoded just as clients send them; else 0. A null value is accepted.
+ */
+RDX_API int IsAuthorized(const char* pszAuthorization);
+
+/*
+ * Returns the value of the first header of this name, case ignored, among the general, then the request, then
+ * the entity headers. The text belongs to the request. Null when there is none, or when `pReq` is null.
+ * A null or empty name is an assertion.
+ */
+RDX_API char* GetReqHeaderByName(HttpRequest* pReq, const char* szName);
+
+/*
+ * Tells in which list the first header of this name, case ignored, is.
+ *
+ * Returns 1 general, 2 request, 3 entity headers; 0 when it is in none, or when `pReq` is null.
+ * A null name is an assertion, and so is a list without a free entry, wherever the header is.
+ */
+RDX_API int IsHeaderAvailable(HttpRequest* pReq, const char* pszHeader);
+
+/*
+ * Appends a copy of a header to the list that its whole name, case ignored, belongs to.
+ *
+ * Returns  0  appended
+ *         -1  the name is in no table, or no memory; the request is unchanged
+ * A null name or value and a full list are assertions.
+ */
+RDX_API int AddHeader2Request(HttpRequest* pReq, HttpHeader* pHeader);
+
+/*
+ * Copies the value of a query parameter, not decoded. The name is searched with its "=" anywhere in the URI,
+ * case kept: "name" is also found in "xname=" (kept: clients rely on it).
+ *
+ *   szName    the parameter's name, at most 126 characters
+ *   szBuf     out: the value and its NUL; untouched on failure
+ *   uiBufsiz  size of `szBuf`, with the NUL
+ *
+ * Returns  0  copied
+ *         -1  the name is too long
+ *         -2  it is not in the URI
+ *         -3  the value is empty
+ *         -4  the value and its NUL do not fit
+ * Null pointers, a null `pszUri` and a size of 0 are assertions.
+ */
+RDX_API int GetQueryStringValue(HttpRequest* pstRequest, const char* szName, char* szBuf,
+                                unsigned int uiBufsiz);
+
+/*
+ * Decodes the escapes %20, %25, %3A and %5C (upper case only) in place. A decoded '%' begins an escape again:
+ * "%2520" becomes a blank. Never reads or writes behind the NUL.
+ *
+ * Returns  0  decoded
+ *         -1  the text is empty, or has another escape; it is then decoded up to there
+ * A null text is an assertion.
+ */
+RDX_API int DecodeUrlString(char* szUrlString);
+
+/*
+ * Extracts the data of the form part whose boundary line or header begins at or behind an offset of the body.
+ * Nothing outside the body is read.
+ *
+ *   uiOffset  where to begin, above 0 and below `uiBodyLength`; the first line end from here on ends a line
+ * of the part's head, and counts as one of the two that end the head pBuf      out: a NUL-terminated copy,
+ * which the caller owns; null when the data is empty and on failure
+ *
+ * Returns the data's length, 0 and more, or
+ *         -1  no line end behind the offset
+ *         -2  no empty line behind that
+ *         -3  no boundary behind that
+ * An offset outside its range, null pointers, a request without boundary, and no memory are assertions.
+ */
+RDX_API int ReadMultipartData(HttpRequest* pReq, unsigned int uiOffset, char** pBuf);
+
+/*
+ * Frees what the request owns, but not the record. Pointers and counts become null and 0, so that a second
+ * call is harmless. A null request and a count above its list's capacity are assertions.
+ */
+RDX_API void FreeHttpRequest(HttpRequest* pRequest);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif

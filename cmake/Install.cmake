@@ -1,0 +1,33 @@
+# What `cmake --install` puts into a prefix: the libraries, the headers of exported names, and what lets
+# another project find them (a CMake package and a pkg-config file).
+include(CMakePackageConfigHelpers)
+
+# Headers of exported names keep their folders below include/rDxsH.
+set(RDX_HEADERS
+  common/config.h common/export.h common/http.h common/httpreq.h common/httpresp.h common/log.h
+  common/mt.h common/portability.h common/portability_sockets.h
+  wddx/wddx.h
+  client/tnp.h
+  server/pdata.h server/rdxhttp.h server/service.h
+  rDxsd/auth.h rDxsd/rDxSvcs.h rDxsd/rDxWddx.h rDxsd/rDxsd.h)
+foreach(header IN LISTS RDX_HEADERS)
+  cmake_path(GET header PARENT_PATH folder)
+  install(FILES ${PROJECT_SOURCE_DIR}/${header} DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/rDxsH/${folder})
+endforeach()
+
+# The device library goes with the server's: without one the server's cannot be loaded.
+install(TARGETS rDxsH DxSvcs EXPORT rDxsH LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR})
+set(RDX_PACKAGE_DIR ${CMAKE_INSTALL_LIBDIR}/cmake/rDxsH)
+install(EXPORT rDxsH NAMESPACE rDxsH:: FILE rDxsHTargets.cmake DESTINATION ${RDX_PACKAGE_DIR})
+configure_package_config_file(cmake/rDxsHConfig.cmake.in rDxsHConfig.cmake
+                              INSTALL_DESTINATION ${RDX_PACKAGE_DIR})
+write_basic_package_version_file(rDxsHConfigVersion.cmake COMPATIBILITY SameMinorVersion)
+install(FILES ${CMAKE_CURRENT_BINARY_DIR}/rDxsHConfig.cmake
+              ${CMAKE_CURRENT_BINARY_DIR}/rDxsHConfigVersion.cmake DESTINATION ${RDX_PACKAGE_DIR})
+
+# The pkg-config file finds the prefix from its own place, so that the tree can be moved.
+set(RDX_PKGCONFIG_DIR ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
+file(RELATIVE_PATH RDX_PREFIX_FROM_PKGCONFIG
+     ${CMAKE_INSTALL_FULL_LIBDIR}/pkgconfig ${CMAKE_INSTALL_PREFIX})
+configure_file(cmake/rDxsH.pc.in rDxsH.pc @ONLY)
+install(FILES ${CMAKE_CURRENT_BINARY_DIR}/rDxsH.pc DESTINATION ${RDX_PKGCONFIG_DIR})

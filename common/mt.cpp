@@ -37,7 +37,7 @@ private:
 };
 
 // The reason why a thread could not be detached. Nobody prints it; a debugger shows it.
-[[maybe_unused]] const char* DetachErrorText(int error) {
+const char* DetachErrorText(int error) {
     if (error == ESRCH) return "No such thread";
     if (error == EINVAL) return "Not a joinable thread";
     return std::strerror(errno);
@@ -87,8 +87,7 @@ int ThreadCreate(void* (*pBody)(void*), void* pArgs, ThreadID* pID) {
     RDX_CHECK(handle != 0, "hThread != __null");
     if (const int error = pthread_detach(handle); error != 0) {
         static_cast<void>(DetachErrorText(error));
-        __atomic_fetch_sub(&nThreads, 1, __ATOMIC_ACQ_REL);
-        return -3;
+        return -3; // the thread runs all the same, and takes itself out of the count when it ends
     }
     rdx::StoreShared(*pID, static_cast<ThreadID>(handle));
     return 0;

@@ -43,8 +43,7 @@ RDX_API int InitThreadLib(void);
  * the server catches are blocked. `*pID` receives the thread; nThreads is raised before the thread can run.
  * Ends the process by assertion when an argument is null.
  * Returns 0; -1 when the scheduling policy was refused and -2 when no thread could be started, with nothing
- * changed; -3 when the thread, which runs all the same, could not be detached: it is not counted and `*pID`
- * is not set.
+ * changed; -3 when the thread could not be detached: it runs and counts all the same, but `*pID` is not set.
  */
 RDX_API int ThreadCreate(void* (*pBody)(void*), void* pArgs, ThreadID* pID);
 

@@ -1,0 +1,137 @@
+/*
+ * The service loop, the bodies that serve one request each, and the handler table.
+ *
+ * The loop runs on one thread, the primary one. Each connection with a request waiting is given a slot, a
+ * ServiceCall, and a serving body: on a thread of its own in the multi-threaded server, on the primary
+ * thread in the single-threaded one. A slot is shared by the loop and one serving thread, without a lock:
+ *
+ *     iSvcStatus   -1 free         only the loop leaves this state, before the body runs
+ *                   1 in service   only the serving body leaves this state, as its last access to the slot
+ *                   2 finished     only the loop leaves this state, when it harvests the slot
+ */
+#ifndef RDX_SERVER_SERVICE_H
+#define RDX_SERVER_SERVICE_H
+
+#include "common/export.h"
+#include "common/httpreq.h"
+#include "common/httpresp.h"
+#include "common/mt.h"
+
+#include <sys/select.h>
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/* Size in bytes of a handler's output, of a serialised response and of an acknowledge, each (129 KiB). */
+enum { SERVICE_BUFFER_SIZE = 132096 };
+
+/* Values of ServiceCall.iSvcStatus. */
+enum { SERVICE_FREE = -1, SERVICE_RUNNING = 1, SERVICE_FINISHED = 2 };
+
+/* One service slot. */
+typedef struct ServiceCall {
+    int hSocket;                 /* the connection; -1 none */
+    int iSvcStatus;              /* SERVICE_FREE, SERVICE_RUNNING or SERVICE_FINISHED */
+    unsigned char ucKeepAlive;   /* 1: the connection stays open after the response; left from request to
+                                    request (kept: a response to an unreadable request depends on it) */
+    unsigned char ucTerminate;   /* 1: the request asked the server to stop */
+    unsigned char ucReconfigure; /* 1: the service asked for a reconfiguration */
+    ThreadID hThreadId;          /* the serving thread; -1 none */
+    fd_set* pFdSet;              /* the loop's watched connections, where a kept one is put back */
+} ServiceCall;
+
+/*
+ * Handles one request. `pBuf` of `*pLen` bytes receives the response body, and `*pLen` its length;
+ * `*pTerminate` becomes 1 to ask the server to stop. 0: the body is there; above 0: a bad request; below 0:
+ * failed, of which -401 asks for authentication.
+ */
+typedef int (*ServerHandler)(HttpRequest* pReq, char* pBuf, unsigned long* pLen, unsigned char* pTerminate);
+
+/* One entry of the handler table: the URIs that begin with `szPrefix`, case ignored. */
+typedef struct ServerFunction {
+    const char* szPrefix;
+    ServerHandler pHandler;
+} ServerFunction;
+
+/* The handler table: "/rDx" and nothing else. */
+extern RDX_API const ServerFunction rDxFunctions[1];
+
+/* 1 once the server is to end: a handler asked for it, or the loop cannot go on. */
+extern RDX_API unsigned char ucTerminated;
+
+/*
+ * Serves the connections of a listening socket until the server is to end, is to be reconfigured, or has
+ * received a terminating signal. Up to `nMaxThreads` requests are served at once, each on its own thread;
+ * with a limit of 1 (or 0) they are served one after the other on the calling thread. At the end every
+ * watched connection is closed; a request in service is answered and its connection closed by its thread.
+ * Descriptors from FD_SETSIZE on are closed when accepted.
+ * Returns 0 after the loop has ended, -1 when it could not be set up.
+ */
+RDX_API int RunHttpServer(unsigned int hServerSocket, unsigned int nMaxThreads);
+
+/*
+ * Starts the thread library and makes `nSlots` free slots (at most FD_SETSIZE: no more connections can be
+ * in service). Returns 0; -1 when the thread library failed; -2 when memory is short or `nSlots` is below 1.
+ */
+RDX_API int InitializeThreads(int nSlots);
+
+/* Gives up the slots, if there are any. Threads that still serve keep theirs until they end. Returns 0. */
+RDX_API int DeinitializeThreads(void);
+
+/*
+ * Closes every descriptor below `nMax` that is in `pSet`, but not `hExcept`. An `nMax` outside 0 to 1023
+ * means 1024. The set is left as it is. Returns 0.
+ */
+RDX_API int CloseClientSockets(fd_set* pSet, unsigned int nMax, unsigned int hExcept);
+
+/*
+ * The first free one of `nSlots` slots from `pBase`, its socket and thread set to -1; null when none is
+ * free. Ends the process by assertion when `pBase` is null or `nSlots` not above 0.
+ */
+RDX_API ServiceCall* GetServiceCallPtr(ServiceCall* pBase, int nSlots);
+
+/*
+ * Harvests the first finished one of `nSlots` slots, and no more than one: passes its requests on to
+ * ucTerminated or ucReconfigured and frees it. Ends the process by assertion when a slot in service before
+ * it has no thread.
+ */
+RDX_API void UpdateServerStatus(ServiceCall* pBase, int nSlots);
+
+/*
+ * The end of every service. A connection whose `iSvcStatus` is above 0 and that is to be kept is watched
+ * again, every other one is closed once its peer has acknowledged the answer; the slot is marked finished
+ * and must not be touched any more. On a serving thread it ends the thread with `iSvcStatus`; on the
+ * primary thread it returns `iSvcStatus`. Ends the process by assertion when `iSvcStatus` is 0.
+ */
+RDX_API int ServeClientDone(ServiceCall* pArgs, int iSvcStatus, int bKeepAlive);
+
+/* The handler of a URI; null for a URI without one and for no URI. */
+RDX_API ServerHandler GetServerHandler(const char* pszUri);
+
+/*
+ * Has a request handled. `pBuf` of `*pLen` bytes, filled with zeros first, receives the response body and
+ * `*pLen` its length; `*pTerminate` becomes 1 when the handler asks the server to stop; `*pKeepAlive`
+ * becomes the request's wish. `uiReserved` is not used.
+ * Returns 200; -404 without a handler, with `*pKeepAlive` left alone; -400 a bad request; -401
+ * authentication required; -500 any other failure.
+ */
+RDX_API int HandleRequest(HttpRequest* pReq, char* pBuf, unsigned int* pLen, unsigned int uiReserved,
+                          unsigned char* pTerminate, unsigned char* pKeepAlive);
+
+/*
+ * Serves one request: reads it, has it handled, answers it and ends with ServeClientDone. Does not return
+ * on a serving thread. The result is the service's status as an integer: the bytes sent; -1 no request; -2
+ * no response could be made; -3 it could not be written out, or was not sent whole; else what SendSocket
+ * returned. Ends the process by assertion when the slot is null, has no watched set or is not in service.
+ */
+RDX_API void* ServeClient(ServiceCall* pArgs);
+
+/* Serves one request in junior mode. As ServeClient. */
+RDX_API void* ServeClientInStages(ServiceCall* pArgs);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif

@@ -1,11 +1,13 @@
 #include "tests/support/faults.h"
 
+#include <crypt.h>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
 #include <netdb.h>
 #include <pthread.h>
+#include <shadow.h>
 #include <signal.h>
 #include <sys/sem.h>
 #include <sys/socket.h>

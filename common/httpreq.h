@@ -73,12 +73,15 @@ typedef struct HttpRequest {
  *
  * Returns  200  read and accepted
  *           -1  the socket's receive failed
- *         -400  malformed or too long line, no header at all, body length 0 or above a limit, multipart
- * without POST or without boundary, short body -401  credentials are required, and missing or wrong -405
- * method unknown or not allowed -500  no memory, or a header of no known class -501  the protocol is not HTTP
+ *         -400  malformed or too long line, no header at all, body length 0 or above a limit, short body,
+ *               multipart without POST or without boundary
+ *         -401  credentials are required, and missing or wrong
+ *         -405  method unknown or not allowed
+ *         -500  no memory, or a header of no known class
+ *         -501  the protocol is not HTTP
  *         -505  the version is neither 1.0 nor 1.1
- * A null `ppRequest` is an assertion. So are a header line without any colon and, on a failure, a header list
- * that has overflowed.
+ * A null `ppRequest` is an assertion. So are a header line without any colon and, on a failure, a header
+ * list that has overflowed.
  */
 RDX_API int ConsumeHttpRequest(int sock, HttpRequest** ppRequest);
 
@@ -102,7 +105,8 @@ RDX_API int ReadHttpReqHeaders(int sock, HttpRequest* pReq);
  *
  * Returns    0  read, or there is none to read
  *         -400  the length is above g_dwPostMaxContLength, g_dwPostMaxSizeToRead or 2^31 - 1, or the body
- * ended early (what arrived stays in the request) -500  no memory
+ *               ended early (what arrived stays in the request)
+ *         -500  no memory
  */
 RDX_API int ReadPostData(int sock, HttpRequest* pReq);
 
@@ -201,15 +205,16 @@ RDX_API int DecodeUrlString(char* szUrlString);
  * Extracts the data of the form part whose boundary line or header begins at or behind an offset of the body.
  * Nothing outside the body is read.
  *
- *   uiOffset  where to begin, above 0 and below `uiBodyLength`; the first line end from here on ends a line
- * of the part's head, and counts as one of the two that end the head pBuf      out: a NUL-terminated copy,
- * which the caller owns; null when the data is empty and on failure
+ *   uiOffset  where to begin, above 0 and below `uiBodyLength`. The first line end from here on ends a line
+ *             of the part's head, and counts as the first of the two in a row that end the head.
+ *   pBuf      out: a NUL-terminated copy, which the caller owns; null when the data is empty; untouched on
+ *             failure
  *
  * Returns the data's length, 0 and more, or
  *         -1  no line end behind the offset
  *         -2  no empty line behind that
  *         -3  no boundary behind that
- * An offset outside its range, null pointers, a request without boundary, and no memory are assertions.
+ * An offset outside its range, a null `pBuf`, a request without boundary, and no memory are assertions.
  */
 RDX_API int ReadMultipartData(HttpRequest* pReq, unsigned int uiOffset, char** pBuf);
 

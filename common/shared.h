@@ -8,6 +8,7 @@
 #define RDX_COMMON_SHARED_H
 
 #include <cstddef>
+#include <span>
 #include <string_view>
 
 namespace rdx {
@@ -45,11 +46,12 @@ private:
 };
 
 // Rewrites a shared text setting; what does not fit is cut off.
-template <std::size_t Size>
-void StoreSharedText(char (&setting)[Size], std::string_view value) {
-    const std::size_t length = value.size() < Size - 1 ? value.size() : Size - 1;
-    for (std::size_t i = 0; i < length; ++i) __atomic_store_n(&setting[i], value[i], __ATOMIC_RELAXED);
-    __atomic_store_n(&setting[length], '\0', __ATOMIC_RELAXED);
+inline void StoreSharedText(std::span<char> setting, std::string_view value) {
+    const std::string_view kept = value.substr(0, setting.size() - 1);
+    for (std::size_t i = 0; i < kept.size(); ++i) {
+        __atomic_store_n(&setting[i], kept[i], __ATOMIC_RELAXED);
+    }
+    __atomic_store_n(&setting[kept.size()], '\0', __ATOMIC_RELAXED);
 }
 
 } // namespace rdx

@@ -1,0 +1,123 @@
+/*
+ * The settings of the server and the reader of the INI file they come from.
+ *
+ * The settings are plain process-wide globals that every module reads directly. SIGUSR1 rewrites them while
+ * requests are served: inside the library they are read and written through common/shared.h; a program that
+ * sets them itself does so while no server runs. Texts are NUL-terminated within their arrays.
+ */
+#ifndef RDX_COMMON_CONFIG_H
+#define RDX_COMMON_CONFIG_H
+
+#include "common/export.h"
+#include "common/log.h"
+#include "common/mt.h"
+
+#include <stdio.h>
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/* Sizes in bytes of the text settings, the NUL included, and of the table of methods. */
+enum {
+    CONFIG_ADDRESSES_SIZE = 257,
+    CONFIG_TERMINATOR_SIZE = 65,
+    CONFIG_AUTH_INFO_SIZE = 49,
+    CONFIG_AUTH_REALM_SIZE = 33,
+    CONFIG_PORT_SIZE = 13,
+    CONFIG_ADDRESS_SIZE = 17,
+    CONFIG_PATH_SIZE = 257,
+    CONFIG_REMOTE_HOST_SIZE = 130,
+    CONFIG_ADMIN_HOST_SIZE = 129,
+    CONFIG_CREDENTIALS_SIZE = 6 + CONFIG_AUTH_INFO_SIZE, /* "Basic " and an AuthInfo */
+    CONFIG_METHODS = 8
+};
+
+/* Keys of section HTTP; the default in brackets. */
+extern RDX_API char szClientAddresses[CONFIG_ADDRESSES_SIZE];   /* ClientsAccepted [127.0.0.1] */
+extern RDX_API unsigned char ucProtocolVersion;                 /* ProtocolVersion: 10 or 11 [11] */
+extern RDX_API unsigned char ucEntityTerminator;                /* SendEOT: 0 or 1 [0] */
+extern RDX_API char szEntityTerminator[CONFIG_TERMINATOR_SIZE]; /* EOTString [] */
+extern RDX_API unsigned char ucAuthRequired;                    /* AuthRequired: 0 or 1 [0] */
+extern RDX_API char szConfigAuthInfo[CONFIG_AUTH_INFO_SIZE];    /* AuthInfo [] */
+extern RDX_API char szConfigAuthRealm[CONFIG_AUTH_REALM_SIZE];  /* AuthRealm [Tavrin] */
+extern RDX_API char szConfigSvcPort[CONFIG_PORT_SIZE];          /* ServicePort: a service or number [www] */
+extern RDX_API char szConfigSvcAddr[CONFIG_ADDRESS_SIZE];       /* ServiceAddr [127.0.0.1] */
+extern RDX_API int aiMethodsAllowed[CONFIG_METHODS];       /* MethodsAllowed: 1 allows the method [all 0] */
+extern RDX_API char szConfigLogfile[CONFIG_PATH_SIZE];     /* Logfile [] */
+extern RDX_API unsigned char ucSupportNetscapeVM;          /* SupportNetscapeVM: 0 or 1 [0] */
+extern RDX_API char szConfigVoltageFile[CONFIG_PATH_SIZE]; /* VoltageFile, also in RPC [] */
+extern RDX_API unsigned int uiVoltageMaxAge;               /* VoltageMaxAge: seconds [120] */
+extern RDX_API unsigned char ucVoltageFromCar;             /* VoltageFromCar, also in RPC: 0 or 1 [0] */
+extern RDX_API unsigned char ucLocalAccessAllowed;         /* LocalAccessAllowed: 0 or 1 [0] */
+
+/* Key of section TCP. */
+extern RDX_API char szMorbelRemoteHost[CONFIG_REMOTE_HOST_SIZE]; /* RemoteHost [] */
+
+/* Settings without a key. */
+extern RDX_API unsigned char ucSemaProtection;           /* printed by the dump, nothing else [0] */
+extern RDX_API unsigned char ucRunAsJunior;              /* 1: junior mode [0] */
+extern RDX_API char szAuthInfo[CONFIG_CREDENTIALS_SIZE]; /* "Basic " and the credentials that are sent */
+extern RDX_API char szAdminServerHost[CONFIG_ADMIN_HOST_SIZE]; /* administration server */
+extern RDX_API unsigned int uiAdminServerPort;                 /* 0: none */
+extern RDX_API int nMaxThreads;                                /* requests served at once, at least 1 */
+extern RDX_API unsigned int g_dwPostMaxSizeToRead;             /* limits of a request's body in bytes: the */
+extern RDX_API unsigned int g_dwPostMaxContLength;             /* smaller one holds; 65536 each */
+
+/* Reconfigurations since the start, and the flag that makes the service loop end for one. */
+extern RDX_API unsigned int uiReconfigurations;
+extern RDX_API unsigned char ucReconfigured;
+
+/* The build number that the dump prints. */
+extern RDX_API const unsigned int uiBuildNumber;
+
+/*
+ * Sets the defaults above, forbids every method, and leaves junior mode. LocalAccessAllowed keeps its value
+ * (kept), as do the settings without a key other than ucSemaProtection and ucRunAsJunior.
+ */
+RDX_API void SetDefaultConfig(void);
+
+/*
+ * Overlays the settings with one section of a file: "HTTP", "RPC" or "TCP", case ignored. Lines are cut
+ * into pieces of 255 characters. A header opens the section when it contains its name; the first line that
+ * begins with no key of the section ends it. Settings read before a bad line stay set.
+ * Returns 0; -1 an empty path; -2 an empty section name; -3 an unknown section; -4 the file could not be
+ * opened; -5 it could not be read; or the key reader's result for the first bad line. Ends the process by
+ * assertion when an argument is null.
+ */
+RDX_API int ReadIniFile(const char* szPath, const char* szSection);
+
+/*
+ * Read one line of section HTTP, RPC or TCP: a key, '=' and the value, with white space before the value
+ * skipped. The line is a NUL-terminated text, trimmed, and is left as it is. A value that is refused changes
+ * nothing, but for VoltageMaxAge, which 0 sets to 120, and MethodsAllowed, whose words before an unknown one
+ * stay allowed.
+ * ReadHttpKey: 0; -1 no '=', an unknown key or an unknown verbosity; too long: -2 ClientsAccepted, -3
+ * EOTString, -4 AuthInfo, -5 AuthRealm, -6 ServicePort and ServiceAddr, -8 Logfile, -9 VoltageFile, -10
+ * VoltageMaxAge; -7 an unknown method; -11 a VoltageMaxAge of 0.
+ * ReadRpcKey, ReadTcpKey: 0; -1 an unknown key; -2 no '='; -3 a value that is too long.
+ */
+RDX_API int ReadHttpKey(char* line);
+RDX_API int ReadRpcKey(char* line);
+RDX_API int ReadTcpKey(char* line);
+
+/* Removes the white space around a line, in place. A null or empty line is left alone. */
+RDX_API void TrimLine(char* line);
+
+/*
+ * Reads section HTTP of the file again, over the settings as they are, and asks the service loop to start
+ * anew. Returns 0, or -1 when the file could not be read, with the settings before the bad line changed.
+ */
+RDX_API int Reconfig(const char* szPath);
+
+/*
+ * Prints the settings, the credentials included, as a table of labels to `stream`, and where it begins and
+ * ends to standard output; nothing at verbosity 0. Returns 0.
+ */
+RDX_API int DumpConfiguration(FILE* stream);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif

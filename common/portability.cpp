@@ -225,11 +225,11 @@ int TempFileName(char* buf) {
         rdx::CopyBounded(name, kTempTemplate);
         if (!MakeUnique(std::span(name).subspan(kTempTemplate.size() - kUniqueCharacters, kUniqueCharacters)))
             break;
-        char path[TEMP_NAME_SIZE];
+        char path[TEMP_FILE_NAME_SIZE];
         const int placed = rdx::PlaceTempName(name, path);
         if (placed != 0) return placed;
         if (Exists(path)) continue;
-        rdx::CopyBounded({buf, TEMP_NAME_SIZE}, path);
+        rdx::CopyBounded({buf, TEMP_FILE_NAME_SIZE}, path);
         return 0;
     }
     return kNoName;

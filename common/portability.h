@@ -16,7 +16,7 @@ extern "C" {
 #endif
 
 /* Size in bytes of a temporary file's name, the NUL included. */
-enum { TEMP_NAME_SIZE = 256 };
+enum { TEMP_FILE_NAME_SIZE = 256 };
 
 /* Convert to upper or lower case in place. Return `s`, which may be null. */
 RDX_API char* strupr(char* s);
@@ -86,7 +86,7 @@ RDX_API int IsLeapYear(int year);
 
 /*
  * Makes the name of a temporary file in "/tmp" that does not exist; no file is created. `buf` of
- * TEMP_NAME_SIZE bytes receives it.
+ * TEMP_FILE_NAME_SIZE bytes receives it.
  * Returns 0; -1 when no name could be made; -2 and -3 when it would be too long, as a name with a folder of
  * its own and below "/tmp"; `buf` is as it was then.
  */

@@ -314,9 +314,9 @@ void* AsResult(int status) { return reinterpret_cast<void*>(static_cast<std::int
 
 } // namespace
 
-int RunHttpServer(unsigned int hServerSocket, unsigned int nMaxThreads) {
+int RunHttpServer(unsigned int hServerSocket, unsigned int nThreadLimit) {
     const rdx::SignalsInWindowsOnly signals;
-    const auto limit = static_cast<int>(std::min<unsigned>(nMaxThreads, kMostDescriptors));
+    const auto limit = static_cast<int>(std::min<unsigned>(nThreadLimit, kMostDescriptors));
     if (limit > 1 && InitializeThreads(limit) != 0) return -1;
     ServiceCall ownSlot{};
     ownSlot.hSocket = -1;

@@ -62,13 +62,13 @@ extern RDX_API unsigned char ucTerminated;
 
 /*
  * Serves the connections of a listening socket until the server is to end, is to be reconfigured, or has
- * received a terminating signal. Up to `nMaxThreads` requests are served at once, each on its own thread;
+ * received a terminating signal. Up to `nThreadLimit` requests are served at once, each on its own thread;
  * with a limit of 1 (or 0) they are served one after the other on the calling thread. At the end every
  * watched connection is closed; a request in service is answered and its connection closed by its thread.
  * Descriptors from FD_SETSIZE on are closed when accepted.
  * Returns 0 after the loop has ended, -1 when it could not be set up.
  */
-RDX_API int RunHttpServer(unsigned int hServerSocket, unsigned int nMaxThreads);
+RDX_API int RunHttpServer(unsigned int hServerSocket, unsigned int nThreadLimit);
 
 /*
  * Starts the thread library and makes `nSlots` free slots (at most FD_SETSIZE: no more connections can be

@@ -7,7 +7,6 @@ set(RDX_HEADERS
   common/config.h common/export.h common/http.h common/httpreq.h common/httpresp.h common/log.h
   common/mt.h common/portability.h common/portability_sockets.h
   wddx/wddx.h
-  client/tnp.h
   server/pdata.h server/rdxhttp.h server/service.h
   rDxsd/auth.h rDxsd/rDxSvcs.h rDxsd/rDxWddx.h rDxsd/rDxsd.h)
 foreach(header IN LISTS RDX_HEADERS)

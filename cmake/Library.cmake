@@ -7,11 +7,19 @@ foreach(module IN LISTS modules)
 endforeach()
 add_library(rDxsH SHARED ${objects})
 add_library(rDxsH::rDxsH ALIAS rDxsH)
-target_link_libraries(rDxsH PRIVATE rdx_options DxSvcs Threads::Threads crypt)
+target_link_libraries(rDxsH PRIVATE rdx_options Threads::Threads crypt)
+
+# The device library is loaded with this one, whether or not the linker sees a use of it.
+set(CMAKE_CXX_LINK_LIBRARY_USING_ALWAYS LINKER:--push-state,--no-as-needed <LINK_ITEM> LINKER:--pop-state)
+set(CMAKE_CXX_LINK_LIBRARY_USING_ALWAYS_SUPPORTED TRUE)
+target_link_libraries(rDxsH PRIVATE $<LINK_LIBRARY:ALWAYS,DxSvcs>)
 target_include_directories(rDxsH INTERFACE $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}>
                            $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}/rDxsH>)
 
-set_target_properties(rDxsH PROPERTIES INSTALL_RPATH "$ORIGIN")
+
+# One path for both trees. A build path that is rewritten at installation would be padded with empty
+# entries, which the loader takes for the current directory.
+set_target_properties(rDxsH PROPERTIES INSTALL_RPATH "$ORIGIN" BUILD_WITH_INSTALL_RPATH ON)
 
 include(${CMAKE_CURRENT_LIST_DIR}/BuildDate.cmake)
 include(${CMAKE_CURRENT_LIST_DIR}/Install.cmake)

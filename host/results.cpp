@@ -1,5 +1,7 @@
 #include "host/results.h"
 
+#include "server/rdxhttp.h"
+
 #include <algorithm>
 #include <array>
 #include <cstdio>
@@ -20,24 +22,24 @@ struct Outcome {
 };
 
 constexpr std::array<Outcome, 9> kOutcomes = {{
-    {0, "ordinary shutdown", Subject::kNone, nullptr},
-    {-1, "the command line was rejected", Subject::kNone,
+    {RDXHTTP_OK, "ordinary shutdown", Subject::kNone, nullptr},
+    {RDXHTTP_BAD_COMMAND_LINE, "the command line was rejected", Subject::kNone,
      "Every option takes a value; 'rdxhttpd --help' lists them."},
-    {-2, "the configuration was not accepted; check the file", Subject::kFile,
+    {RDXHTTP_BAD_CONFIGURATION, "the configuration was not accepted; check the file", Subject::kFile,
      "It must be readable, and every value in its section [HTTP] valid; reading stops at the first that "
      "is not."},
-    {-4, "the log file could not be opened; see Logfile in", Subject::kFile,
+    {RDXHTTP_BAD_LOGFILE, "the log file could not be opened; see Logfile in", Subject::kFile,
      "Name a file that can be written, or remove the key."},
-    {-6, "the signal handler could not be installed", Subject::kNone,
+    {RDXHTTP_NO_SIGNALS, "the signal handler could not be installed", Subject::kNone,
      "A restriction put on the process, such as a system call filter, must allow sigaction."},
-    {-7, "the socket library could not be started", Subject::kNone,
+    {RDXHTTP_NO_SOCKETS, "the socket library could not be started", Subject::kNone,
      "A restriction put on the process must allow IPv4 sockets."},
-    {-9, "the port cannot be opened:", Subject::kPort,
+    {RDXHTTP_NO_SERVER_SOCKET, "the port cannot be opened:", Subject::kPort,
      "It is in use (choose another with ServicePort in the configuration file), or it lies below 1024 and "
      "needs root's privileges, or a name or protocol is unknown to the system (Debian package netbase)."},
-    {-10, "the service loop could not be started", Subject::kNone,
+    {RDXHTTP_NO_SERVICE_LOOP, "the service loop could not be started", Subject::kNone,
      "Free memory, or give a smaller number of threads with -mt."},
-    {-11, "the server stopped, but its port could not be closed", Subject::kNone,
+    {RDXHTTP_SERVER_SOCKET_LOST, "the server stopped, but its port could not be closed", Subject::kNone,
      "Nothing is left to do; the port is free now that the process ends."},
 }};
 

@@ -7,12 +7,13 @@ foreach(module IN LISTS modules)
 endforeach()
 add_library(rDxsH SHARED ${objects})
 add_library(rDxsH::rDxsH ALIAS rDxsH)
-target_link_libraries(rDxsH PRIVATE rdx_options Threads::Threads crypt)
+target_link_libraries(rDxsH PRIVATE rdx_options Threads::Threads)
 
-# The device library is loaded with this one, whether or not the linker sees a use of it.
+# The device library is loaded with this one, whether or not the linker sees a use of it. So is libcrypt: a
+# sanitizer's runtime has its functions too, but only to call the real ones.
 set(CMAKE_CXX_LINK_LIBRARY_USING_ALWAYS LINKER:--push-state,--no-as-needed <LINK_ITEM> LINKER:--pop-state)
 set(CMAKE_CXX_LINK_LIBRARY_USING_ALWAYS_SUPPORTED TRUE)
-target_link_libraries(rDxsH PRIVATE $<LINK_LIBRARY:ALWAYS,DxSvcs>)
+target_link_libraries(rDxsH PRIVATE $<LINK_LIBRARY:ALWAYS,DxSvcs,crypt>)
 target_include_directories(rDxsH INTERFACE $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}>
                            $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}/rDxsH>)
 

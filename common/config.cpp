@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <array>
 #include <cstring>
+#include <iterator>
 #include <memory>
 #include <span>
 #include <string_view>
@@ -45,26 +46,27 @@ namespace {
 constexpr unsigned kDefaultVoltageMaxAge = 120; // seconds
 constexpr int kLineBufferSize = 256;            // bytes, the NUL included: longer lines are read in pieces
 
-constexpr std::array<std::string_view, CONFIG_METHODS> kMethodNames = {
-    "GET", "PUT", "POST", "HEAD", "DELETE", "TRACE", "OPTIONS", "CONNECT"};
+constexpr std::array<const char*, CONFIG_METHODS> kMethodNames = {"GET",    "PUT",   "POST",    "HEAD",
+                                                                  "DELETE", "TRACE", "OPTIONS", "CONNECT"};
 constexpr std::array<const char*, VERBOSITY_ALL + 1> kVerbosityNames = {"VERBOSITY_NONE",  "VERBOSITY_FATAL",
                                                                         "VERBOSITY_ERROR", "VERBOSITY_WARN",
                                                                         "VERBOSITY_LOG",   "VERBOSITY_ALL"};
 
 // --- values ---------------------------------------------------------------------------------------------
 
-// Where a key's value goes and what it means when it does not fit: each reader uses what it needs.
+// Where a key's value goes and the failure when it is refused: each reader uses what it needs. The limit of a
+// text is its setting's size.
 struct Target {
     std::span<char> text = {};
     unsigned char* flag = nullptr;
-    int tooLong = 0;
+    int refused = 0;
 };
 
-// Reads a value into its target: 0 or the key's failure.
+// Reads a value into its target: 0 or the failure.
 using ValueReader = int (*)(const Target& target, std::string_view value);
 
 int ReadText(const Target& target, std::string_view value) {
-    if (value.size() >= target.text.size()) return target.tooLong;
+    if (value.size() >= target.text.size()) return target.refused;
     rdx::StoreSharedText(target.text, value);
     return 0;
 }
@@ -86,36 +88,34 @@ int ReadProtocolVersion(const Target& target, std::string_view value) {
 }
 
 int ReadVerbosity(const Target& target, std::string_view value) {
-    constexpr int kUnknown = -1;
     const auto* const name = std::ranges::find_if(
         kVerbosityNames, [&](const char* level) { return rdx::EqualsIgnoringCase(level, value); });
-    if (name == kVerbosityNames.end()) return kUnknown;
+    if (name == kVerbosityNames.end()) return target.refused;
     rdx::StoreShared(*target.flag, static_cast<unsigned char>(name - kVerbosityNames.begin()));
     return 0;
 }
 
-int ReadMethods(const Target& /*target*/, std::string_view value) {
+// Allows the methods of a list; those before an unknown word stay allowed.
+int ReadMethods(const Target& target, std::string_view value) {
     constexpr std::string_view kSeparators = " \t,";
-    constexpr int kUnknownMethod = -7;
     for (rdx::Reader words(value);;) {
         words.Skip(kSeparators);
         if (words.AtEnd()) return 0;
-        const std::string_view word = words.TakeUntil(kSeparators).value_or(words.Rest());
+        const std::string_view word = words.TakeBytes(words.Rest().find_first_of(kSeparators));
         const auto* const name = std::ranges::find_if(
-            kMethodNames, [&](std::string_view method) { return rdx::EqualsIgnoringCase(method, word); });
-        if (name == kMethodNames.end()) return kUnknownMethod;
+            kMethodNames, [&](const char* method) { return rdx::EqualsIgnoringCase(method, word); });
+        if (name == kMethodNames.end()) return target.refused;
         const auto idx = name - kMethodNames.begin();
         RDX_CHECK((idx >= 0) && (idx < 8), "(idx >= 0) && (idx < 8)");
         rdx::StoreShared(aiMethodsAllowed[idx], 1);
-        if (words.Rest().data() == word.data()) return 0; // the last word
     }
 }
 
-int ReadVoltageMaxAge(const Target& /*target*/, std::string_view value) {
-    constexpr std::size_t kMostDigits = 8;
-    constexpr int kTooLong = -10;
+// Reads an age in seconds; without one the default is set, and still it is a failure.
+int ReadVoltageMaxAge(const Target& target, std::string_view value) {
+    constexpr std::size_t kMostCharacters = 8;
     constexpr int kZero = -11;
-    if (value.size() > kMostDigits) return kTooLong;
+    if (value.size() > kMostCharacters) return target.refused;
     const unsigned age = rdx::ParseUnsignedDecimal(value);
     rdx::StoreShared(uiVoltageMaxAge, age != 0 ? age : kDefaultVoltageMaxAge);
     return age != 0 ? 0 : kZero;
@@ -131,47 +131,61 @@ struct Key {
     Target target;
 };
 
-// The order matters: a line belongs to the first key that it begins with.
-const Key kHttpKeys[] = {
-    {"ClientsAccepted", ReadText, {.text = szClientAddresses, .tooLong = -2}},
+// A line belongs to the first key that it begins with, so that each must stand before those it begins with
+// itself; otherwise the order has no effect.
+constexpr bool EachKeyIsReached(std::span<const Key> keys) {
+    for (auto key = keys.begin(); key != keys.end(); ++key) {
+        for (auto earlier = keys.begin(); earlier != key; ++earlier) {
+            const std::string_view beginning = key->name.substr(0, earlier->name.size());
+            if (std::ranges::equal(beginning, earlier->name, {}, rdx::UpperByte, rdx::UpperByte))
+                return false;
+        }
+    }
+    return true;
+}
+
+constexpr Key kHttpKeys[] = {
+    {"ClientsAccepted", ReadText, {.text = szClientAddresses, .refused = -2}},
     {"ProtocolVersion", ReadProtocolVersion, {.flag = &ucProtocolVersion}},
     {"SendEOT", ReadFlag, {.flag = &ucEntityTerminator}},
-    {"EOTString", ReadText, {.text = szEntityTerminator, .tooLong = -3}},
+    {"EOTString", ReadText, {.text = szEntityTerminator, .refused = -3}},
     {"AuthRequired", ReadFlag, {.flag = &ucAuthRequired}},
-    {"AuthInfo", ReadText, {.text = szConfigAuthInfo, .tooLong = -4}},
-    {"AuthRealm", ReadText, {.text = szConfigAuthRealm, .tooLong = -5}},
-    {"ServicePort", ReadText, {.text = szConfigSvcPort, .tooLong = -6}},
-    {"ServiceAddr", ReadText, {.text = szConfigSvcAddr, .tooLong = -6}},
-    {"MethodsAllowed", ReadMethods, {}},
-    {"Verbosity", ReadVerbosity, {.flag = &ucVerbosity}},
+    {"AuthInfo", ReadText, {.text = szConfigAuthInfo, .refused = -4}},
+    {"AuthRealm", ReadText, {.text = szConfigAuthRealm, .refused = -5}},
+    {"ServicePort", ReadText, {.text = szConfigSvcPort, .refused = -6}},
+    {"ServiceAddr", ReadText, {.text = szConfigSvcAddr, .refused = -6}},
+    {"MethodsAllowed", ReadMethods, {.refused = -7}},
+    {"Verbosity", ReadVerbosity, {.flag = &ucVerbosity, .refused = -1}},
     {"SupportNetscapeVM", ReadFlag, {.flag = &ucSupportNetscapeVM}},
-    {"Logfile", ReadText, {.text = szConfigLogfile, .tooLong = -8}},
-    {"VoltageFile", ReadText, {.text = szConfigVoltageFile, .tooLong = -9}},
-    {"VoltageMaxAge", ReadVoltageMaxAge, {}},
+    {"Logfile", ReadText, {.text = szConfigLogfile, .refused = -8}},
+    {"VoltageFile", ReadText, {.text = szConfigVoltageFile, .refused = -9}},
+    {"VoltageMaxAge", ReadVoltageMaxAge, {.refused = -10}},
     {"VoltageFromCar", ReadFlagUnlessNo, {.flag = &ucVoltageFromCar}},
     {"LocalAccessAllowed", ReadFlag, {.flag = &ucLocalAccessAllowed}},
 };
-static_assert(std::size(kHttpKeys) == 17);
+static_assert(std::size(kHttpKeys) == 17 && EachKeyIsReached(kHttpKeys));
 
-const Key kRpcKeys[] = {
-    {"VoltageFile", ReadText, {.text = szConfigVoltageFile, .tooLong = -3}},
+constexpr Key kRpcKeys[] = {
+    {"VoltageFile", ReadText, {.text = szConfigVoltageFile, .refused = -3}},
     {"VoltageFromCar", ReadFlagUnlessNo, {.flag = &ucVoltageFromCar}},
 };
+static_assert(EachKeyIsReached(kRpcKeys));
 
-const Key kTcpKeys[] = {
-    {"RemoteHost", ReadText, {.text = szMorbelRemoteHost, .tooLong = -3}},
+constexpr Key kTcpKeys[] = {
+    {"RemoteHost", ReadText, {.text = szMorbelRemoteHost, .refused = -3}},
     {"Port", Ignore, {}},
     {"TimeoutConnect", Ignore, {}},
     {"TimeoutReceive", Ignore, {}},
     {"TimeoutFunction", Ignore, {}},
 };
+static_assert(EachKeyIsReached(kTcpKeys));
 
 struct Section {
     std::string_view name;
     std::span<const Key> keys;
     int (*readKey)(char* line);
 };
-const Section kSections[] = {
+constexpr Section kSections[] = {
     {"HTTP", kHttpKeys, ReadHttpKey},
     {"RPC", kRpcKeys, ReadRpcKey},
     {"TCP", kTcpKeys, ReadTcpKey},
@@ -184,7 +198,8 @@ const Key* FindKey(std::span<const Key> keys, std::string_view line) {
 }
 
 // The common frame of the key readers; the two results are theirs for a bad line.
-int ReadKey(std::span<const Key> keys, std::string_view line, int noEqualSign, int unknownKey) {
+int ReadKey(std::span<const Key> keys, const char* text, int noEqualSign, int unknownKey) {
+    const std::string_view line(text != nullptr ? text : "");
     const std::size_t equalSign = line.find('=');
     if (equalSign == std::string_view::npos) return noEqualSign;
     rdx::Reader value(line.substr(equalSign + 1));
@@ -227,36 +242,52 @@ struct CloseFile {
 
 // --- the dump -------------------------------------------------------------------------------------------
 
+// Settings as they are at this moment: a host may dump them from any thread.
+template <typename T>
+bool IsSet(const T& flag) {
+    return rdx::LoadShared(flag) != 0;
+}
+
 const char* YesNo(bool flag) { return flag ? "yes" : "no"; }
 
-void DumpHttpSettings(FILE* stream) {
-    fprintf(stream, "\n  Valid client addresses: %s", szClientAddresses);
-    fprintf(stream, "\n    Local access allowed: %s", YesNo(ucLocalAccessAllowed != 0));
-    fprintf(stream, "\n   HTTP protocol version: %s", ucProtocolVersion == 10 ? "1.0" : "1.1");
-    fprintf(stream, "\n            Service port: %s", szConfigSvcPort);
-    fprintf(stream, "\n         Service address: %s", szConfigSvcAddr);
-    fprintf(stream, "\n  Entity terminator used: %s", YesNo(ucEntityTerminator != 0));
-    if (ucEntityTerminator != 0) fprintf(stream, "\nEntity terminator string: %s", szEntityTerminator);
-    fprintf(stream, "\n Authentication required: %s", YesNo(ucAuthRequired != 0));
-    if (ucAuthRequired != 0) {
-        fprintf(stream, "\n     Authentication info: %s", szConfigAuthInfo);
-        fprintf(stream, "\n    Authentication realm: %s", szConfigAuthRealm);
+void DumpAuthentication(FILE* stream) {
+    const bool required = IsSet(ucAuthRequired);
+    fprintf(stream, "\n Authentication required: %s", YesNo(required));
+    if (!required) return;
+    fprintf(stream, "\n     Authentication info: %s", rdx::SharedText(szConfigAuthInfo).c_str());
+    fprintf(stream, "\n    Authentication realm: %s", rdx::SharedText(szConfigAuthRealm).c_str());
+}
+
+void DumpHttp(FILE* stream) {
+    fprintf(stream, "\n  Valid client addresses: %s", rdx::SharedText(szClientAddresses).c_str());
+    fprintf(stream, "\n    Local access allowed: %s", YesNo(IsSet(ucLocalAccessAllowed)));
+    fprintf(stream, "\n   HTTP protocol version: %s",
+            rdx::LoadShared(ucProtocolVersion) == 10 ? "1.0" : "1.1");
+    fprintf(stream, "\n            Service port: %s", rdx::SharedText(szConfigSvcPort).c_str());
+    fprintf(stream, "\n         Service address: %s", rdx::SharedText(szConfigSvcAddr).c_str());
+    const bool terminated = IsSet(ucEntityTerminator);
+    fprintf(stream, "\n  Entity terminator used: %s", YesNo(terminated));
+    if (terminated) {
+        fprintf(stream, "\nEntity terminator string: %s", rdx::SharedText(szEntityTerminator).c_str());
     }
+    DumpAuthentication(stream);
     fprintf(stream, "\n    HTTP methods allowed: ");
     for (std::size_t i = 0; i < kMethodNames.size(); ++i) {
-        if (aiMethodsAllowed[i] != 0) fprintf(stream, "%s ", kMethodNames[i].data());
+        if (IsSet(aiMethodsAllowed[i])) fprintf(stream, "%s ", kMethodNames[i]);
     }
 }
 
-void DumpOtherSettings(FILE* stream) {
-    fprintf(stream, "\n    Semaphore protection: %s", YesNo(ucSemaProtection != 0));
-    if (szConfigLogfile[0] != '\0') fprintf(stream, "\n                Log file: %s", szConfigLogfile);
-    if (szConfigVoltageFile[0] != '\0') {
-        fprintf(stream, "\n            Voltage file: %s", szConfigVoltageFile);
-        fprintf(stream, "\n  Voltage max. age (sec): %d", static_cast<int>(uiVoltageMaxAge));
+void DumpFilesAndFlags(FILE* stream) {
+    fprintf(stream, "\n    Semaphore protection: %s", YesNo(IsSet(ucSemaProtection)));
+    const rdx::SharedText logfile(szConfigLogfile);
+    if (!logfile.View().empty()) fprintf(stream, "\n                Log file: %s", logfile.c_str());
+    const rdx::SharedText voltageFile(szConfigVoltageFile);
+    if (!voltageFile.View().empty()) {
+        fprintf(stream, "\n            Voltage file: %s", voltageFile.c_str());
+        fprintf(stream, "\n  Voltage max. age (sec): %d", static_cast<int>(rdx::LoadShared(uiVoltageMaxAge)));
     }
-    if (ucVoltageFromCar != 0) fprintf(stream, "\n    Try voltage from Car: %s", YesNo(true));
-    fprintf(stream, "\n Allow Netscape JVM POST: %s", YesNo(ucSupportNetscapeVM != 0));
+    if (IsSet(ucVoltageFromCar)) fprintf(stream, "\n    Try voltage from Car: %s", YesNo(true));
+    fprintf(stream, "\n Allow Netscape JVM POST: %s", YesNo(IsSet(ucSupportNetscapeVM)));
 }
 
 } // namespace
@@ -300,7 +331,7 @@ int ReadIniFile(const char* szPath, const char* szSection) {
     while (fgets(line, sizeof line, file.get()) != nullptr) {
         if (const int result = reader.Read(line); result != 0) return result;
     }
-    return ferror(file.get()) != 0 ? -5 : 0;
+    return feof(file.get()) != 0 ? 0 : -5;
 }
 
 int ReadHttpKey(char* line) { return ReadKey(kHttpKeys, line, -1, -1); }
@@ -324,26 +355,28 @@ void TrimLine(char* line) {
 
 int Reconfig(const char* szPath) {
     if (ReadIniFile(szPath, "HTTP") != 0) return -1;
+    rdx::StoreShared(uiReconfigurations, rdx::LoadShared(uiReconfigurations) + 1);
     rdx::StoreShared<unsigned char>(ucReconfigured, 1);
-    rdx::StoreShared(uiReconfigurations, uiReconfigurations + 1);
     return 0;
 }
 
 int DumpConfiguration(FILE* stream) {
     const int semaphore = SemaGetValue(SEMA_CIPLIB);
-    if (ucVerbosity == VERBOSITY_NONE) return 0;
-    fprintf(stream, "\n");
+    const std::size_t level = rdx::LoadShared(ucVerbosity);
+    if (level == VERBOSITY_NONE) return 0;
+    FILE* const out = stream != nullptr ? stream : StdOut;
+    fprintf(out, "\n");
     printf("\nDumpConfiguration+");
-    fprintf(stream, "\n Reconfiguration counter: %d", static_cast<int>(uiReconfigurations));
-    fprintf(stream, "\n  Tavrin build number: %d", static_cast<int>(uiBuildNumber));
-    fprintf(stream, "\n    Tavrin build date: %s, %s", __DATE__, __TIME__);
-    fprintf(stream, "\n      Level of verbosity: %s",
-            kVerbosityNames[std::min<std::size_t>(ucVerbosity, VERBOSITY_ALL)]);
-    DumpHttpSettings(stream);
-    DumpOtherSettings(stream);
-    fprintf(stream, "\n    Value of SEMA_CIPLIB: %d", semaphore);
-    fprintf(stream, "\n");
-    fflush(stream);
+    fprintf(out, "\n Reconfiguration counter: %d", static_cast<int>(rdx::LoadShared(uiReconfigurations)));
+    fprintf(out, "\n  Tavrin build number: %d", static_cast<int>(uiBuildNumber));
+    fprintf(out, "\n    Tavrin build date: %s, %s", __DATE__, __TIME__);
+    fprintf(out, "\n      Level of verbosity: %s",
+            kVerbosityNames[std::min<std::size_t>(level, VERBOSITY_ALL)]);
+    DumpHttp(out);
+    DumpFilesAndFlags(out);
+    fprintf(out, "\n    Value of SEMA_CIPLIB: %d", semaphore);
+    fprintf(out, "\n");
+    fflush(out);
     printf("DumpConfiguration-\n");
     return 0;
 }

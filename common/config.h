@@ -18,19 +18,19 @@
 extern "C" {
 #endif
 
-/* Sizes in bytes of the text settings, the NUL included, and of the table of methods. */
+/* Sizes in bytes of the text settings, the NUL included: a value of the file must fit whole. */
 enum {
-    CONFIG_ADDRESSES_SIZE = 257,
-    CONFIG_TERMINATOR_SIZE = 65,
-    CONFIG_AUTH_INFO_SIZE = 49,
-    CONFIG_AUTH_REALM_SIZE = 33,
-    CONFIG_PORT_SIZE = 13,
-    CONFIG_ADDRESS_SIZE = 17,
-    CONFIG_PATH_SIZE = 257,
-    CONFIG_REMOTE_HOST_SIZE = 130,
-    CONFIG_ADMIN_HOST_SIZE = 129,
+    CONFIG_ADDRESSES_SIZE = 257,                         /* a list of client addresses */
+    CONFIG_TERMINATOR_SIZE = 65,                         /* what is sent behind a body */
+    CONFIG_AUTH_INFO_SIZE = 49,                          /* "user:password" in Base64 */
+    CONFIG_AUTH_REALM_SIZE = 33,                         /* goes into a header of a 401 answer */
+    CONFIG_PORT_SIZE = 13,                               /* a service's name or number */
+    CONFIG_ADDRESS_SIZE = 17,                            /* a dotted address */
+    CONFIG_PATH_SIZE = 257,                              /* a file's path */
+    CONFIG_REMOTE_HOST_SIZE = 130,                       /* a host's name */
+    CONFIG_ADMIN_HOST_SIZE = 129,                        /* the same, from the command line */
     CONFIG_CREDENTIALS_SIZE = 6 + CONFIG_AUTH_INFO_SIZE, /* "Basic " and an AuthInfo */
-    CONFIG_METHODS = 8
+    CONFIG_METHODS = 8                                   /* not a text: the methods of HTTP/1.1 */
 };
 
 /* Keys of section HTTP; the default in brackets. */
@@ -89,13 +89,17 @@ RDX_API int ReadIniFile(const char* szPath, const char* szSection);
 
 /*
  * Read one line of section HTTP, RPC or TCP: a key, '=' and the value, with white space before the value
- * skipped. The line is a NUL-terminated text, trimmed, and is left as it is. A value that is refused changes
- * nothing, but for VoltageMaxAge, which 0 sets to 120, and MethodsAllowed, whose words before an unknown one
- * stay allowed.
- * ReadHttpKey: 0; -1 no '=', an unknown key or an unknown verbosity; too long: -2 ClientsAccepted, -3
+ * skipped. The line is a NUL-terminated text, trimmed (null: an empty one), and is left as it is. A value
+ * that is refused changes nothing, but for VoltageMaxAge, which 0 sets to 120, and MethodsAllowed, whose
+ * words before an unknown one stay allowed.
+ *
+ * ReadHttpKey returns 0; -1 no '=', an unknown key or an unknown verbosity; too long: -2 ClientsAccepted, -3
  * EOTString, -4 AuthInfo, -5 AuthRealm, -6 ServicePort and ServiceAddr, -8 Logfile, -9 VoltageFile, -10
  * VoltageMaxAge; -7 an unknown method; -11 a VoltageMaxAge of 0.
- * ReadRpcKey, ReadTcpKey: 0; -1 an unknown key; -2 no '='; -3 a value that is too long.
+ *
+ * ReadRpcKey returns 0; -1 an unknown key; -2 no '='; -3 a VoltageFile that is too long.
+ *
+ * ReadTcpKey returns 0, also for a key that it does not know; -2 no '='; -3 a RemoteHost that is too long.
  */
 RDX_API int ReadHttpKey(char* line);
 RDX_API int ReadRpcKey(char* line);
@@ -111,8 +115,8 @@ RDX_API void TrimLine(char* line);
 RDX_API int Reconfig(const char* szPath);
 
 /*
- * Prints the settings, the credentials included, as a table of labels to `stream`, and where it begins and
- * ends to standard output; nothing at verbosity 0. Returns 0.
+ * Prints the settings, the credentials included, as a table of labels to `stream` (null means StdOut), and
+ * where it begins and ends to standard output; nothing at verbosity 0. Returns 0.
  */
 RDX_API int DumpConfiguration(FILE* stream);
 

@@ -8,6 +8,7 @@
 #include "common/signals.h"
 
 #include <cerrno>
+#include <cstdio>
 #include <cstring>
 #include <pthread.h>
 #include <sys/ipc.h>
@@ -42,6 +43,14 @@ const char* DetachErrorText(int error) {
     if (error == EINVAL) return "Not a joinable thread";
     return std::strerror(errno);
 }
+
+// The argument of semctl, which a program has to declare itself. An int in its place would be misread where
+// a pointer is wider and the high half of a word comes first.
+union SemaphoreArgument {
+    int val;
+    semid_ds* buf;
+    unsigned short* array;
+};
 
 int OpenSemaphore(int key) { return semget(key, 1, kSemaphorePermissions); }
 
@@ -109,7 +118,7 @@ int NumOfThreads() { return rdx::LoadShared(nThreads); }
 int SemaCreate(int key) {
     const int set = semget(key, 1, kSemaphorePermissions | IPC_CREAT);
     if (set < 0) return -1;
-    return semctl(set, 0, SETVAL, 1) < 0 ? -2 : 0;
+    return semctl(set, 0, SETVAL, SemaphoreArgument{1}) < 0 ? -2 : 0;
 }
 
 int SemaP(int key, int bNoWait) { return OperateSemaphore(key, -1, bNoWait != 0 ? IPC_NOWAIT : 0); }

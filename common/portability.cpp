@@ -8,12 +8,13 @@
 
 #include <algorithm>
 #include <array>
+#include <cerrno>
 #include <cstdint>
-#include <cstring>
 #include <ctime>
+#include <optional>
 #include <string_view>
 #include <sys/random.h>
-#include <unistd.h>
+#include <sys/stat.h>
 
 namespace {
 
@@ -22,8 +23,8 @@ constexpr std::string_view kTempDirectory = "/tmp";
 constexpr std::string_view kTempTemplate = "tnXXXXXX";
 constexpr std::size_t kUniqueCharacters = 6; // at the end of the template
 
-constexpr std::array<const char*, 12> kMonths = {"Jan", "Feb", "Mar", "Apr", "May", "Jun",
-                                                 "Jul", "Aug", "Sep", "Oct", "Nov", "Dec"};
+constexpr std::array<std::string_view, 12> kMonths = {"Jan", "Feb", "Mar", "Apr", "May", "Jun",
+                                                      "Jul", "Aug", "Sep", "Oct", "Nov", "Dec"};
 constexpr std::size_t kFebruary = 1;
 
 // February's entry stays at 29 once a leap year was seen; every thread of the process shares it.
@@ -67,21 +68,60 @@ bool MakeUnique(std::span<char> unique) {
     return true;
 }
 
-bool Exists(const char* path) { return access(path, F_OK) == 0; }
+enum class Use { kFree, kTaken, kUnknown };
+
+// Whether something has this name; a link that leads nowhere has it, too.
+Use UseOf(const char* path) {
+    struct stat status;
+    if (lstat(path, &status) == 0) return Use::kTaken;
+    return errno == ENOENT ? Use::kFree : Use::kUnknown;
+}
+
+// Makes one unique name and puts its path into `path`. TempFileName's result.
+int MakeTempPath(std::span<char> path) {
+    char name[kTempTemplate.size() + 1];
+    rdx::CopyBounded(name, kTempTemplate);
+    const std::span<char> text(name, kTempTemplate.size());
+    return rdx::PlaceTempName(MakeUnique(text.last(kUniqueCharacters)) ? name : "", path);
+}
 
 // --- times ----------------------------------------------------------------------------------------------
 
 struct Moment {
-    char month[16];
+    std::string_view month; // a word of the text that was read
     int day, hour, minute, second, year;
 };
 
-// Reads a time of the form that Now writes. False when a field is missing.
-bool ReadMoment(const char* text, Moment& moment) {
-    constexpr int kFields = 7;
-    char weekday[16];
-    return sscanf(text, "%15s %15s %d %d:%d:%d %d", weekday, moment.month, &moment.day, &moment.hour,
-                  &moment.minute, &moment.second, &moment.year) == kFields;
+// Reads a word; false at the end of the text.
+bool ReadWord(rdx::Reader& text, std::string_view& word) {
+    text.Skip(rdx::kWhiteSpace);
+    word = text.TakeBytes(text.Rest().find_first_of(rdx::kWhiteSpace));
+    return !word.empty();
+}
+
+// Reads a decimal number, saturating at the 32-bit limits; false when there is none.
+bool ReadNumber(rdx::Reader& text, int& number) {
+    constexpr std::string_view kDigits = "0123456789";
+    text.Skip(rdx::kWhiteSpace);
+    const std::size_t sign = text.Rest().starts_with('-') || text.Rest().starts_with('+') ? 1 : 0;
+    const std::string_view fromDigits = text.Rest().substr(sign);
+    const std::size_t digits = std::min(fromDigits.find_first_not_of(kDigits), fromDigits.size());
+    number = rdx::ParseDecimal(text.TakeBytes(sign + digits));
+    return digits > 0;
+}
+
+// Reads a time of the form that Now writes; what follows the year does not matter. Nothing when a field is
+// missing.
+std::optional<Moment> ReadMoment(std::string_view line) {
+    rdx::Reader text(line);
+    std::string_view weekday;
+    Moment m{};
+    if (ReadWord(text, weekday) && ReadWord(text, m.month) && ReadNumber(text, m.day) &&
+        ReadNumber(text, m.hour) && text.Take(":") && ReadNumber(text, m.minute) && text.Take(":") &&
+        ReadNumber(text, m.second) && ReadNumber(text, m.year)) {
+        return m;
+    }
+    return std::nullopt;
 }
 
 // Leap years from `from` up to and without `year`; 0 when there are none.
@@ -97,19 +137,31 @@ std::int64_t SecondsOf(std::int64_t year, std::int64_t dayOfYear, const Moment& 
     return ((days * 24 + time.hour) * 60 + time.minute) * 60 + time.second;
 }
 
-std::int64_t SecondsOf(const Moment& moment) {
-    return SecondsOf(moment.year, DayOfYear(moment.year, moment.month, moment.day), moment);
+// The days of the months before `month`, of all twelve when it is not one, and `day`.
+int DaysUpTo(int year, std::string_view month, int day) {
+    constexpr int kLeapFebruary = 29;
+    if (IsLeapYear(year) != 0) rdx::StoreShared(daysOfMonths[kFebruary], kLeapFebruary);
+    auto days = static_cast<unsigned>(day); // wraps round where a senseless day overflows
+    for (std::size_t i = 0; i < kMonths.size() && !rdx::EqualsIgnoringCase(kMonths[i], month); ++i) {
+        days += static_cast<unsigned>(rdx::LoadShared(daysOfMonths[i]));
+    }
+    return static_cast<int>(days);
 }
 
-std::int64_t SecondsOfNow() {
-    constexpr int kTmFirstYear = 1900;
+// A time in words to seconds; nothing when it is not one.
+std::optional<std::int64_t> SecondsOf(std::string_view text) {
+    const std::optional<Moment> moment = ReadMoment(text);
+    if (!moment) return std::nullopt;
+    return SecondsOf(moment->year, DaysUpTo(moment->year, moment->month, moment->day), *moment);
+}
+
+// The current local time to seconds; nothing when it is unknown.
+std::optional<std::int64_t> SecondsOfNow() {
+    constexpr std::int64_t kTmFirstYear = 1900;
     const time_t now = time(nullptr);
-    tm local{};
-    localtime_r(&now, &local);
-    Moment moment{};
-    moment.hour = local.tm_hour;
-    moment.minute = local.tm_min;
-    moment.second = local.tm_sec;
+    tm local;
+    if (localtime_r(&now, &local) == nullptr) return std::nullopt;
+    const Moment moment{{}, 0, local.tm_hour, local.tm_min, local.tm_sec, 0};
     return SecondsOf(local.tm_year + kTmFirstYear, local.tm_yday + 1, moment);
 }
 
@@ -165,6 +217,7 @@ int MakeAbsolutePathName(const char* szAbsolutePrefix, const char* szRelativeSuf
     path.Add(prefix);
     if (!prefix.ends_with(kSeparator)) path.Add(DirSeparator());
     path.Add(suffix);
+    std::fill(szBuf + path.Text().size(), szBuf + uiBufSize, '\0'); // the whole buffer is the caller's result
     return 0;
 }
 
@@ -178,13 +231,14 @@ int IsDirSeparator(int c) { return static_cast<unsigned char>(c) == kSeparator ?
 const char* DirSeparator() { return "/"; }
 
 char* Now(char* buf, unsigned int size) {
-    constexpr std::size_t kAscTimeSize = 64; // asctime_r asks for 26; years beyond 9999 take more
+    constexpr std::size_t kAscTimeSize = 26; // what asctime_r fills at most
     const time_t now = time(nullptr);
-    tm local{};
-    char text[kAscTimeSize] = "";
-    if (localtime_r(&now, &local) != nullptr) asctime_r(&local, text);
-    const std::string_view line(text);
-    rdx::CopyBounded({buf, std::size_t{size} + 1}, line.substr(0, line.find('\n')));
+    tm local;
+    char text[kAscTimeSize];
+    const bool known = localtime_r(&now, &local) != nullptr && asctime_r(&local, text) != nullptr;
+    const std::string_view line(known ? text : "");
+    const std::size_t most = std::min<std::size_t>(size, kAscTimeSize);
+    rdx::CopyBounded({buf, most + 1}, line.substr(0, line.find('\n')));
     return buf;
 }
 
@@ -193,23 +247,14 @@ unsigned int SecondsBetween(const char* szEvent, const char* szLater) {
     RDX_CHECK(*szEvent != '\0', "strlen( szEvent ) != 0");
     constexpr auto kNoEvent = static_cast<unsigned>(-1);
     constexpr auto kNoLater = static_cast<unsigned>(-2);
-    Moment event{};
-    if (!ReadMoment(szEvent, event)) return kNoEvent;
-    const std::int64_t eventSeconds = SecondsOf(event);
-    if (szLater == nullptr) return static_cast<unsigned>(SecondsOfNow() - eventSeconds);
-    Moment later{};
-    if (!ReadMoment(szLater, later)) return kNoLater;
-    return static_cast<unsigned>(SecondsOf(later) - eventSeconds);
+    const std::optional<std::int64_t> event = SecondsOf(szEvent);
+    if (!event) return kNoEvent;
+    const std::optional<std::int64_t> later = szLater != nullptr ? SecondsOf(szLater) : SecondsOfNow();
+    return later ? static_cast<unsigned>(*later - *event) : kNoLater;
 }
 
 int DayOfYear(int year, const char* month, int day) {
-    constexpr int kLeapFebruary = 29;
-    if (IsLeapYear(year) != 0) rdx::StoreShared(daysOfMonths[kFebruary], kLeapFebruary);
-    unsigned days = static_cast<unsigned>(day); // wraps round where a senseless day overflows
-    for (std::size_t i = 0; i < kMonths.size() && stricmp(kMonths[i], month) != 0; ++i) {
-        days += static_cast<unsigned>(rdx::LoadShared(daysOfMonths[i]));
-    }
-    return static_cast<int>(days);
+    return DaysUpTo(year, month != nullptr ? month : "", day);
 }
 
 int IsLeapYear(int year) {
@@ -219,16 +264,13 @@ int IsLeapYear(int year) {
 
 int TempFileName(char* buf) {
     constexpr int kNoName = -1;
-    constexpr int kMostTries = 100;
+    constexpr int kMostTries = 100; // of the 57 billion names; so many in a row are never taken by chance
     for (int i = 0; i < kMostTries; ++i) {
-        char name[kTempTemplate.size() + 1];
-        rdx::CopyBounded(name, kTempTemplate);
-        if (!MakeUnique(std::span(name).subspan(kTempTemplate.size() - kUniqueCharacters, kUniqueCharacters)))
-            break;
         char path[TEMP_FILE_NAME_SIZE];
-        const int placed = rdx::PlaceTempName(name, path);
-        if (placed != 0) return placed;
-        if (Exists(path)) continue;
+        if (const int result = MakeTempPath(path); result != 0) return result;
+        const Use use = UseOf(path);
+        if (use == Use::kUnknown) return kNoName;
+        if (use == Use::kTaken) continue;
         rdx::CopyBounded({buf, TEMP_FILE_NAME_SIZE}, path);
         return 0;
     }

@@ -43,8 +43,8 @@ RDX_API int strnicmp(const char* a, const char* b, int n);
 RDX_API int SplitEnvStr(const char* szEnvStr, char* name, int* nameSize, char* value, int* valueSize);
 
 /*
- * Joins a prefix and a suffix with exactly one '/' between them into `szBuf` of `uiBufSize` bytes. An empty
- * prefix counts as one without a '/' at its end.
+ * Joins a prefix and a suffix with exactly one '/' between them into `szBuf` of `uiBufSize` bytes, all of
+ * which are written: zeros follow the text. An empty prefix counts as one without a '/' at its end.
  * Returns 0, or -1 when both texts and 2 bytes do not fit, with `szBuf` as it was. Ends the process by
  * assertion when an argument is null or the size 0.
  */
@@ -68,16 +68,16 @@ RDX_API char* Now(char* buf, unsigned int size);
 
 /*
  * The seconds from one time to a later one, both in the form of Now; a null `szLater` means now, in local
- * time. A difference below 0 wraps round.
- * Returns the seconds, or (as unsigned) -1 when `szEvent` and -2 when `szLater` is not a time. Ends the
- * process by assertion when `szEvent` is null or empty.
+ * time. Numbers saturate at the 32-bit limits; a difference below 0 or above 32 bits wraps round.
+ * Returns the seconds, or (as unsigned) -1 when `szEvent` is not a time, -2 when `szLater` is not one or the
+ * current time is unknown. Ends the process by assertion when `szEvent` is null or empty.
  */
 RDX_API unsigned int SecondsBetween(const char* szEvent, const char* szLater);
 
 /*
- * The day's number in the year, from 1; a month that is not one of "Jan" to "Dec", case ignored, counts as
- * the end of the year. Once it has been asked about a leap year, February has 29 days in every later call of
- * the process (kept).
+ * The day's number in the year, from 1. A month that is not one of "Jan" to "Dec", case ignored, or is null
+ * counts as the end of the year. Once it has been asked about a leap year, February has 29 days in every
+ * later call of the process (kept).
  */
 RDX_API int DayOfYear(int year, const char* month, int day);
 

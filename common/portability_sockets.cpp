@@ -13,6 +13,7 @@
 #include <algorithm>
 #include <arpa/inet.h>
 #include <cerrno>
+#include <cstdint>
 #include <cstring>
 #include <ctime>
 #include <fcntl.h>
@@ -21,6 +22,7 @@
 #include <netdb.h>
 #include <optional>
 #include <poll.h>
+#include <string_view>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -33,7 +35,7 @@ namespace {
 // Room for one entry of the service, protocol or host database.
 constexpr std::size_t kDatabaseEntrySize = 4096;
 
-// An address record with a port, or with a text that is not an address nothing.
+// A dotted address; nothing when the text is not one.
 std::optional<in_addr> ParseAddress(const char* dotted) {
     in_addr address{};
     if (inet_aton(dotted, &address) == 0) return std::nullopt;
@@ -492,10 +494,11 @@ int UnacknowledgedBytes(int socket) {
     return bytes;
 }
 
-long MonotonicMs() {
+// Wide on every machine: 32 bits of milliseconds are over after 25 days.
+std::int64_t MonotonicMs() {
     timespec now{};
     clock_gettime(CLOCK_MONOTONIC, &now);
-    return now.tv_sec * 1000 + now.tv_nsec / 1'000'000;
+    return std::int64_t{now.tv_sec} * 1000 + now.tv_nsec / 1'000'000;
 }
 
 bool HasFailed(int socket) {
@@ -508,7 +511,7 @@ bool HasFailed(int socket) {
 void AwaitDelivery(int socket) {
     constexpr int kPauseMs = 1;
     int waiting = UnacknowledgedBytes(socket);
-    long lastProgress = MonotonicMs();
+    std::int64_t lastProgress = MonotonicMs();
     while (waiting > 0 && !HasFailed(socket) && MonotonicMs() - lastProgress < kDeliveryPatienceMs) {
         if (!WaitForPeer(socket, 0, kPauseMs)) return;
         const int now = UnacknowledgedBytes(socket);

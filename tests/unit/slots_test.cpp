@@ -1,0 +1,331 @@
+#include "server/slots.h"
+
+#include "common/mt.h"
+#include "common/shared.h"
+#include "server/descriptors.h"
+#include "tests/support/capture.h"
+#include "tests/support/eventually.h"
+#include "tests/support/faults.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <filesystem>
+#include <memory>
+#include <semaphore>
+#include <thread>
+#include <vector>
+
+namespace rdx {
+namespace {
+
+using test::Eventually;
+
+std::vector<int> Members(const fd_set& set) {
+    std::vector<int> members;
+    for (int descriptor = 0; descriptor < FD_SETSIZE; ++descriptor) {
+        if (FD_ISSET(descriptor, &set)) members.push_back(descriptor);
+    }
+    return members;
+}
+
+// The descriptors at the edges of the set's words.
+const std::vector<int> kEdges = {0, 1, 31, 32, 63, 64, 65, 127, 128, 1022, 1023};
+
+TEST(Descriptors, AreAddedAndRemovedOneByOne) {
+    fd_set set{};
+    for (const int descriptor : kEdges) AddDescriptor(set, descriptor);
+    EXPECT_EQ(Members(set), kEdges);
+    AddDescriptor(set, 64);
+    EXPECT_EQ(Members(set), kEdges) << "adding twice is adding once";
+    for (const int descriptor : kEdges) {
+        EXPECT_TRUE(RemoveDescriptor(set, descriptor)) << descriptor;
+        EXPECT_FALSE(RemoveDescriptor(set, descriptor)) << descriptor;
+        EXPECT_FALSE(FD_ISSET(descriptor, &set));
+    }
+    EXPECT_TRUE(Members(set).empty());
+}
+
+TEST(Descriptors, AreCopiedWhole) {
+    fd_set set{};
+    for (const int descriptor : kEdges) AddDescriptor(set, descriptor);
+    fd_set copy;
+    for (int descriptor = 0; descriptor < FD_SETSIZE; ++descriptor) FD_SET(descriptor, &copy);
+    CopyDescriptors(copy, set);
+    EXPECT_EQ(Members(copy), kEdges);
+    EXPECT_EQ(Members(set), kEdges);
+}
+
+TEST(Descriptors, AreMovedToThoseThatAreThere) {
+    fd_set from{};
+    fd_set to{};
+    AddDescriptor(from, 3);
+    AddDescriptor(from, 1023);
+    AddDescriptor(to, 3);
+    AddDescriptor(to, 64);
+    MoveDescriptors(to, from);
+    EXPECT_EQ(Members(to), (std::vector{3, 64, 1023}));
+    EXPECT_TRUE(Members(from).empty());
+}
+
+TEST(Descriptors, OfOneWordAreAddedByManyThreadsWhileTheyAreCopied) {
+    fd_set set{};
+    std::vector<std::thread> threads;
+    for (int first = 0; first < 4; ++first) {
+        threads.emplace_back([first, &set] {
+            for (int descriptor = first; descriptor < 64; descriptor += 4) AddDescriptor(set, descriptor);
+        });
+    }
+    fd_set copy{};
+    for (int i = 0; i < 100; ++i) CopyDescriptors(copy, set);
+    for (std::thread& thread : threads) thread.join();
+    EXPECT_EQ(Members(set).size(), 64U);
+}
+
+long ThreadsOfProcess() {
+    const std::filesystem::directory_iterator tasks("/proc/self/task");
+    return std::distance(begin(tasks), end(tasks));
+}
+
+// What the bodies of this test share with it: a body waits for `go`, unless it is open.
+struct Meeting {
+    std::counting_semaphore<> go{0};
+    std::atomic<int> begun{0};
+    std::atomic<ServicePool*> pool{nullptr};
+    std::atomic<int> status{1};
+    std::atomic<ThreadID> threadInSlot{0};
+    std::atomic<ThreadID> thread{0};
+};
+std::unique_ptr<Meeting> meeting;
+
+// Ends as a serving body does.
+void* WaitAndEnd(ServiceCall* call) {
+    meeting->pool = ServicePool::OfThisThread();
+    meeting->threadInSlot = LoadShared(call->hThreadId);
+    meeting->thread = CurrentThreadID();
+    const int status = meeting->status;
+    ++meeting->begun;
+    meeting->go.acquire();
+    StoreShared<int>(call->iSvcStatus, SERVICE_FINISHED);
+    ServicePool::OfThisThread()->EndThisThread(status);
+}
+
+void* Return(ServiceCall* call) {
+    StoreShared<int>(call->iSvcStatus, SERVICE_FINISHED);
+    return nullptr;
+}
+
+class ServicePoolTest : public testing::Test {
+protected:
+    void SetUp() override {
+        threadsBefore_ = ThreadsOfProcess();
+        meeting = std::make_unique<Meeting>();
+        InitThreadLib();
+    }
+
+    void TearDown() override {
+        EXPECT_TRUE(ThreadsEnd()) << "threads are left";
+        EXPECT_EQ(NumOfThreads(), 0);
+    }
+
+    bool ThreadsEnd() const {
+        return Eventually([this] { return ThreadsOfProcess() == threadsBefore_; });
+    }
+
+    static bool Begun(int count) {
+        return Eventually([count] { return meeting->begun == count; });
+    }
+
+    // The pool's memory is the threads' too: the address sanitizer finds an end that comes too early or
+    // never.
+    static void End(ServicePool* pool) {
+        fd_set watched{};
+        pool->EndLoop(watched);
+        pool->Release();
+    }
+
+    static int Start(ServicePool* pool, int slot, void* (*body)(ServiceCall*) = WaitAndEnd) {
+        ServiceCall& call = pool->Slots()[slot];
+        call.iSvcStatus = SERVICE_RUNNING;
+        return pool->StartThread(&call, body);
+    }
+
+private:
+    test::CaptureStdout quiet_;
+    long threadsBefore_ = 0;
+};
+
+TEST_F(ServicePoolTest, BeginsWithFreeSlotsAndAnEmptySet) {
+    ServicePool* const pool = ServicePool::Create(3);
+    ASSERT_NE(pool, nullptr);
+    EXPECT_EQ(pool->Size(), 3);
+    for (int i = 0; i < pool->Size(); ++i) {
+        const ServiceCall& slot = pool->Slots()[i];
+        EXPECT_EQ(slot.hSocket, -1);
+        EXPECT_EQ(slot.iSvcStatus, SERVICE_FREE);
+        EXPECT_EQ(slot.hThreadId, static_cast<ThreadID>(-1));
+        EXPECT_EQ(slot.ucKeepAlive, 0);
+        EXPECT_EQ(slot.ucTerminate, 0);
+        EXPECT_EQ(slot.ucReconfigure, 0);
+    }
+    EXPECT_TRUE(Members(pool->Watched()).empty());
+    End(pool);
+}
+
+TEST_F(ServicePoolTest, IsNotMadeWhenMemoryIsShort) {
+    for (int nth = 1; nth <= 3; ++nth) {
+        const test::FailCall noMemory("calloc", nth);
+        EXPECT_EQ(ServicePool::Create(2), nullptr) << nth;
+        EXPECT_TRUE(noMemory.Struck()) << nth;
+    }
+}
+
+TEST_F(ServicePoolTest, RunsABodyOnACountedThreadThatKnowsItsPoolAndItself) {
+    ServicePool* const pool = ServicePool::Create(2);
+    ASSERT_EQ(Start(pool, 1), 0);
+    EXPECT_EQ(NumOfThreads(), 1);
+    ASSERT_TRUE(Begun(1));
+    EXPECT_EQ(meeting->pool, pool);
+    EXPECT_NE(meeting->thread, CurrentThreadID());
+    EXPECT_EQ(meeting->threadInSlot, meeting->thread);
+    EXPECT_EQ(pool->Slots()[1].hThreadId, meeting->thread);
+    EXPECT_EQ(ServicePool::OfThisThread(), nullptr);
+    meeting->go.release();
+    EXPECT_TRUE(ThreadsEnd());
+    EXPECT_EQ(NumOfThreads(), 0);
+    EXPECT_EQ(pool->Slots()[1].iSvcStatus, SERVICE_FINISHED);
+    End(pool);
+}
+
+TEST_F(ServicePoolTest, EndsAThreadWhoseBodyReturned) {
+    ServicePool* const pool = ServicePool::Create(2);
+    ASSERT_EQ(Start(pool, 0, Return), 0);
+    EXPECT_TRUE(Eventually([] { return NumOfThreads() == 0; }));
+    End(pool);
+}
+
+TEST_F(ServicePoolTest, CountsNothingWhenNoThreadCouldBeStarted) {
+    ServicePool* const pool = ServicePool::Create(2);
+    {
+        const test::FailCall noPolicy("pthread_attr_setschedpolicy", 1, EPERM);
+        EXPECT_EQ(Start(pool, 0), -1);
+        EXPECT_TRUE(noPolicy.Struck());
+    }
+    {
+        const test::FailCall noThread("pthread_create", 1, EAGAIN);
+        EXPECT_EQ(Start(pool, 1), -2);
+        EXPECT_TRUE(noThread.Struck());
+    }
+    EXPECT_EQ(NumOfThreads(), 0);
+    End(pool);
+    EXPECT_EQ(NumOfThreads(), 0);
+}
+
+TEST_F(ServicePoolTest, CountsAThreadThatCouldNotBeDetached) {
+    ServicePool* const pool = ServicePool::Create(2);
+    const test::FailCall notDetached("pthread_detach", 1, EINVAL);
+    EXPECT_EQ(Start(pool, 0), -3);
+    EXPECT_TRUE(notDetached.Struck());
+    EXPECT_EQ(NumOfThreads(), 1);
+    ASSERT_TRUE(Begun(1));
+    EXPECT_EQ(meeting->threadInSlot, meeting->thread);
+    meeting->go.release();
+    EXPECT_TRUE(ThreadsEnd());
+    EXPECT_EQ(NumOfThreads(), 0);
+    End(pool);
+}
+
+TEST_F(ServicePoolTest, WatchesAConnectionAgainWhileTheLoopRuns) {
+    ServicePool* const pool = ServicePool::Create(2);
+    EXPECT_TRUE(pool->Watch(5));
+    EXPECT_TRUE(pool->Watch(1023));
+    EXPECT_EQ(Members(pool->Watched()), (std::vector{5, 1023}));
+    End(pool);
+}
+
+TEST_F(ServicePoolTest, HandsWhatIsWatchedToTheEndingLoop) {
+    ServicePool* const pool = ServicePool::Create(2);
+    EXPECT_TRUE(pool->Watch(5));
+    fd_set watched{};
+    FD_SET(7, &watched);
+    pool->EndLoop(watched);
+    EXPECT_EQ(Members(watched), (std::vector{5, 7}));
+    EXPECT_TRUE(Members(pool->Watched()).empty());
+    EXPECT_FALSE(pool->Watch(6)) << "nobody watches any more";
+    EXPECT_TRUE(Members(pool->Watched()).empty());
+    pool->Release();
+}
+
+TEST_F(ServicePoolTest, OutlivesItsLoopUntilTheLastThreadHasEnded) {
+    ServicePool* const pool = ServicePool::Create(3);
+    for (int slot = 0; slot < 3; ++slot) ASSERT_EQ(Start(pool, slot), 0);
+    ASSERT_TRUE(Begun(3));
+    EXPECT_EQ(NumOfThreads(), 3);
+    meeting->go.release(); // one ends while the loop runs
+    EXPECT_TRUE(Eventually([] { return NumOfThreads() == 2; }));
+    End(pool);
+    EXPECT_EQ(NumOfThreads(), 0) << "threads of an ended loop do not count";
+
+    InitThreadLib();
+    ServicePool* const next = ServicePool::Create(2);
+    ASSERT_EQ(Start(next, 0), 0);
+    ASSERT_TRUE(Begun(4));
+    EXPECT_EQ(NumOfThreads(), 1);
+    meeting->go.release(3); // whoever ends, the old ones are not taken out of the new count
+    EXPECT_TRUE(ThreadsEnd());
+    EXPECT_EQ(NumOfThreads(), 0);
+    End(next);
+}
+
+// A thread leaves while the loop ends: it is taken out of the count once, by itself or by the loop.
+TEST_F(ServicePoolTest, IsLeftByThreadsWhileTheLoopEnds) {
+    for (int run = 0; run < 50; ++run) {
+        ServicePool* const pool = ServicePool::Create(4);
+        meeting->begun = 0;
+        for (int slot = 0; slot < 4; ++slot) ASSERT_EQ(Start(pool, slot), 0);
+        ASSERT_TRUE(Begun(4));
+        meeting->go.release(4);
+        if (run % 2 != 0) std::this_thread::yield();
+        fd_set watched{};
+        pool->EndLoop(watched);
+        EXPECT_EQ(NumOfThreads(), 0) << run;
+        pool->Release();
+    }
+    EXPECT_TRUE(ThreadsEnd());
+    EXPECT_EQ(NumOfThreads(), 0);
+}
+
+// Threads put connections back while the loop ends: each is closed by the loop or by its thread, never both.
+TEST_F(ServicePoolTest, HasOneOwnerForAConnectionThatIsPutBackWhileTheLoopEnds) {
+    constexpr int kThreads = 4;
+    constexpr int kEach = 8;
+    for (int run = 0; run < 50; ++run) {
+        ServicePool* const pool = ServicePool::Create(2);
+        fd_set ofThreads{};
+        std::atomic<int> ready{0};
+        std::vector<std::thread> threads;
+        for (int t = 0; t < kThreads; ++t) {
+            threads.emplace_back([&, t] {
+                ++ready;
+                while (ready < kThreads + 1) std::this_thread::yield();
+                for (int i = 0; i < kEach; ++i) {
+                    const int socket = 10 + i * kThreads + t;
+                    if (!pool->Watch(socket)) AddDescriptor(ofThreads, socket);
+                }
+            });
+        }
+        while (ready < kThreads) std::this_thread::yield();
+        ++ready;
+        fd_set ofLoop{};
+        pool->EndLoop(ofLoop);
+        for (std::thread& thread : threads) thread.join();
+        for (int socket = 10; socket < 10 + kThreads * kEach; ++socket) {
+            EXPECT_NE(FD_ISSET(socket, &ofLoop) != 0, FD_ISSET(socket, &ofThreads) != 0) << socket;
+        }
+        EXPECT_TRUE(Members(pool->Watched()).empty());
+        pool->Release();
+    }
+}
+
+} // namespace
+} // namespace rdx

@@ -14,11 +14,12 @@ attempt() {
     "$@" || fail "$message" "$next"
 }
 
-# build_preset PRESET: configures and builds build/PRESET with all processors.
+# build_preset PRESET: configures and builds build/PRESET with all processors, each command behind `runner`.
+runner=
 build_preset() {
     attempt "preset '$1' could not be configured." \
         "read the first error above; 'rm -r build/$1' removes what an older configuration left." \
-        cmake --preset "$1"
+        $runner cmake --preset "$1"
     attempt "preset '$1' did not build." "fix the first error above, then run '$0' again." \
-        cmake --build --preset "$1" --parallel "$(nproc)"
+        $runner cmake --build --preset "$1" --parallel "$(nproc)"
 }

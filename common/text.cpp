@@ -1,7 +1,6 @@
 #include "common/text.h"
 
 #include <algorithm>
-#include <charconv>
 #include <limits>
 
 namespace rdx {
@@ -75,8 +74,14 @@ Appender& Appender::Add(std::string_view text) {
 
 Appender& Appender::AddDecimal(std::int64_t number) {
     char digits[std::numeric_limits<std::int64_t>::digits10 + 3];
-    const auto result = std::to_chars(digits, digits + sizeof digits, number);
-    return Add({digits, static_cast<std::size_t>(result.ptr - digits)});
+    char* const end = digits + sizeof digits;
+    char* begin = end;
+    // Negative numbers reach further than positive ones, so that every number is turned into one.
+    for (std::int64_t rest = number > 0 ? -number : number; rest != 0 || begin == end; rest /= 10) {
+        *--begin = static_cast<char>('0' - rest % 10);
+    }
+    if (number < 0) *--begin = '-';
+    return Add({begin, static_cast<std::size_t>(end - begin)});
 }
 
 } // namespace rdx

@@ -90,7 +90,7 @@ bool ReadStartTag(Reader& text, WddxTag& tag) {
 // The next tag of the text. False when there is none, it is broken off or does not fit its record.
 bool NextTag(Reader& text, WddxTag& tag) {
     tag = {};
-    if (!text.TakeUntil("<")) return false;
+    if (!text.TakeUntilText("<")) return false;
     text.Take("<");
     tag.bEnd = text.Take("/");
     std::optional<std::string_view> name = text.TakeUntil(kNameEnd);
@@ -116,6 +116,18 @@ bool MoveCursor(const char** cursor, Step step) {
     return true;
 }
 
+// The element of a tag of the row; null when the row forbids the tag or memory is short.
+WddxElement* CreateElement(const TagDef& row, const WddxTag& tag) {
+    if (row.ucEmptyTag && !tag.bSelfClosed && !tag.bEnd) return nullptr;
+    if (row.szAttr != nullptr && std::strcmp(row.szAttr, tag.szAttrName) != 0) return nullptr;
+    OwnedElement element(AllocateZeroed<WddxElement>().release());
+    if (!element) return nullptr;
+    element->dwId = row.dwId;
+    if (row.szAttr == nullptr) return element.release();
+    element->pszText = CopyText(tag.szAttrValue).release();
+    return element->pszText == nullptr ? nullptr : element.release();
+}
+
 // An element whose content is being read.
 struct OpenElement {
     WddxElement* element;
@@ -128,7 +140,7 @@ struct OpenElement {
 // Takes the characters before the next tag as the element's text and opens the element.
 bool Open(Stack<OpenElement>& open, WddxElement& element, Reader& text) {
     const int row = lookupTagById(element.dwId);
-    const std::optional<std::string_view> characters = text.TakeUntil("<");
+    const std::optional<std::string_view> characters = text.TakeUntilText("<");
     if (row < 0 || !characters) return false;
     if (!characters->empty()) {
         if (element.pszText != nullptr || characters->size() > INT_MAX) return false;
@@ -152,12 +164,12 @@ void Link(OpenElement& parent, WddxElement& child) {
 
 // Checks a tag as the next child of the element and makes it that. Null when a rule forbids it: without
 // ucMultiChild there is no second child, so that no kind of child comes twice either.
-WddxElement* AddChild(OpenElement& parent, const TagDef& row, WddxTag& tag) {
+WddxElement* AddChild(OpenElement& parent, const TagDef& row, const WddxTag& tag) {
     const bool allowed = (parent.row->dwChildren & row.dwId) != 0;
     const bool mayBeSelfClosed = row.ucEmptyTag || row.ucMayBeEmpty;
     const bool roomForOne = parent.lastChild == nullptr || parent.row->ucMultiChild;
     if (!allowed || (tag.bSelfClosed && !mayBeSelfClosed) || !roomForOne) return nullptr;
-    WddxElement* const child = checkTagAndCreateElement(&tag);
+    WddxElement* const child = CreateElement(row, tag);
     if (child != nullptr) Link(parent, *child);
     return child;
 }
@@ -204,7 +216,7 @@ bool ReadPacket(Reader& text, WddxElement& root) {
     } while (row < 0);
     if ((g_astTagDef[0].dwChildren & g_astTagDef[row].dwId) == 0) return false;
     OpenElement document = {&root, &g_astTagDef[0], nullptr, 0, false};
-    WddxElement* const packet = checkTagAndCreateElement(&tag);
+    WddxElement* const packet = CreateElement(g_astTagDef[row], tag);
     if (packet == nullptr) return false;
     Link(document, *packet);
     return ReadContent(text, *packet);
@@ -306,6 +318,18 @@ bool Build(const Job& job, Jobs& jobs) {
     return *job.slot != nullptr && builder->build(*job.element, **job.slot, jobs);
 }
 
+// The next character. An "&" that starts no entity is a NUL (kept: the decoded text ends there).
+char DecodeNext(Reader& text) {
+    const char next = text.Rest().front();
+    if (next == '&') {
+        for (const Entity& entity : kEntities) {
+            if (text.Take(entity.name)) return entity.character;
+        }
+    }
+    text.TakeBytes(1);
+    return next == '&' ? '\0' : next;
+}
+
 WddxElement* LastSibling(WddxElement* element) {
     while (element->pNext != nullptr) element = element->pNext;
     return element;
@@ -346,16 +370,7 @@ int lookupTagById(unsigned int id) {
 
 WddxElement* checkTagAndCreateElement(WddxTag* tag) {
     const int index = tag == nullptr ? -1 : lookupTagByName(tag->szName);
-    if (index < 0) return nullptr;
-    const TagDef& row = g_astTagDef[index];
-    if (row.ucEmptyTag && !tag->bSelfClosed && !tag->bEnd) return nullptr;
-    if (row.szAttr != nullptr && std::strcmp(row.szAttr, tag->szAttrName) != 0) return nullptr;
-    OwnedElement element(AllocateZeroed<WddxElement>().release());
-    if (!element) return nullptr;
-    element->dwId = row.dwId;
-    if (row.szAttr == nullptr) return element.release();
-    element->pszText = CopyText(tag->szAttrValue).release();
-    return element->pszText == nullptr ? nullptr : element.release();
+    return index < 0 ? nullptr : CreateElement(g_astTagDef[index], *tag);
 }
 
 int parseTagContent(const char** cursor, WddxElement* element) {
@@ -401,11 +416,6 @@ char* convertXml2Utf8(const char* text, int len) {
     char* const decoded = static_cast<char*>(std::calloc(encoded.size() + 1, 1));
     if (decoded == nullptr) return nullptr;
     char* end = decoded;
-    for (Reader reader(encoded); !reader.AtEnd(); ++end) {
-        const auto* const entity = std::find_if(kEntities.begin(), kEntities.end(),
-                                                [&](const Entity& e) { return reader.Take(e.name); });
-        const char next = entity != kEntities.end() ? entity->character : reader.TakeBytes(1).front();
-        *end = entity == kEntities.end() && next == '&' ? '\0' : next;
-    }
+    for (Reader reader(encoded); !reader.AtEnd(); ++end) *end = DecodeNext(reader);
     return decoded;
 }

@@ -298,8 +298,11 @@ char* convertUtf82Xml(const char* text, int len) {
     for (const char c : plain) {
         const auto* const entity = std::find_if(kEntities.begin(), kEntities.end(),
                                                 [=](const Entity& e) { return e.character == c; });
-        const std::string_view piece = entity != kEntities.end() ? entity->name : std::string_view(&c, 1);
-        end = std::copy(piece.begin(), piece.end(), end);
+        if (entity == kEntities.end()) {
+            *end++ = c;
+        } else {
+            end = std::copy(entity->name.begin(), entity->name.end(), end);
+        }
     }
     return encoded;
 }

@@ -71,12 +71,11 @@ void DropChildSlot(WddxValue& value) {
 
 // Frees what a value without children still owns.
 void FreeBlocks(WddxValue& value) {
-    if (value.type == WDDX_STRING) std::free(value.payload.string);
+    if (value.type == WDDX_STRING) FreeAndNull(value.payload.string);
     if (value.type == WDDX_ARRAY && value.payload.array != nullptr) {
         std::free(value.payload.array->elements);
-        std::free(value.payload.array);
+        FreeAndNull(value.payload.array);
     }
-    value.payload = {};
 }
 
 // Reads the payload of a value of the type asked for.

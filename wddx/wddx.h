@@ -140,7 +140,7 @@ RDX_API int wddxGetType(WddxValue* v);
 /* Frees `*pv` with all below it and nulls `*pv`. Does nothing when `pv` or `*pv` is null. */
 RDX_API void wddxFree(WddxValue** pv);
 
-/* Frees what `v` owns and zeroes its payload, but not `v` itself. Does nothing for null. */
+/* Frees and nulls what the payload of `v` owns, but not `v` itself. Does nothing for null. */
 RDX_API void freeValueStruct(WddxValue* v);
 
 /* ------------------------------------------------------------------------------------------ parser --- */
@@ -213,7 +213,9 @@ struct WddxElement {
 RDX_API WddxValue* wddxParseStream(const char* text);
 
 /*
- * Reads the next tag.
+ * Reads the next tag. Of attributes, only the first is looked at. Its value is what stands up to the next
+ * quote behind the first character that is no quote, so that there is no empty value (kept: clients rely
+ * on it).
  *   cursor  in/out: the text; on success moved behind the tag, otherwise left.
  * Returns the tag, to be freed with free. Null when there is none, it is broken off, a name or value in it
  * has WDDX_TAG_TEXT_SIZE bytes and more, or memory is short.

@@ -45,7 +45,7 @@ inline Cut CutAtLines(std::string_view bytes, bool inside) {
 
 inline std::vector<Cut> CutsOf(std::string_view bytes) {
     std::vector<Cut> cuts = {{"whole", {bytes}}, CutEvery(bytes, 1, "byte by byte")};
-    for (const std::size_t size : {2, 3, 4, 5}) {
+    for (std::size_t size = 2; size <= 5; ++size) {
         cuts.push_back(CutEvery(bytes, size, std::to_string(size) + " bytes at a time"));
     }
     cuts.push_back(CutAtLines(bytes, false));

@@ -1,0 +1,1045 @@
+#include "common/httpreq.h"
+
+#include "common/config.h"
+#include "common/log.h"
+#include "tests/support/assertion.h"
+#include "tests/support/broken_requests.h"
+#include "tests/support/capture.h"
+#include "tests/support/classifier.h"
+#include "tests/support/faults.h"
+#include "tests/support/guarded.h"
+#include "tests/support/wire.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <arpa/inet.h>
+#include <cstddef>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+#include <netinet/in.h>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace {
+
+using rdx::test::ArrivedWire;
+using rdx::test::CallsOf;
+using rdx::test::CaptureStdout;
+using rdx::test::Cut;
+using rdx::test::CutsOf;
+using rdx::test::FailCall;
+using rdx::test::GuardedBytes;
+using rdx::test::Wire;
+using rdx::test::WithoutTimes;
+
+// The record's layout is part of the interface; written down where a pointer has 64 bits.
+static_assert(sizeof(void*) != 8 || sizeof(HttpRequest) == 1072);
+#define AT(field, offset) static_assert(sizeof(void*) != 8 || offsetof(HttpRequest, field) == (offset))
+AT(ucMethod, 0);
+AT(ucHttpVersion, 1);
+AT(pszUri, 8);
+AT(pszSeparator, 16);
+AT(ucNumOfGeneralHeaders, 19);
+AT(aGeneralHeaders, 24);
+AT(ucNumOfRequestHeaders, 280);
+AT(aRequestHeaders, 288);
+AT(ucNumOfEntityHeaders, 512);
+AT(aEntityHeaders, 520);
+AT(ucMultipart, 776);
+AT(ucKeepAlive, 777);
+AT(ucBoundaryLen, 778);
+AT(pszBoundary, 784);
+AT(uiBodyLength, 792);
+AT(pEntityBody, 800);
+AT(iSocket, 808);
+AT(szPeerName, 812);
+#undef AT
+static_assert(sizeof(HttpRequest::pszSeparator) == 3);
+static_assert(sizeof(HttpRequest::aGeneralHeaders) == 16 * sizeof(HttpHeader));
+static_assert(sizeof(HttpRequest::aRequestHeaders) == 14 * sizeof(HttpHeader));
+static_assert(sizeof(HttpRequest::aEntityHeaders) == 16 * sizeof(HttpHeader));
+static_assert(sizeof(HttpRequest::szPeerName) == 256);
+
+auto Assertion(const std::string& function, const std::string& text) {
+    return rdx::test::Assertion("common/httpreq.cpp", function, text);
+}
+
+// A request and what became of reading it.
+class Read {
+public:
+    Read() = default;
+    ~Read() {
+        if (request == nullptr) return;
+        // A list that has overflowed would meet the assertion that other tests are about.
+        request->ucNumOfGeneralHeaders = std::min<unsigned char>(request->ucNumOfGeneralHeaders, 16);
+        request->ucNumOfRequestHeaders = std::min<unsigned char>(request->ucNumOfRequestHeaders, 14);
+        request->ucNumOfEntityHeaders = std::min<unsigned char>(request->ucNumOfEntityHeaders, 16);
+        FreeHttpRequest(request);
+        std::free(request);
+    }
+    Read(const Read&) = delete;
+    Read& operator=(const Read&) = delete;
+    Read(Read&& other) noexcept
+        : code(other.code), taken(other.taken), trace(std::move(other.trace)),
+          request(std::exchange(other.request, nullptr)) {}
+
+    HttpRequest* operator->() const { return request; }
+    std::string Body() const {
+        return request->pEntityBody == nullptr ? ""
+                                               : std::string(request->pEntityBody, request->uiBodyLength);
+    }
+
+    int code = 0;
+    std::size_t taken = 0; // bytes out of the socket
+    std::string trace;     // on standard output
+    HttpRequest* request = nullptr;
+};
+
+void ReadFrom(int sock, Read& read) {
+    HttpRequest garbage{};
+    read.request = &garbage; // must be overwritten on every path
+    const CaptureStdout capture;
+    read.code = ConsumeHttpRequest(sock, &read.request);
+    read.trace = capture.Text();
+}
+
+Read ReadCut(const Cut& cut, Wire::Then then = Wire::Then::Close) {
+    Read read;
+    Wire wire(cut.pieces, then);
+    ReadFrom(wire.Socket(), read);
+    read.taken = wire.Taken();
+    EXPECT_EQ(read.request != nullptr, read.code == 200);
+    return read;
+}
+
+Read ReadWhole(std::string_view bytes, Wire::Then then = Wire::Then::Close) {
+    return ReadCut({"whole", {bytes}}, then);
+}
+
+// Reads `bytes` at every cut and gives each result to `check`.
+template <typename Check>
+void AtEveryCut(std::string_view bytes, Check check) {
+    for (const Cut& cut : CutsOf(bytes)) {
+        SCOPED_TRACE(cut.name);
+        const Read read = ReadCut(cut);
+        check(read);
+    }
+}
+
+int CodeOf(std::string_view bytes) { return ReadWhole(bytes).code; }
+
+// "GET and POST are allowed, no credentials are demanded, the limits are the defaults."
+class RequestTest : public testing::Test {
+protected:
+    void SetUp() override {
+        GTEST_FLAG_SET(death_test_style, "threadsafe");
+        std::ranges::fill(aiMethodsAllowed, 0);
+        aiMethodsAllowed[HTTP_GET] = aiMethodsAllowed[HTTP_POST] = 1;
+        ucAuthRequired = 0;
+        szConfigAuthInfo[0] = '\0';
+        ucSupportNetscapeVM = 0;
+        ucEntityTerminator = 0;
+        g_dwPostMaxContLength = g_dwPostMaxSizeToRead = 65536;
+        ucVerbosity = VERBOSITY_WARN;
+    }
+    void TearDown() override { SetUp(); }
+};
+using ConsumeHttpRequestTest = RequestTest;
+using ConsumeHttpRequestDeathTest = RequestTest;
+using ReadHttpReqHeadersTest = RequestTest;
+using ReadPostDataTest = RequestTest;
+using ParseHttpMethodLineTest = RequestTest;
+using IsMethodAllowedTest = RequestTest;
+using FreeHttpRequestDeathTest = RequestTest;
+
+std::vector<std::string> Headers(const HttpHeader* headers, int count) {
+    std::vector<std::string> texts;
+    for (int i = 0; i < count; ++i) texts.push_back(headers[i].name + std::string("=") + headers[i].value);
+    return texts;
+}
+
+std::string Repeat(const std::string& text, int times) {
+    std::string repeated;
+    for (int i = 0; i < times; ++i) repeated += text;
+    return repeated;
+}
+
+using Texts = std::vector<std::string>;
+
+// Whole requests ----------------------------------------------------------------------------------------
+
+TEST_F(ConsumeHttpRequestTest, ReadsAGet) {
+    AtEveryCut("GET /x HTTP/1.1\r\nHost: a\r\n\r\n", [](const Read& read) {
+        ASSERT_EQ(read.code, 200);
+        EXPECT_EQ(read->ucMethod, HTTP_GET);
+        EXPECT_EQ(read->ucHttpVersion, 11);
+        EXPECT_STREQ(read->pszUri, "/x");
+        EXPECT_STREQ(read->pszSeparator, "\r\n");
+        EXPECT_EQ(read->ucKeepAlive, 1);
+        EXPECT_EQ(Headers(read->aRequestHeaders, read->ucNumOfRequestHeaders), Texts{"Host=a"});
+        EXPECT_EQ(read->ucNumOfGeneralHeaders, 0);
+        EXPECT_EQ(read->ucNumOfEntityHeaders, 0);
+        EXPECT_EQ(read->ucMultipart, 0);
+        EXPECT_EQ(read->pszBoundary, nullptr);
+        EXPECT_EQ(read->uiBodyLength, 0U);
+        EXPECT_EQ(read->pEntityBody, nullptr);
+    });
+}
+
+TEST_F(ConsumeHttpRequestTest, ReadsAMultipartPost) {
+    constexpr rdx::test::Bytes kPost =
+        "POST /rDx?a=%20 HTTP/1.0\nConnection: Keep-Alive\nUser-Agent: t\nDate: d\nHost: a\n"
+        "Content-Type: multipart/form-data; boundary=AbC\nContent-Length: 9\n\n--AbC\n\0--";
+    AtEveryCut(kPost, [&](const Read& read) {
+        ASSERT_EQ(read.code, 200);
+        EXPECT_EQ(read->ucMethod, HTTP_POST);
+        EXPECT_EQ(read->ucHttpVersion, 10);
+        EXPECT_STREQ(read->pszUri, "/rDx?a=%20");
+        EXPECT_STREQ(read->pszSeparator, "\n");
+        EXPECT_EQ(read->ucKeepAlive, 1);
+        EXPECT_EQ(Headers(read->aGeneralHeaders, read->ucNumOfGeneralHeaders),
+                  (Texts{"Connection=Keep-Alive", "Date=d"}));
+        EXPECT_EQ(Headers(read->aRequestHeaders, read->ucNumOfRequestHeaders),
+                  (Texts{"User-Agent=t", "Host=a"}));
+        EXPECT_EQ(Headers(read->aEntityHeaders, read->ucNumOfEntityHeaders),
+                  (Texts{"Content-Type=multipart/form-data; boundary=AbC", "Content-Length=9"}));
+        EXPECT_EQ(read->ucMultipart, 1);
+        EXPECT_STREQ(read->pszBoundary, "--AbC");
+        EXPECT_EQ(read->ucBoundaryLen, 5);
+        EXPECT_EQ(read.Body(), std::string("--AbC\n\0--", 9));
+        EXPECT_EQ(read.taken, kPost.size());
+    });
+}
+
+TEST_F(ConsumeHttpRequestTest, LeavesWhatFollowsInTheSocket) {
+    const std::string requests[] = {"GET /x HTTP/1.1\r\nHost: a\r\n\r\n",
+                                    "POST /x HTTP/1.1\r\nContent-length: 4\r\n\r\nbody", "\r\n", "\n"};
+    for (const std::string& request : requests) {
+        SCOPED_TRACE(request);
+        const std::string stream = request + "GET /next HTTP/1.1\r\nHost: b\r\n\r\n";
+        for (const Cut& cut : CutsOf(stream)) {
+            SCOPED_TRACE(cut.name);
+            const Read read = ReadCut(cut);
+            EXPECT_EQ(read.code, 200);
+            EXPECT_EQ(read.taken, request.size());
+        }
+    }
+}
+
+TEST_F(ConsumeHttpRequestTest, NeedsNoEndOfTheConnection) {
+    for (const std::string_view request : {"GET /x HTTP/1.1\r\nHost: a\r\n\r\n",
+                                           "POST /x HTTP/1.1\r\nContent-length: 4\r\n\r\nbody", "\r\n"}) {
+        EXPECT_EQ(ReadWhole(request, Wire::Then::StayOpen).code, 200) << request;
+    }
+}
+
+TEST_F(ConsumeHttpRequestTest, AnswersEveryBrokenRequestWithItsCodeAtEveryCut) {
+    for (const auto& row : rdx::test::kBrokenRequests) {
+        SCOPED_TRACE(row.why);
+        AtEveryCut(row.bytes, [&](const Read& read) { EXPECT_EQ(read.code, row.outcome); });
+    }
+}
+
+TEST_F(ConsumeHttpRequestDeathTest, EndsTheProcessOnEveryLethalRequest) {
+    for (const auto& row : rdx::test::kLethalRequests) {
+        SCOPED_TRACE(row.why);
+        EXPECT_DEATH(
+            {
+                const ArrivedWire wire(row.bytes);
+                HttpRequest* request = nullptr;
+                if (ConsumeHttpRequest(wire.Socket(), &request) == 200) FreeHttpRequest(request);
+            },
+            testing::HasSubstr("Assertion `" + std::string(row.assertion) + "' failed."));
+    }
+}
+
+// What a connection that closes within a request comes to, wherever it does.
+constexpr int kLethal = 0;
+const struct {
+    std::string_view piece;
+    int outcome; // of a request that ends within this piece or with it
+} kPrefixes[] = {
+    {"POST /x HTTP", -400}, // words are missing
+    {"/1.", -505},          // half a version
+    {"1\r\n", -400},        // no headers
+    {"Host", kLethal},      // a header without a colon
+    {": a\r\n", 200},       // the end of the connection is the end of the headers
+    {"Content-Length", kLethal},
+    {": ", -400},           // a length of 0
+    {"4\r\n\r\nbod", -400}, // a short body
+    {"y", 200},
+};
+
+std::vector<std::pair<std::string, int>> Prefixes() {
+    std::vector<std::pair<std::string, int>> prefixes = {{"", 200}};
+    for (const auto& row : kPrefixes) {
+        for (const char c : row.piece) prefixes.emplace_back(prefixes.back().first + c, row.outcome);
+    }
+    return prefixes;
+}
+
+TEST_F(ConsumeHttpRequestTest, KnowsEveryPrefixOfAGoodRequest) {
+    for (const auto& [prefix, outcome] : Prefixes()) {
+        if (outcome == kLethal) continue;
+        SCOPED_TRACE("\"" + prefix + "\"");
+        AtEveryCut(prefix, [expected = outcome](const Read& read) { EXPECT_EQ(read.code, expected); });
+    }
+}
+
+TEST_F(ConsumeHttpRequestDeathTest, EndsTheProcessWhereAHeaderNameIsCutOff) {
+    for (const auto& [prefix, outcome] : Prefixes()) {
+        if (outcome != kLethal) continue;
+        const ArrivedWire wire(prefix);
+        HttpRequest* request = nullptr;
+        EXPECT_DEATH(ConsumeHttpRequest(wire.Socket(), &request),
+                     rdx::test::Assertion("common/http.cpp", "AssignHeaderData", "pcolon != __null"))
+            << prefix;
+    }
+}
+
+TEST_F(ConsumeHttpRequestTest, AcceptsAConnectionThatSaysNothing) {
+    for (const std::string_view bytes : {"", "\n", "\r\n", "\r"}) {
+        AtEveryCut(bytes, [](const Read& read) {
+            ASSERT_EQ(read.code, 200);
+            EXPECT_EQ(read->pszUri, nullptr);
+            EXPECT_STREQ(read->pszSeparator, "");
+            EXPECT_EQ(read->ucHttpVersion, 0);
+            EXPECT_EQ(read->ucKeepAlive, 0);
+            EXPECT_EQ(read->ucNumOfRequestHeaders, 0);
+        });
+    }
+}
+
+TEST_F(ConsumeHttpRequestTest, RemembersItsSocket) {
+    const ArrivedWire wire("GET /x HTTP/1.1\r\nHost: a\r\n\r\n");
+    Read read;
+    ReadFrom(wire.Socket(), read);
+    EXPECT_EQ(read->iSocket, wire.Socket());
+}
+
+TEST_F(ConsumeHttpRequestTest, CostsFarFewerSystemCallsThanBytes) {
+    const std::string request = "GET /" + std::string(250, 'u') + " HTTP/1.1\r\n" +
+                                Repeat("Host: " + std::string(490, 'h') + "\r\n", 14) + "\r\n";
+    const ArrivedWire wire(request);
+    Read read;
+    const int before = CallsOf("recv");
+    ReadFrom(wire.Socket(), read);
+    EXPECT_EQ(read.code, 200);
+    EXPECT_LE(CallsOf("recv") - before, 3 * 16) << "a few for each line";
+}
+
+// Lengths -----------------------------------------------------------------------------------------------
+
+TEST_F(ConsumeHttpRequestTest, Takes511CharactersOfALine) {
+    const std::string end = " /x HTTP/1.1";
+    const std::string blanks(511 - 3 - end.size(), ' ');
+    const std::string line = "GET" + blanks + end;
+    ASSERT_EQ(line.size(), 511U);
+    const std::string header = "Host: " + std::string(505, 'a');
+    ASSERT_EQ(header.size(), 511U);
+    EXPECT_EQ(CodeOf(line + "\r\n" + header + "\r\n\r\n"), 200);
+    EXPECT_EQ(CodeOf(line + "\n" + header + "\n\n"), 200);
+    EXPECT_EQ(CodeOf("GET " + blanks + end + "\r\nHost: a\r\n\r\n"), -400);
+    EXPECT_EQ(CodeOf(line + "\r\n" + header + "a\r\n\r\n"), -400);
+}
+
+TEST_F(ConsumeHttpRequestTest, TakesATargetOf255Characters) {
+    const std::string target(255, 'u');
+    const Read read = ReadWhole("GET " + target + " HTTP/1.1\r\nHost: a\r\n\r\n");
+    ASSERT_EQ(read.code, 200);
+    EXPECT_EQ(read->pszUri, target);
+    EXPECT_EQ(CodeOf("GET " + target + "u HTTP/1.1\r\nHost: a\r\n\r\n"), -400);
+}
+
+TEST_F(ConsumeHttpRequestTest, TakesABodyUpToTheLimits) {
+    const std::string body(65536, 'b');
+    const std::string head = "POST /x HTTP/1.1\r\nContent-length: ";
+    const Read read = ReadWhole(head + "65536\r\n\r\n" + body);
+    ASSERT_EQ(read.code, 200);
+    EXPECT_EQ(read.Body(), body);
+    EXPECT_EQ(CodeOf(head + "65537\r\n\r\n" + body + "b"), -400);
+    g_dwPostMaxContLength = 4;
+    EXPECT_EQ(CodeOf(head + "4\r\n\r\nbody"), 200);
+    EXPECT_EQ(CodeOf(head + "5\r\n\r\nbody!"), -400);
+    g_dwPostMaxContLength = 65536;
+    g_dwPostMaxSizeToRead = 4;
+    EXPECT_EQ(CodeOf(head + "4\r\n\r\nbody"), 200);
+    EXPECT_EQ(CodeOf(head + "5\r\n\r\nbody!"), -400);
+}
+
+TEST_F(ConsumeHttpRequestTest, ReadsALengthsLeadingDigits) {
+    const std::string head = "POST /x HTTP/1.1\r\nContent-length:";
+    for (const std::string length : {"4", " 4", "   4", "\t4", " +4", "0004", "4 ", "4;", "4abc", "4, 9"}) {
+        const Read read = ReadWhole(head + length + "\r\n\r\nbody and more");
+        ASSERT_EQ(read.code, 200) << length;
+        EXPECT_EQ(read.Body(), "body") << length;
+    }
+}
+
+TEST_F(ConsumeHttpRequestTest, TakesTheLastLength) {
+    const Read read =
+        ReadWhole("POST /x HTTP/1.1\r\nContent-length: 65537\r\ncontent-LENGTH: 4\r\n\r\nbody and more");
+    ASSERT_EQ(read.code, 200);
+    EXPECT_EQ(read.Body(), "body");
+}
+
+TEST_F(ConsumeHttpRequestTest, KnowsALengthOnlyByItsWholeName) {
+    const Read read = ReadWhole("POST /x HTTP/1.1\r\nContent-len: 4\r\nContent-: 0\r\n\r\nbody");
+    ASSERT_EQ(read.code, 200);
+    EXPECT_EQ(read->uiBodyLength, 0U);
+    EXPECT_EQ(Headers(read->aEntityHeaders, read->ucNumOfEntityHeaders),
+              Texts({"Content-len=4", "Content-=0"}));
+}
+
+// Lines and words ---------------------------------------------------------------------------------------
+
+TEST_F(ConsumeHttpRequestTest, IgnoresCaseInMethodAndProtocol) {
+    for (const std::string line : {"get /x http/1.1", "Get /x hTTp/1.1", "GET /x HTTP/1.1"}) {
+        const Read read = ReadWhole(line + "\r\nHost: a\r\n\r\n");
+        ASSERT_EQ(read.code, 200) << line;
+        EXPECT_EQ(read->ucMethod, HTTP_GET);
+    }
+}
+
+TEST_F(ConsumeHttpRequestTest, KeepsTheTargetAsReceived) {
+    const Read read = ReadWhole("GET \t /A%20b?c=d&E=%2f+#f\t HTTP/1.1\r\nHost: a\r\n\r\n");
+    ASSERT_EQ(read.code, 200);
+    EXPECT_STREQ(read->pszUri, "/A%20b?c=d&E=%2f+#f\t") << "only a blank ends it";
+}
+
+TEST_F(ConsumeHttpRequestTest, EndsATargetAtANulForWhoeverReadsIt) {
+    AtEveryCut(rdx::test::Bytes("GET /x\0y HTTP/1.1\r\nHost: a\0b\r\n\r\n"), [](const Read& read) {
+        ASSERT_EQ(read.code, 200);
+        EXPECT_STREQ(read->pszUri, "/x");
+        EXPECT_EQ(Headers(read->aRequestHeaders, read->ucNumOfRequestHeaders), Texts{"Host=a"});
+    });
+}
+
+TEST_F(ConsumeHttpRequestTest, NotesTheRequestLinesEnd) {
+    const struct {
+        std::string_view bytes;
+        const char* separator;
+    } rows[] = {{"GET /x HTTP/1.1\r\nHost: a\n\n", "\r\n"},
+                {"GET /x HTTP/1.1\nHost: a\r\n\r\n", "\n"},
+                {"GET /x\r HTTP/1.1\nHost: a\r\n\r\n", "\r\n"}};
+    for (const auto& row : rows) {
+        AtEveryCut(row.bytes, [&](const Read& read) {
+            ASSERT_EQ(read.code, 200);
+            EXPECT_STREQ(read->pszSeparator, row.separator);
+        });
+    }
+}
+
+// Keep-alive --------------------------------------------------------------------------------------------
+
+TEST_F(ConsumeHttpRequestTest, DecidesKeepAliveByVersionAndThenByHeader) {
+    const struct {
+        const char* headers;
+        int inVersion11;
+        int inVersion10;
+    } rows[] = {
+        {"Host: a\r\n", 1, 0},
+        {"Connection: close\r\n", 0, 0},
+        {"Connection: keep-alive\r\n", 1, 1},
+        {"connection: CLOSE\r\n", 0, 0},
+        {"CONNECTION:Keep-Alive\r\n", 1, 1},
+        {"Connection: : close\r\n", 0, 0},
+        {"Connection: upgrade\r\n", 1, 0},
+        {"Connection:\r\n", 1, 0},
+        {"Connection: close \r\n", 1, 0},
+        {"Connection:\tclose\r\n", 1, 0},
+        {"Connection: close, TE\r\n", 1, 0},
+        {"Connection: close\r\nConnection: keep-alive\r\n", 1, 1},
+        {"Connection: keep-alive\r\nConnection: close\r\n", 0, 0},
+        {"Connection: close\r\nConnection: upgrade\r\n", 0, 0},
+        {"Con: close\r\n", 1, 0},
+        {"Connectio: keep-alive\r\n", 1, 0},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.headers);
+        const Read newer = ReadWhole(std::string("GET /x HTTP/1.1\r\n") + row.headers + "\r\n");
+        ASSERT_EQ(newer.code, 200);
+        EXPECT_EQ(newer->ucKeepAlive, row.inVersion11);
+        const Read older = ReadWhole(std::string("GET /x HTTP/1.0\r\n") + row.headers + "\r\n");
+        ASSERT_EQ(older.code, 200);
+        EXPECT_EQ(older->ucKeepAlive, row.inVersion10);
+    }
+}
+
+// Header lists ------------------------------------------------------------------------------------------
+
+TEST_F(ConsumeHttpRequestTest, SortsEveryNameOfTheTablesIntoItsList) {
+    const auto count = [](const std::string& name) {
+        const Read read = ReadWhole("POST /x HTTP/1.1\r\n" + name + ": 1\r\n\r\nb");
+        EXPECT_EQ(read.code, 200) << name;
+        return std::vector<int>{read->ucNumOfGeneralHeaders, read->ucNumOfRequestHeaders,
+                                read->ucNumOfEntityHeaders};
+    };
+    for (const char* name : apszGeneralHeaders) EXPECT_EQ(count(name), (std::vector<int>{1, 0, 0})) << name;
+    for (const char* name : apszRequestHeaders) EXPECT_EQ(count(name), (std::vector<int>{0, 1, 0})) << name;
+    for (const char* name : apszEntityHeaders) EXPECT_EQ(count(name), (std::vector<int>{0, 0, 1})) << name;
+}
+
+TEST_F(ConsumeHttpRequestTest, KeepsTheOrderOfArrivalAndRepeatedNames) {
+    const Read read =
+        ReadWhole("GET /x HTTP/1.1\r\nHost: 1\r\nVia: 1\r\nHost: 2\r\nAllow: 1\r\nVia: 2\r\n\r\n");
+    ASSERT_EQ(read.code, 200);
+    EXPECT_EQ(Headers(read->aGeneralHeaders, read->ucNumOfGeneralHeaders), (Texts{"Via=1", "Via=2"}));
+    EXPECT_EQ(Headers(read->aRequestHeaders, read->ucNumOfRequestHeaders), (Texts{"Host=1", "Host=2"}));
+    EXPECT_EQ(Headers(read->aEntityHeaders, read->ucNumOfEntityHeaders), (Texts{"Allow=1"}));
+}
+
+TEST_F(ConsumeHttpRequestTest, PutsShortNamesAmongTheGeneralHeaders) {
+    const Read read = ReadWhole("GET /x HTTP/1.1\r\nX: 1\r\n: 2\r\n:\r\nH: a\r\n\r\n");
+    ASSERT_EQ(read.code, 200);
+    EXPECT_EQ(Headers(read->aGeneralHeaders, read->ucNumOfGeneralHeaders), (Texts{"X=1", "=2", "=", "H=a"}));
+}
+
+TEST_F(ConsumeHttpRequestTest, FillsEveryListToItsCapacity) {
+    const Read read = ReadWhole("GET /x HTTP/1.1\r\n" + Repeat("Via: a\r\n", 16) + Repeat("Host: a\r\n", 14) +
+                                Repeat("Allow: a\r\n", 16) + "\r\n");
+    ASSERT_EQ(read.code, 200);
+    EXPECT_EQ(read->ucNumOfGeneralHeaders, 16);
+    EXPECT_EQ(read->ucNumOfRequestHeaders, 14);
+    EXPECT_EQ(read->ucNumOfEntityHeaders, 16);
+    EXPECT_STREQ(read->aGeneralHeaders[15].value, "a");
+    EXPECT_STREQ(read->aRequestHeaders[13].value, "a");
+    EXPECT_STREQ(read->aEntityHeaders[15].value, "a");
+}
+
+TEST_F(ConsumeHttpRequestTest, CountsHeadersBehindAFullListWithoutAnyEffect) {
+    const Read general =
+        ReadWhole("GET /x HTTP/1.1\r\n" + Repeat("Via: a\r\n", 16) + "Connection: close\r\n\r\n");
+    ASSERT_EQ(general.code, 200);
+    EXPECT_EQ(general->ucNumOfGeneralHeaders, 17);
+    EXPECT_EQ(general->ucKeepAlive, 1);
+    EXPECT_EQ(general->ucNumOfRequestHeaders, 0);
+
+    const Read request = ReadWhole("GET /x HTTP/1.1\r\n" + Repeat("Host: a\r\n", 15) + "\r\n");
+    ASSERT_EQ(request.code, 200);
+    EXPECT_EQ(request->ucNumOfRequestHeaders, 15);
+    EXPECT_EQ(request->ucNumOfEntityHeaders, 0);
+
+    const Read entity = ReadWhole("GET /x HTTP/1.1\r\n" + Repeat("Allow: a\r\n", 16) +
+                                  "Content-length: 0\r\nContent-type: multipart/form-data\r\n\r\n");
+    ASSERT_EQ(entity.code, 200);
+    EXPECT_EQ(entity->ucNumOfEntityHeaders, 18);
+    EXPECT_EQ(entity->uiBodyLength, 0U);
+    EXPECT_EQ(entity->ucMultipart, 0);
+}
+
+TEST_F(ConsumeHttpRequestTest, NeverCountsAnOverflowingListRoundTo0) {
+    for (const int count : {254, 255, 256, 257, 300, 600}) {
+        const Read read = ReadWhole("GET /x HTTP/1.1\r\n" + Repeat("Via: a\r\n", count) +
+                                    Repeat("Host: a\r\n", count) + Repeat("Allow: a\r\n", count) + "\r\n");
+        ASSERT_EQ(read.code, 200);
+        EXPECT_EQ(read->ucNumOfGeneralHeaders, std::min(count, 255));
+        EXPECT_EQ(read->ucNumOfRequestHeaders, std::min(count, 255));
+        EXPECT_EQ(read->ucNumOfEntityHeaders, std::min(count, 255));
+    }
+}
+
+// Multipart ---------------------------------------------------------------------------------------------
+
+std::string WithContentType(const std::string& value) {
+    return "POST /x HTTP/1.1\r\nContent-Type: " + value + "\r\n\r\n";
+}
+
+TEST_F(ConsumeHttpRequestTest, TakesTheBoundaryUpToTheValuesEnd) {
+    const struct {
+        const char* value;
+        const char* boundary;
+    } rows[] = {
+        {"multipart/form-data; boundary=AbC", "--AbC"},
+        {"multipart/form-data;boundary=AbC", "--AbC"},
+        {"multipart/form-databoundary=AbC", "--AbC"},
+        {"multipart/form-data; charset=x; boundary=AbC", "--AbC"},
+        {"multipart/form-data; boundary=AbC; charset=x", "--AbC; charset=x"},
+        {"multipart/form-data; boundary=\"AbC\"", "--\"AbC\""},
+        {"multipart/form-data; boundary=AbC ", "--AbC "},
+        {"multipart/form-data; boundary=--AbC", "----AbC"},
+        {"multipart/form-data; boundary=a boundary=b", "--a boundary=b"},
+        {"multipart/form-data; boundary=", "--"},
+    };
+    for (const auto& row : rows) {
+        const Read read = ReadWhole(WithContentType(row.value));
+        ASSERT_EQ(read.code, 200) << row.value;
+        EXPECT_EQ(read->ucMultipart, 1) << row.value;
+        EXPECT_STREQ(read->pszBoundary, row.boundary);
+        EXPECT_EQ(read->ucBoundaryLen, std::strlen(row.boundary)) << row.value;
+    }
+}
+
+TEST_F(ConsumeHttpRequestTest, TakesOtherContentTypesForNoMultipart) {
+    for (const char* value :
+         {"text/xml", "Multipart/form-data; boundary=a", "multipart/mixed; boundary=a", "", " multipart",
+          "\tmultipart/form-data", "x multipart/form-data; boundary=a"}) {
+        const Read read = ReadWhole(WithContentType(value));
+        ASSERT_EQ(read.code, 200) << value;
+        EXPECT_EQ(read->ucMultipart, 0) << value;
+        EXPECT_EQ(read->pszBoundary, nullptr) << value;
+    }
+    const Read abbreviated = ReadWhole("GET /x HTTP/1.1\r\nContent-Typ: multipart/form-data\r\n\r\n");
+    EXPECT_EQ(abbreviated.code, 200);
+}
+
+TEST_F(ConsumeHttpRequestTest, TakesTheLastBoundary) {
+    const Read read = ReadWhole("POST /x HTTP/1.1\r\nContent-type: multipart/form-data; boundary=first\r\n"
+                                "Content-type: multipart/form-data; boundary=2\r\n\r\n");
+    ASSERT_EQ(read.code, 200);
+    EXPECT_STREQ(read->pszBoundary, "--2");
+    EXPECT_EQ(read->ucBoundaryLen, 3);
+}
+
+TEST_F(ConsumeHttpRequestTest, KeepsABoundarysLengthIn8Bits) {
+    for (const int length : {1, 252, 253, 254, 255, 256, 460}) {
+        const std::string boundary(static_cast<std::size_t>(length), 'b');
+        const Read read = ReadWhole(WithContentType("multipart/form-data; boundary=" + boundary));
+        ASSERT_EQ(read.code, 200) << length;
+        EXPECT_EQ(read->pszBoundary, "--" + boundary);
+        EXPECT_EQ(read->ucBoundaryLen, (length + 2) % 256);
+        EXPECT_EQ(read->ucMultipart, 1);
+    }
+}
+
+TEST_F(ConsumeHttpRequestTest, AcceptsMultipartWithoutBoundaryOnlyWhereSupported) {
+    EXPECT_EQ(CodeOf(WithContentType("multipart/form-data")), -400);
+    ucSupportNetscapeVM = 1;
+    const Read read = ReadWhole(WithContentType("multipart/form-data"));
+    ASSERT_EQ(read.code, 200);
+    EXPECT_EQ(read->ucMultipart, 0);
+    EXPECT_EQ(read->pszBoundary, nullptr);
+    EXPECT_EQ(CodeOf("GET /x HTTP/1.1\r\nContent-type: multipart/form-data\r\n\r\n"), -400)
+        << "it must be posted all the same";
+}
+
+// Credentials -------------------------------------------------------------------------------------------
+
+TEST_F(ConsumeHttpRequestTest, DemandsCredentialsWhenTheSettingsDo) {
+    ucAuthRequired = 1;
+    std::strcpy(szConfigAuthInfo, "dTpw");
+    const struct {
+        const char* headers;
+        int outcome;
+    } rows[] = {
+        {"Authorization: Basic dTpw\r\n", 200},
+        {"authorization: BASIC dTpw\r\n", 200},
+        {"Authorization: Basic DTPW\r\n", -401},
+        {"Authorization: Basic dTpw \r\n", -401},
+        {"Authorization: Basic\r\n", -401},
+        {"Authorization: dTpw\r\n", -401},
+        {"Authorization:\r\n", -401},
+        {"Auth: Basic dTpw\r\n", -401},
+        {"Host: a\r\n", -401},
+    };
+    for (const auto& row : rows) {
+        const Read read = ReadWhole(std::string("GET /x HTTP/1.1\r\n") + row.headers + "\r\n");
+        EXPECT_EQ(read.code, row.outcome) << row.headers;
+        EXPECT_EQ(read.trace.ends_with("\nConsumeHttpRequest: no auth"), row.outcome == -401) << read.trace;
+    }
+    EXPECT_EQ(CodeOf("\r\n"), -401) << "an empty request has none";
+    EXPECT_EQ(CodeOf("GET /x HTTP/1.1\r\nContent-length: 4\r\n\r\nbod"), -400) << "the body comes first";
+}
+
+// The peer ----------------------------------------------------------------------------------------------
+
+// A connection over the loopback interface, on which `bytes` have been sent.
+class LoopbackWire {
+public:
+    explicit LoopbackWire(std::string_view bytes) {
+        const int listener = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        sockaddr_in address{};
+        address.sin_family = AF_INET;
+        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        socklen_t size = sizeof address;
+        auto* const generic = reinterpret_cast<sockaddr*>(&address);
+        far_ = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        if (bind(listener, generic, size) != 0 || listen(listener, 1) != 0 ||
+            getsockname(listener, generic, &size) != 0 || connect(far_, generic, size) != 0) {
+            std::abort();
+        }
+        near_ = accept(listener, nullptr, nullptr);
+        close(listener);
+        if (near_ < 0 || getsockname(far_, generic, &size) != 0) std::abort();
+        farPort_ = ntohs(address.sin_port);
+        if (send(far_, bytes.data(), bytes.size(), 0) != static_cast<ssize_t>(bytes.size())) std::abort();
+    }
+    ~LoopbackWire() {
+        close(near_);
+        close(far_);
+    }
+    LoopbackWire(const LoopbackWire&) = delete;
+    LoopbackWire& operator=(const LoopbackWire&) = delete;
+
+    int Socket() const { return near_; }
+    std::string FarName() const { return "127.0.0.1:" + std::to_string(farPort_); }
+
+private:
+    int near_;
+    int far_;
+    int farPort_;
+};
+
+TEST_F(ConsumeHttpRequestTest, NamesThePeer) {
+    const LoopbackWire wire("GET /x HTTP/1.1\r\nHost: a\r\n\r\n");
+    Read read;
+    ReadFrom(wire.Socket(), read);
+    ASSERT_EQ(read.code, 200);
+    EXPECT_EQ(read->szPeerName, wire.FarName());
+    EXPECT_TRUE(read.trace.ends_with("\nConsumeHttpRequest: szPeerName = " + wire.FarName())) << read.trace;
+}
+
+TEST_F(ConsumeHttpRequestTest, AcceptsARequestFromAPeerWithoutName) {
+    const LoopbackWire wire("GET /x HTTP/1.1\r\nHost: a\r\n\r\n");
+    Read read;
+    const FailCall unnamed("getpeername", 1, ENOTCONN);
+    ReadFrom(wire.Socket(), read);
+    EXPECT_TRUE(unnamed.Struck());
+    ASSERT_EQ(read.code, 200);
+    EXPECT_STREQ(read->szPeerName, "");
+    EXPECT_EQ(read.trace.find("szPeerName"), std::string::npos);
+}
+
+TEST_F(ConsumeHttpRequestTest, LeavesPeersOfOtherAddressFamiliesUnnamed) {
+    const Read read = ReadWhole("GET /x HTTP/1.1\r\nHost: a\r\n\r\n");
+    ASSERT_EQ(read.code, 200);
+    EXPECT_STREQ(read->szPeerName, "");
+    EXPECT_EQ(read.trace.find("szPeerName"), std::string::npos);
+}
+
+// Traces and log ----------------------------------------------------------------------------------------
+
+TEST_F(ConsumeHttpRequestTest, TracesItsSteps) {
+    EXPECT_EQ(ReadWhole("POST /x HTTP/1.1\r\nContent-length: 4\r\n\r\nbody").trace,
+              "\nParsing: method ok (1)\nParseHttpMethodLine ok\nHttpHeaders: uiBodyLength=4"
+              "\nReadPostData: received 4 bytes");
+    EXPECT_EQ(ReadWhole("POST /x HTTP/1.1\r\nContent-length: 4\r\n\r\nbod").trace,
+              "\nParsing: method ok (1)\nParseHttpMethodLine ok\nHttpHeaders: uiBodyLength=4"
+              "\nReadPostData: received just 3 bytes");
+    EXPECT_EQ(ReadWhole("POST /x HTTP/1.1\r\nContent-length: 0\r\n\r\n").trace,
+              "\nParsing: method ok (1)\nParseHttpMethodLine ok");
+    EXPECT_EQ(ReadWhole("POST /x HTTP/1.1\r\nContent-length: -5\r\n\r\n").trace,
+              "\nParsing: method ok (1)\nParseHttpMethodLine ok\nHttpHeaders: uiBodyLength=-5");
+    EXPECT_EQ(ReadWhole("POST /x HTTP/1.1\r\nContent-length: 99999999999\r\n\r\n").trace,
+              "\nParsing: method ok (1)\nParseHttpMethodLine ok\nHttpHeaders: uiBodyLength=2147483647");
+    aiMethodsAllowed[HTTP_GET] = 7;
+    EXPECT_EQ(ReadWhole("GET /x HTTP/1.2\r\n\r\n").trace, "\nParsing: method ok (7)");
+    EXPECT_EQ(ReadWhole("PUT /x HTTP/1.1\r\n\r\n").trace, "\nParsing: method ok (0)");
+    EXPECT_EQ(ReadWhole("FOO /x HTTP/1.1\r\n\r\n").trace, "");
+}
+
+TEST_F(ReadHttpReqHeadersTest, LogsTheRequestLinesLengthAtTheHighestVerbosity) {
+    ucVerbosity = VERBOSITY_LOG;
+    const std::string request = "GET /x HTTP/1.1\r\nHost: a\r\n\r\n";
+    EXPECT_EQ(ReadWhole(request).trace.find("got request line"), std::string::npos);
+    ucVerbosity = VERBOSITY_ALL;
+    const std::string trace = WithoutTimes(ReadWhole(request).trace);
+    EXPECT_TRUE(
+        trace.starts_with("\n[TIME],ReadHttpReqHeaders(): got request line from socket, len = (15) [tid="))
+        << trace;
+    EXPECT_TRUE(trace.ends_with("]\nParsing: method ok (1)\nParseHttpMethodLine ok")) << trace;
+    EXPECT_EQ(ReadWhole("").trace, "");
+}
+
+// Failures ----------------------------------------------------------------------------------------------
+
+constexpr std::string_view kMultipartPost =
+    "POST /x HTTP/1.1\r\nContent-type: multipart/form-data; boundary=b\r\nContent-length: 4\r\n\r\nbody";
+
+TEST_F(ConsumeHttpRequestTest, ReportsMissingMemoryForTheRecord) {
+    const FailCall noMemory("calloc");
+    EXPECT_EQ(CodeOf(kMultipartPost), -500);
+    EXPECT_TRUE(noMemory.Struck());
+}
+
+TEST_F(ConsumeHttpRequestTest, SurvivesEveryFailingAllocation) {
+    const struct {
+        const char* what;
+        int outcome;
+        unsigned int bodyLength;
+        int multipart;
+    } rows[] = {
+        {"the target", -500, 0, 0},
+        {"the first header's name: the header is ignored", 200, 4, 0},
+        {"the first header's value: the header is ignored", 200, 4, 0},
+        {"the boundary", -500, 0, 0},
+        {"the second header's name: the header is ignored", 200, 0, 1},
+        {"the second header's value: the header is ignored", 200, 0, 1},
+        {"the body", -500, 0, 0},
+    };
+    int nth = 0;
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.what);
+        const FailCall noMemory("malloc", ++nth);
+        const Read read = ReadWhole(kMultipartPost);
+        EXPECT_TRUE(noMemory.Struck());
+        ASSERT_EQ(read.code, row.outcome);
+        if (read.code != 200) continue;
+        EXPECT_EQ(read->uiBodyLength, row.bodyLength);
+        EXPECT_EQ(read->ucMultipart, row.multipart);
+        EXPECT_EQ(read->ucNumOfEntityHeaders, 2) << "an ignored header is counted";
+    }
+    const FailCall never("malloc", ++nth);
+    EXPECT_EQ(CodeOf(kMultipartPost), 200);
+    EXPECT_FALSE(never.Struck()) << "the rows above are all there is";
+}
+
+TEST_F(ConsumeHttpRequestTest, IgnoresAConnectionHeaderItHasNoMemoryFor) {
+    for (const int nth : {2, 3}) {
+        const FailCall noMemory("malloc", nth);
+        const Read read = ReadWhole("GET /x HTTP/1.1\r\nConnection: close\r\n\r\n");
+        EXPECT_TRUE(noMemory.Struck());
+        ASSERT_EQ(read.code, 200);
+        EXPECT_EQ(read->ucKeepAlive, 1);
+        EXPECT_EQ(GetReqHeaderByName(read.request, "Connection"), nullptr);
+    }
+}
+
+TEST_F(ConsumeHttpRequestTest, ReportsAFailingReceive) {
+    const ArrivedWire whole(kMultipartPost);
+    Read counted;
+    const int before = CallsOf("recv");
+    ReadFrom(whole.Socket(), counted);
+    const int calls = CallsOf("recv") - before;
+    ASSERT_EQ(counted.code, 200);
+    ASSERT_GE(calls, 5) << "four lines and a body";
+    for (int nth = 1; nth <= calls; ++nth) {
+        SCOPED_TRACE(nth);
+        const ArrivedWire wire(kMultipartPost);
+        const FailCall reset("recv", nth, ECONNRESET);
+        Read read;
+        ReadFrom(wire.Socket(), read);
+        EXPECT_TRUE(reset.Struck());
+        EXPECT_EQ(read.code, nth == calls ? -400 : -1);
+        EXPECT_EQ(read.request, nullptr);
+        EXPECT_EQ(read.trace.ends_with("\nReadPostData: received just -1 bytes"), nth == calls);
+    }
+}
+
+TEST_F(ConsumeHttpRequestTest, ReportsASocketThatIsNone) {
+    Read read;
+    ReadFrom(-1, read);
+    EXPECT_EQ(read.code, -1);
+    EXPECT_EQ(read.request, nullptr);
+}
+
+TEST_F(ConsumeHttpRequestDeathTest, AssertsItsOutput) {
+    EXPECT_DEATH(ConsumeHttpRequest(-1, nullptr), Assertion("ConsumeHttpRequest", "ppRequest != __null"));
+}
+
+// The steps by themselves -------------------------------------------------------------------------------
+
+struct FreeRequest {
+    void operator()(HttpRequest* request) const {
+        FreeHttpRequest(request);
+        delete request;
+    }
+};
+using Record = std::unique_ptr<HttpRequest, FreeRequest>;
+Record MakeRecord() { return Record(new HttpRequest{}); }
+
+TEST_F(ReadHttpReqHeadersTest, LeavesTheBodyInTheSocket) {
+    const Record request = MakeRecord();
+    Wire wire({kMultipartPost});
+    {
+        const CaptureStdout quiet;
+        ASSERT_EQ(ReadHttpReqHeaders(wire.Socket(), request.get()), 0);
+    }
+    EXPECT_EQ(request->uiBodyLength, 4U);
+    EXPECT_EQ(request->pEntityBody, nullptr);
+    EXPECT_EQ(wire.Taken(), kMultipartPost.size() - 4);
+}
+
+int Parse(std::string_view line, HttpRequest* request) {
+    const GuardedBytes bytes(line);
+    const CaptureStdout quiet;
+    return ParseHttpMethodLine(bytes.begin(), bytes.end(), request);
+}
+
+TEST_F(ParseHttpMethodLineTest, NeverReadsPastTheLine) {
+    constexpr std::string_view kLine = "POST \t/x?y  HTTP/1.0";
+    for (std::size_t length = 0; length <= kLine.size(); ++length) {
+        const Record request = MakeRecord();
+        const int expected = length == kLine.size() ? 0 : length > kLine.rfind('/') ? -505 : -400;
+        EXPECT_EQ(Parse(kLine.substr(0, length), request.get()), expected) << kLine.substr(0, length);
+    }
+    const Record request = MakeRecord();
+    EXPECT_EQ(ParseHttpMethodLine(kLine.data() + 4, kLine.data(), request.get()), -400) << "an empty range";
+}
+
+TEST_F(ParseHttpMethodLineTest, KeepsWhatItParsedBeforeAFailure) {
+    const Record request = MakeRecord();
+    request->ucKeepAlive = 1;
+    EXPECT_EQ(Parse("POST /x HTTP/3.0", request.get()), -505);
+    EXPECT_EQ(request->ucMethod, HTTP_POST);
+    EXPECT_STREQ(request->pszUri, "/x");
+    EXPECT_EQ(request->ucHttpVersion, 0);
+    EXPECT_EQ(request->ucKeepAlive, 1);
+    EXPECT_EQ(Parse("GET /again HTTP/1.0", request.get()), 0);
+    EXPECT_STREQ(request->pszUri, "/again") << "an earlier target is released";
+    EXPECT_EQ(request->ucKeepAlive, 0);
+}
+
+constexpr const char* kMethods[] = {"GET", "PUT", "POST", "HEAD", "DELETE", "TRACE", "OPTIONS", "CONNECT"};
+static_assert(std::size(kMethods) == HTTP_METHODS);
+
+TEST_F(IsMethodAllowedTest, KnowsEveryMethod) {
+    for (int index = 0; index < HTTP_METHODS; ++index) {
+        for (const int allowed : {0, 1, -3, 2}) {
+            aiMethodsAllowed[index] = allowed;
+            for (const std::string& name :
+                 {std::string(kMethods[index]), rdx::test::Mapped(kMethods[index], std::tolower)}) {
+                int found = -2;
+                const CaptureStdout capture;
+                EXPECT_EQ(IsMethodAllowed(name.c_str(), &found), allowed) << name;
+                EXPECT_EQ(found, index) << name;
+                EXPECT_EQ(capture.Text(), "\nParsing: method ok (" + std::to_string(allowed) + ")");
+            }
+        }
+    }
+}
+
+TEST_F(IsMethodAllowedTest, KnowsNoOther) {
+    for (const char* name :
+         {"", "G", "GETS", " GET", "GET ", "FOO", "PATCH", static_cast<const char*>(nullptr)}) {
+        int found = -2;
+        const CaptureStdout capture;
+        EXPECT_EQ(IsMethodAllowed(name, &found), -1);
+        EXPECT_EQ(found, -1);
+        EXPECT_EQ(capture.Text(), "");
+    }
+}
+
+TEST_F(ConsumeHttpRequestTest, AcceptsEveryMethodThatIsAllowed) {
+    std::ranges::fill(aiMethodsAllowed, 1);
+    for (int index = 0; index < HTTP_METHODS; ++index) {
+        const Read read = ReadWhole(kMethods[index] + std::string(" /x HTTP/1.1\r\nHost: a\r\n\r\n"));
+        ASSERT_EQ(read.code, 200) << kMethods[index];
+        EXPECT_EQ(read->ucMethod, index);
+    }
+    aiMethodsAllowed[HTTP_GET] = -1;
+    EXPECT_EQ(CodeOf("GET /x HTTP/1.1\r\nHost: a\r\n\r\n"), -405);
+}
+
+TEST_F(IsMethodAllowedTest, AgreesWithTheSettingsOnEveryIndex) {
+    for (const char* const name : kMethods) {
+        SetUp();
+        std::ranges::fill(aiMethodsAllowed, 0);
+        std::string line = std::string("MethodsAllowed=") + name;
+        ASSERT_EQ(ReadHttpKey(line.data()), 0);
+        const CaptureStdout quiet;
+        for (const char* const other : kMethods) {
+            int index = -1;
+            EXPECT_EQ(IsMethodAllowed(other, &index), other == name ? 1 : 0) << name << ", " << other;
+        }
+    }
+}
+
+TEST(IsRequestHeader, KnowsItsTable) { rdx::test::ExpectKnowsItsTable(IsRequestHeader, apszRequestHeaders); }
+
+TEST(IsRequestHeader, RefusesMalformedLines) { rdx::test::ExpectRefusesMalformedLines(IsRequestHeader); }
+
+TEST(IsRequestHeader, GoesOnBehindANameThatIsABeginning) {
+    EXPECT_EQ(rdx::test::Classify(IsRequestHeader, "Accept-Charset: utf-8"), 1);
+    EXPECT_EQ(rdx::test::Classify(IsRequestHeader, "accept-charset: x"), 1);
+    EXPECT_EQ(rdx::test::Classify(IsRequestHeader, "Accept-Ranges: bytes"), 0);
+}
+
+int ReadBody(std::string_view bytes, HttpRequest* request) {
+    const ArrivedWire wire(bytes);
+    const CaptureStdout quiet;
+    return ReadPostData(wire.Socket(), request);
+}
+
+TEST_F(ReadPostDataTest, ReadsExactlyTheBody) {
+    const Record request = MakeRecord();
+    request->uiBodyLength = 4;
+    EXPECT_EQ(ReadBody("body and more", request.get()), 0);
+    EXPECT_EQ(std::string_view(request->pEntityBody, 4), "body");
+}
+
+TEST_F(ReadPostDataTest, ReadsNothingWithoutALength) {
+    const Record request = MakeRecord();
+    EXPECT_EQ(ReadBody("body", request.get()), 0);
+    EXPECT_EQ(request->pEntityBody, nullptr);
+}
+
+TEST_F(ReadPostDataTest, RefusesABodyShorterThanItsLength) {
+    const Record request = MakeRecord();
+    request->uiBodyLength = 5;
+    EXPECT_EQ(ReadBody("body", request.get()), -400);
+    EXPECT_EQ(std::string_view(request->pEntityBody, 4), "body") << "what came stays in the request";
+}
+
+TEST_F(ReadPostDataTest, RefusesLengthsThatNoBodyHas) {
+    g_dwPostMaxContLength = g_dwPostMaxSizeToRead = 0xFFFFFFFFU;
+    for (const unsigned int length : {0x80000000U, 0xFFFFFFFFU}) {
+        const Record request = MakeRecord();
+        request->uiBodyLength = length;
+        EXPECT_EQ(ReadBody("body", request.get()), -400) << length;
+    }
+}
+
+TEST_F(ReadPostDataTest, ReportsMissingMemory) {
+    const Record request = MakeRecord();
+    request->uiBodyLength = 4;
+    const FailCall noMemory("malloc");
+    EXPECT_EQ(ReadBody("body", request.get()), -500);
+    EXPECT_TRUE(noMemory.Struck());
+}
+
+TEST_F(ReadPostDataTest, StopsAtTheEntityTerminator) {
+    ucEntityTerminator = 1;
+    std::strcpy(szEntityTerminator, "END");
+    const Record request = MakeRecord();
+    request->uiBodyLength = 64;
+    EXPECT_EQ(ReadBody("bodyEND", request.get()), -400) << "the body is short then";
+}
+
+// Freeing -----------------------------------------------------------------------------------------------
+
+TEST(FreeHttpRequest, LeavesNothingAndMayBeRepeated) {
+    HttpRequest request{};
+    request.pszUri = strdup("/x");
+    request.pszBoundary = strdup("--b");
+    request.pEntityBody = strdup("body");
+    request.uiBodyLength = 4;
+    request.ucNumOfGeneralHeaders = 16;
+    request.ucNumOfRequestHeaders = 14;
+    request.ucNumOfEntityHeaders = 16;
+    for (HttpHeader& header : request.aGeneralHeaders) ASSERT_EQ(AllocHeader(&header, "n", "v"), 0);
+    for (HttpHeader& header : request.aRequestHeaders) ASSERT_EQ(AllocHeader(&header, "n", "v"), 0);
+    request.aEntityHeaders[0].name = strdup("half-filled");
+    for (int i = 0; i < 2; ++i) {
+        FreeHttpRequest(&request);
+        EXPECT_EQ(request.pszUri, nullptr);
+        EXPECT_EQ(request.pszBoundary, nullptr);
+        EXPECT_EQ(request.pEntityBody, nullptr);
+        EXPECT_EQ(request.uiBodyLength, 0U);
+        EXPECT_EQ(request.ucNumOfGeneralHeaders, 0);
+        EXPECT_EQ(request.ucNumOfRequestHeaders, 0);
+        EXPECT_EQ(request.ucNumOfEntityHeaders, 0);
+        EXPECT_EQ(request.aGeneralHeaders[15].name, nullptr);
+        EXPECT_EQ(request.aRequestHeaders[13].value, nullptr);
+        EXPECT_EQ(request.aEntityHeaders[0].name, nullptr);
+    }
+}
+
+TEST_F(FreeHttpRequestDeathTest, AssertsItsArgumentAndTheCounts) {
+    const std::string function = "FreeHttpRequest";
+    EXPECT_DEATH(FreeHttpRequest(nullptr), Assertion(function, "pRequest != __null"));
+    HttpRequest general{};
+    general.ucNumOfGeneralHeaders = 17;
+    EXPECT_DEATH(FreeHttpRequest(&general), Assertion(function, "pRequest->ucNumOfGeneralHeaders <= 16"));
+    HttpRequest request{};
+    request.ucNumOfRequestHeaders = 15;
+    EXPECT_DEATH(FreeHttpRequest(&request), Assertion(function, "pRequest->ucNumOfRequestHeaders <= 14"));
+    HttpRequest entity{};
+    entity.ucNumOfEntityHeaders = 17;
+    EXPECT_DEATH(FreeHttpRequest(&entity), Assertion(function, "pRequest->ucNumOfEntityHeaders <= 16"));
+}
+
+} // namespace

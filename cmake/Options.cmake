@@ -34,7 +34,9 @@ target_link_options(rdx_options INTERFACE
   -Wl,--enable-new-dtags)
 if(RDX_SANITIZE)
   target_compile_options(rdx_options INTERFACE -fsanitize=${RDX_SANITIZE} -fno-sanitize-recover=all
-                         -fno-omit-frame-pointer)
+                         -fno-omit-frame-pointer
+                         # g++ 12 takes std::function for uninitialised when it is instrumented.
+                         $<$<CXX_COMPILER_ID:GNU>:-Wno-maybe-uninitialized>)
   target_link_options(rdx_options INTERFACE -fsanitize=${RDX_SANITIZE})
 else()
   target_link_options(rdx_options INTERFACE -Wl,--no-undefined)

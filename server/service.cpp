@@ -159,8 +159,9 @@ private:
             return true;
         }
         Prepare(*slot, descriptor);
-        if (pool_->StartThread(slot, body) != 0) {
-            FD_SET(descriptor, &unserved_);
+        if (const int started = pool_->StartThread(slot, body); started != 0) {
+            // A thread that could not be detached serves all the same: the connection is its own.
+            if (!rdx::ServicePool::ThreadRuns(started)) FD_SET(descriptor, &unserved_);
             Raise(ucTerminated);
             return false;
         }
@@ -315,17 +316,19 @@ void* AsResult(int status) { return reinterpret_cast<void*>(static_cast<std::int
 } // namespace
 
 int RunHttpServer(unsigned int hServerSocket, unsigned int nThreadLimit) {
+    if (hServerSocket >= kMostDescriptors) return -1; // no set can hold it
     const rdx::SignalsInWindowsOnly signals;
     const auto limit = static_cast<int>(std::min<unsigned>(nThreadLimit, kMostDescriptors));
     if (limit > 1 && InitializeThreads(limit) != 0) return -1;
+    rdx::ServicePool* const pool = limit > 1 ? servicePool : nullptr;
     ServiceCall ownSlot{};
     ownSlot.hSocket = -1;
     ownSlot.iSvcStatus = SERVICE_FREE;
     ownSlot.hThreadId = kNoThread;
     if (limit <= 1) InitThreadLib();
-    ServiceCall* const slots = servicePool != nullptr ? servicePool->Slots() : &ownSlot;
-    const int slotCount = servicePool != nullptr ? servicePool->Size() : 1;
-    ServiceLoop loop(static_cast<int>(hServerSocket), slots, slotCount, servicePool);
+    ServiceCall* const slots = pool != nullptr ? pool->Slots() : &ownSlot;
+    const int slotCount = pool != nullptr ? pool->Size() : 1;
+    ServiceLoop loop(static_cast<int>(hServerSocket), slots, slotCount, pool);
     loop.Run();
     loop.CloseConnections();
     DeinitializeThreads();

@@ -51,12 +51,14 @@ int ServicePool::StartThread(ServiceCall* slot, void* (*body)(ServiceCall*)) {
     holders_.fetch_add(1);
     counted_.fetch_add(1);
     const int result = ThreadCreate(RunThread, &ticket, &slot->hThreadId);
-    if (result == kNoPolicy || result == kNoThread) { // otherwise there is a thread that ends itself
+    if (!ThreadRuns(result)) {
         counted_.fetch_sub(1);
         Release();
     }
     return result;
 }
+
+bool ServicePool::ThreadRuns(int started) { return started != kNoPolicy && started != kNoThread; }
 
 void* ServicePool::RunThread(void* argument) {
     const ServiceTicket ticket = *static_cast<const ServiceTicket*>(argument);

@@ -41,6 +41,9 @@ public:
     // Runs `body` for a slot of the pool on a thread of its own; the result is ThreadCreate's.
     int StartThread(ServiceCall* slot, void* (*body)(ServiceCall*));
 
+    // Whether a thread runs after this result of StartThread: also one that could not be detached does.
+    static bool ThreadRuns(int started);
+
     // Puts a connection back into the watched set. False when the loop has ended: the caller closes it.
     bool Watch(int socket);
 

@@ -1,5 +1,7 @@
 #include "tests/support/capture.h"
 
+#include <gtest/gtest.h>
+
 #include <cstdio>
 #include <cstdlib>
 #include <regex>
@@ -16,8 +18,9 @@ CaptureStdout::CaptureStdout() {
 }
 
 CaptureStdout::~CaptureStdout() {
-    std::fflush(stdout);
+    const std::string text = Text();
     dup2(savedDescriptor_, STDOUT_FILENO);
+    if (testing::Test::HasFailure()) std::fputs(text.c_str(), stdout); // the failure is told in it
     close(savedDescriptor_);
     close(file_);
 }

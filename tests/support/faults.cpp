@@ -6,6 +6,7 @@
 #include <cstring>
 #include <ctime>
 #include <netdb.h>
+#include <poll.h>
 #include <pthread.h>
 #include <shadow.h>
 #include <signal.h>

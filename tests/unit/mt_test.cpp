@@ -4,9 +4,10 @@
 #include "common/mt_internal.h"
 #include "common/shared.h"
 #include "common/signals.h"
+#include "tests/support/assertion.h"
 #include "tests/support/capture.h"
+#include "tests/support/eventually.h"
 #include "tests/support/faults.h"
-#include "tests/support/polling.h"
 
 #include <gtest/gtest.h>
 
@@ -26,9 +27,10 @@
 namespace rdx {
 namespace {
 
-using test::Await;
+using test::Assertion;
 using test::CallsOf;
 using test::CaptureStdout;
+using test::Eventually;
 using test::FailCall;
 using test::WithoutTimes;
 
@@ -64,7 +66,7 @@ protected:
         StoreShared(nThreads, 0);
     }
     ~Threads() override {
-        EXPECT_TRUE(Await([] { return NumOfThreads() == 0; }));
+        EXPECT_TRUE(Eventually([] { return NumOfThreads() == 0; }));
         StoreShared(mtPrimaryThread, kNoThread);
     }
 };
@@ -143,14 +145,14 @@ void* Serve(void* argument) {
     service.handle = pthread_self();
     pthread_sigmask(SIG_BLOCK, nullptr, &service.blocked);
     service.ran = true;
-    Await([&] { return service.created.load(); });
+    Eventually([&] { return service.created.load(); });
     pthread_attr_t attributes;
     pthread_getattr_np(pthread_self(), &attributes);
     pthread_attr_getdetachstate(&attributes, &service.detachState);
     pthread_attr_getstacksize(&attributes, &service.stackSize);
     pthread_attr_destroy(&attributes);
     service.observed = true;
-    Await([&] { return service.mayEnd.load(); });
+    Eventually([&] { return service.mayEnd.load(); });
     ThreadTerminate(0);
     return nullptr;
 }
@@ -159,13 +161,13 @@ void* Serve(void* argument) {
 void Observe(Service& service, ThreadID& id) {
     ASSERT_EQ(ThreadCreate(Serve, &service, &id), 0);
     service.created = true;
-    ASSERT_TRUE(Await([&] { return service.observed.load(); }));
+    ASSERT_TRUE(Eventually([&] { return service.observed.load(); }));
 }
 
 void End(Service& service) {
     service.created = true;
     service.mayEnd = true;
-    EXPECT_TRUE(Await([] { return NumOfThreads() == 0; }));
+    EXPECT_TRUE(Eventually([] { return NumOfThreads() == 0; }));
 }
 
 TEST_F(ThreadCreateTest, RunsTheBodyOnAThreadOfItsOwn) {
@@ -188,7 +190,7 @@ TEST_F(ThreadCreateTest, CountsTheThreadBeforeItRuns) {
         EXPECT_EQ(NumOfThreads(), static_cast<int>(i) + 1);
     }
     for (Service& service : services) service.mayEnd = true;
-    EXPECT_TRUE(Await([] { return NumOfThreads() == 0; }));
+    EXPECT_TRUE(Eventually([] { return NumOfThreads() == 0; }));
 }
 
 TEST_F(ThreadCreateTest, DetachesTheThread) {
@@ -220,7 +222,7 @@ TEST_F(ThreadCreateTest, LeavesRoomForTheStagedServiceOnTheStack) {
         return nullptr;
     };
     ASSERT_EQ(ThreadCreate(body, &sum, &id), 0);
-    EXPECT_TRUE(Await([&] { return sum == 2U; }));
+    EXPECT_TRUE(Eventually([&] { return sum == 2U; }));
 }
 
 TEST_F(ThreadCreateTest, BlocksTheCaughtSignalsInTheThreadAlone) {
@@ -253,12 +255,12 @@ TEST_F(ThreadCreateTest, SurvivesThreadsThatEndAtOnce) {
         return nullptr;
     };
     for (int i = 0; i < kThreads; ++i) {
-        ASSERT_TRUE(Await([] { return NumOfThreads() < kAtOnce; }));
+        ASSERT_TRUE(Eventually([] { return NumOfThreads() < kAtOnce; }));
         ThreadID id = 0;
         ASSERT_EQ(ThreadCreate(body, &ended, &id), 0) << i;
         ASSERT_NE(id, 0U);
     }
-    EXPECT_TRUE(Await([] { return NumOfThreads() == 0; }));
+    EXPECT_TRUE(Eventually([] { return NumOfThreads() == 0; }));
     EXPECT_EQ(ended, kThreads);
 }
 
@@ -312,7 +314,7 @@ TEST_F(ThreadCreateTest, LetsAThreadRunAndEndThatCannotBeDetached) {
         EXPECT_EQ(ThreadCreate(Serve, &service, &id), -3);
         EXPECT_TRUE(attached.Struck());
         EXPECT_EQ(id, 4711U);
-        EXPECT_TRUE(Await([&] { return service.ran.load(); }));
+        EXPECT_TRUE(Eventually([&] { return service.ran.load(); }));
         EXPECT_EQ(service.threadsAtFirst, 1);
         service.created = true;
         service.mayEnd = true;
@@ -326,11 +328,11 @@ TEST_F(ThreadCreateTest, AssertsItsArguments) {
     Service service;
     ThreadID id = 0;
     EXPECT_DEATH(ThreadCreate(nullptr, &service, &id),
-                 "common/mt\\.cpp:[0-9]+: .*ThreadCreate.*Assertion `pBody != __null' failed");
+                 Assertion("common/mt.cpp", "ThreadCreate", "pBody != __null"));
     EXPECT_DEATH(ThreadCreate(Serve, nullptr, &id),
-                 "common/mt\\.cpp:[0-9]+: .*ThreadCreate.*Assertion `pArgs != __null' failed");
+                 Assertion("common/mt.cpp", "ThreadCreate", "pArgs != __null"));
     EXPECT_DEATH(ThreadCreate(Serve, &service, nullptr),
-                 "common/mt\\.cpp:[0-9]+: .*ThreadCreate.*Assertion `pID != __null' failed");
+                 Assertion("common/mt.cpp", "ThreadCreate", "pID != __null"));
 }
 
 TEST_F(ThreadCreateTest, AssertsThatAThreadHasAHandle) {
@@ -340,8 +342,7 @@ TEST_F(ThreadCreateTest, AssertsThatAThreadHasAHandle) {
         const FailCall nothingCreated("pthread_create", 1, 0); // reports success
         ThreadCreate(Serve, &service, &id);
     };
-    EXPECT_DEATH(createWithoutHandle(),
-                 "common/mt\\.cpp:[0-9]+: .*ThreadCreate.*Assertion `hThread != __null' failed");
+    EXPECT_DEATH(createWithoutHandle(), Assertion("common/mt.cpp", "ThreadCreate", "hThread != __null"));
 }
 
 // What a thread that ends itself with `exit` leaves as its result.
@@ -414,13 +415,12 @@ TEST_F(ThreadTerminateTest, LogsTheRemainingThreadsAboveTheLogLevel) {
 }
 
 TEST_F(ThreadTerminateTest, AssertsThatAThreadCounts) {
-    EXPECT_DEATH(ThreadTerminate(0),
-                 "common/mt\\.cpp:[0-9]+: .*ThreadTerminate.*Assertion `nThreads > 0' failed");
+    EXPECT_DEATH(ThreadTerminate(0), Assertion("common/mt.cpp", "ThreadTerminate", "nThreads > 0"));
     const auto terminateBelow = [] {
         nThreads = -1;
         ThreadTerminate(0);
     };
-    EXPECT_DEATH(terminateBelow(), "Assertion `nThreads > 0' failed");
+    EXPECT_DEATH(terminateBelow(), Assertion("common/mt.cpp", "ThreadTerminate", "nThreads > 0"));
 }
 
 TEST_F(ThreadTerminateTest, AssertsThatTheThreadHasAHandle) {
@@ -430,7 +430,7 @@ TEST_F(ThreadTerminateTest, AssertsThatTheThreadHasAHandle) {
         ThreadTerminate(0);
     };
     EXPECT_DEATH(terminateWithoutHandle(),
-                 "common/mt\\.cpp:[0-9]+: .*ThreadTerminate.*Assertion `hThread != __null' failed");
+                 Assertion("common/mt.cpp", "ThreadTerminate", "hThread != __null"));
 }
 
 TEST_F(ThreadTerminateTest, ConsistsOfLeavingTheCountAndEnding) {
@@ -555,7 +555,7 @@ TEST_F(SemaPTest, WaitsUntilAnotherThreadGivesItBack) {
     ASSERT_EQ(SemaP(key_, 0), 0);
     std::atomic<int> result = 1;
     std::thread waiting([&] { result = SemaP(key_, 0); });
-    EXPECT_TRUE(Await([&] { return semctl(Set(), 0, GETNCNT) == 1; }));
+    EXPECT_TRUE(Eventually([&] { return semctl(Set(), 0, GETNCNT) == 1; }));
     EXPECT_EQ(result, 1);
     EXPECT_EQ(SemaV(key_), 0);
     waiting.join();
@@ -568,7 +568,7 @@ TEST_F(SemaPTest, FailsWhenTheSetIsRemovedWhileItWaits) {
     ASSERT_EQ(SemaP(key_, 0), 0);
     std::atomic<int> result = 1;
     std::thread waiting([&] { result = SemaP(key_, 0); });
-    EXPECT_TRUE(Await([&] { return semctl(Set(), 0, GETNCNT) == 1; }));
+    EXPECT_TRUE(Eventually([&] { return semctl(Set(), 0, GETNCNT) == 1; }));
     EXPECT_EQ(semctl(Set(), 0, IPC_RMID), 0);
     waiting.join();
     EXPECT_EQ(result, -2);

@@ -1,13 +1,14 @@
 #include "common/signals.h"
 
 #include "common/shared.h"
+#include "tests/support/eventually.h"
 #include "tests/support/handlers.h"
-#include "tests/support/polling.h"
 
 #include <gtest/gtest.h>
 
 #include <array>
 #include <cerrno>
+#include <chrono>
 #include <cstring>
 #include <functional>
 #include <optional>
@@ -21,10 +22,9 @@
 namespace rdx {
 namespace {
 
-using test::Await;
+using test::Eventually;
 using test::handledSignals;
 using test::Handlers;
-using test::Stopwatch;
 
 static_assert(std::is_same_v<decltype(sigerr), int> && std::is_same_v<decltype(signalled), int>);
 static_assert(kCaughtSignals == std::array<int, 5>{SIGTERM, SIGBUS, SIGSYS, SIGHUP, SIGUSR1});
@@ -296,9 +296,9 @@ TEST(WaitForPeer, ReturnsWhenTheTimeIsUp) {
             if (inWindows) signals.emplace();
             const Pair pair;
             EXPECT_TRUE(WaitForPeer(pair.Near(), POLLIN, 0));
-            const Stopwatch watch;
+            const auto start = std::chrono::steady_clock::now();
             EXPECT_TRUE(WaitForPeer(pair.Near(), POLLIN, 20));
-            EXPECT_GE(watch.Elapsed().count(), 19);
+            EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(20));
         });
     }
 }
@@ -310,7 +310,7 @@ TEST(WaitForPeer, HandlesSignalsAndGoesOnWaitingAfterSigusr1) {
         const Pair pair;
         SignalMyself(SIGUSR1); // handled as soon as the wait begins
         std::thread peer([&] {
-            EXPECT_TRUE(Await([] { return handledSignals == 1; }));
+            EXPECT_TRUE(Eventually([] { return handledSignals == 1; }));
             pair.Say();
         });
         EXPECT_TRUE(WaitForPeer(pair.Near(), POLLIN, -1));
@@ -343,7 +343,7 @@ TEST(WaitForPeer, IsEndedByASignalThatComesWhileItWaits) {
         std::thread sender([waiting = pthread_self()] {
             usleep(2000); // most likely the wait has begun; the test holds in any case
             pthread_kill(waiting, SIGUSR1);
-            EXPECT_TRUE(Await([] { return handledSignals == 1; }));
+            EXPECT_TRUE(Eventually([] { return handledSignals == 1; }));
             pthread_kill(waiting, SIGTERM);
         });
         EXPECT_FALSE(WaitForPeer(pair.Near(), POLLIN, -1));
@@ -383,7 +383,7 @@ TEST(WaitForPeer, IsNotEndedInAThreadWithoutWindows) {
         std::thread peer([&, waiting = pthread_self()] {
             usleep(2000); // most likely the wait has begun; the test holds in any case
             pthread_kill(waiting, SIGTERM);
-            EXPECT_TRUE(Await([] { return handledSignals == 1; }));
+            EXPECT_TRUE(Eventually([] { return handledSignals == 1; }));
             pair.Say();
         });
         EXPECT_TRUE(WaitForPeer(pair.Near(), POLLIN, -1));

@@ -1,0 +1,359 @@
+// How long connections live, what happens when requests come in pieces or several at once, and what
+// happens to connections when there are too many of them.
+
+#include "tests/system/curl_client.h"
+#include "tests/system/modes.h"
+
+#include <csignal>
+
+namespace rdx::test {
+namespace {
+
+class Connections : public PlainServer {};
+RDX_IN_BOTH_MODES(Connections);
+
+TEST_P(Connections, StayOpenByDefault) {
+    Connection client(Port());
+    for (int i = 0; i < 5; ++i) {
+        client.Send(VersionCall());
+        ASSERT_EQ(client.ReadAnswer().text, VersionAnswer()) << i;
+    }
+    EXPECT_TRUE(client.StaysSilent());
+}
+
+TEST_P(Connections, CloseWhenTheClientAsksForIt) {
+    Connection client(Port());
+    client.Send(VersionCallAndClose());
+    EXPECT_EQ(client.ReadAnswer().text, VersionAnswer());
+    EXPECT_TRUE(client.ClosedByPeer());
+}
+
+TEST_P(Connections, CloseAfterSeveralRequestsWhenTheLastAsksForIt) {
+    Connection client(Port());
+    client.Send(VersionCall());
+    EXPECT_EQ(client.ReadAnswer().text, VersionAnswer());
+    client.Send(VersionCall({"connection: CLOSE"}));
+    EXPECT_EQ(client.ReadAnswer().text, VersionAnswer());
+    EXPECT_TRUE(client.ClosedByPeer());
+}
+
+TEST_P(Connections, OfTheOldVersionCloseByDefault) {
+    Connection client(Port());
+    client.Send(Request("POST /rDx?FunctionName=rdxGetVersion HTTP/1.0", {}, VersionPacket()));
+    EXPECT_EQ(client.ReadAnswer().text, VersionAnswer());
+    EXPECT_TRUE(client.ClosedByPeer());
+}
+
+TEST_P(Connections, OfTheOldVersionStayOpenOnRequest) {
+    const std::string request =
+        Request("POST /rDx?FunctionName=rdxGetVersion HTTP/1.0", {"Connection: Keep-Alive"}, VersionPacket());
+    Connection client(Port());
+    for (int i = 0; i < 3; ++i) {
+        client.Send(request);
+        ASSERT_EQ(client.ReadAnswer().text, VersionAnswer()) << i;
+    }
+    EXPECT_TRUE(client.StaysSilent());
+}
+
+TEST_P(Connections, ObeyTheLastOfSeveralConnectionHeaders) {
+    Connection closing(Port());
+    closing.Send(VersionCall({"Connection: keep-alive", "Connection: upgrade", "Connection: close"}));
+    EXPECT_EQ(closing.ReadAnswer().status, 200);
+    EXPECT_TRUE(closing.ClosedByPeer());
+
+    Connection staying(Port());
+    staying.Send(VersionCall({"Connection: close", "Connection: keep-alive", "Connection: TE"}));
+    EXPECT_EQ(staying.ReadAnswer().status, 200);
+    EXPECT_TRUE(staying.StaysSilent());
+}
+
+TEST_P(Connections, StayOpenAfterARefusalByAMethod) {
+    Connection client(Port());
+    client.Send(Call("rdxGetVersion", "not a packet"));
+    EXPECT_EQ(client.ReadAnswer().text, BadRequestAnswer());
+    client.Send(Call("rdxReleaseDevice", VersionPacket()));
+    EXPECT_EQ(client.ReadAnswer().text, UnauthorizedAnswer());
+    client.Send(FormCall("not a form"));
+    EXPECT_EQ(client.ReadAnswer().text, ServerErrorAnswer());
+    client.Send(VersionCall());
+    EXPECT_EQ(client.ReadAnswer().text, VersionAnswer());
+}
+
+TEST_P(Connections, CloseAfterARequestThatCannotBeRead) {
+    for (const std::string& request :
+         {std::string("hello\r\n"), Request("GET /rDx HTTP/3.0", {"Host: a"}), std::string("\r\n"),
+          Request("DELETE /rDx HTTP/1.1", {"Host: a"}), UnknownTarget()}) {
+        Server server({.threads = GetParam()}); // a fresh one: nothing was kept open before
+        ASSERT_TRUE(server.Start());
+        Connection client(server.Port());
+        client.Send(request);
+        EXPECT_NE(client.ReadAnswer().status, 0) << request;
+        EXPECT_TRUE(client.ClosedByPeer()) << request;
+    }
+}
+
+// The wish to keep a connection is only taken from requests that reach a method; all others leave their
+// thread's slot as it was.
+TEST(OneThread, KeepsAConnectionAfterAnUnreadableRequestWhenTheLastCallWasKept) {
+    Server server;
+    ASSERT_TRUE(server.Start());
+    Connection first(server.Port());
+    first.Send(VersionCall());
+    EXPECT_EQ(first.ReadAnswer().status, 200);
+
+    Connection second(server.Port());
+    second.Send("hello\r\n");
+    EXPECT_EQ(second.ReadAnswer().text, BadRequestAnswer());
+    EXPECT_TRUE(second.StaysSilent());
+    second.Send(UnknownTarget({"Connection: close"}));
+    EXPECT_EQ(second.ReadAnswer().text, NotFoundAnswer());
+    EXPECT_TRUE(second.StaysSilent());
+    second.Send(VersionCallAndClose());
+    EXPECT_EQ(second.ReadAnswer().text, VersionAnswer());
+    EXPECT_TRUE(second.ClosedByPeer());
+}
+
+TEST_P(Connections, AnswerSeveralRequestsWrittenAtOnceInTheirOrder) {
+    Connection client(Port());
+    client.Send(VersionCall() + UnknownTarget() + Call("rdxGetVersion", "junk") + VersionForm() +
+                Call("rdxReleaseDevice", VersionPacket()) + VersionCall({"Connection: close"}));
+    EXPECT_EQ(client.ReadAnswer().text, VersionAnswer());
+    EXPECT_EQ(client.ReadAnswer().text, NotFoundAnswer());
+    EXPECT_EQ(client.ReadAnswer().text, BadRequestAnswer());
+    EXPECT_EQ(client.ReadAnswer().text, VersionAnswer());
+    EXPECT_EQ(client.ReadAnswer().text, UnauthorizedAnswer());
+    EXPECT_EQ(client.ReadAnswer().text, VersionAnswer());
+    EXPECT_TRUE(client.ClosedByPeer());
+}
+
+TEST_P(Connections, TakeRequestsInPiecesOfEverySize) {
+    for (const std::size_t size : {std::size_t{1}, std::size_t{2}, std::size_t{3}, std::size_t{5}}) {
+        for (const std::string& request : {VersionCall(), VersionForm()}) {
+            Connection client(Port());
+            ASSERT_TRUE(client.SendInPieces(request, size));
+            ASSERT_EQ(client.ReadAnswer().text, VersionAnswer()) << "pieces of " << size;
+        }
+    }
+}
+
+TEST_P(Connections, TakeRequestsALineAtATime) {
+    for (const std::string& request : {VersionCall(), VersionForm()}) {
+        Connection client(Port());
+        ASSERT_TRUE(client.SendInLines(request));
+        ASSERT_EQ(client.ReadAnswer().text, VersionAnswer());
+    }
+}
+
+TEST_P(Connections, TakeSeveralRequestsOneByteAtATime) {
+    Connection client(Port());
+    ASSERT_TRUE(client.SendInPieces(VersionCall() + VersionCallAndClose(), 1));
+    EXPECT_EQ(client.ReadAnswer().text, VersionAnswer());
+    EXPECT_EQ(client.ReadAnswer().text, VersionAnswer());
+    EXPECT_TRUE(client.ClosedByPeer());
+}
+
+TEST_P(Connections, AreReusedByAnOrdinaryClient) {
+    CurlClient curl(Port());
+    EXPECT_EQ(curl.Post("/rDx?FunctionName=rdxGetVersion", VersionPacket()).newConnections, 1);
+    for (int i = 0; i < 10; ++i) {
+        const CurlAnswer answer = curl.Post("/rDx?FunctionName=rdxGetVersion", VersionPacket());
+        EXPECT_EQ(answer.body, kVersionBody);
+        EXPECT_EQ(answer.newConnections, 0);
+    }
+    curl.UseHeaders({"Connection: close"});
+    EXPECT_EQ(curl.Post("/rDx?FunctionName=rdxGetVersion", VersionPacket()).newConnections, 0);
+    EXPECT_EQ(curl.Post("/rDx?FunctionName=rdxGetVersion", VersionPacket()).newConnections, 1);
+}
+
+TEST_P(Connections, OfSeveralClientsAreAllServed) {
+    std::vector<Connection> clients;
+    for (int i = 0; i < 5; ++i) clients.emplace_back(Port());
+    for (int round = 0; round < 3; ++round) {
+        for (Connection& client : clients) {
+            client.Send(VersionCall());
+            ASSERT_EQ(client.ReadAnswer().text, VersionAnswer());
+        }
+    }
+}
+
+// What is left of a request that was refused half way must not hold back its answer.
+TEST_P(Connections, BringTheAnswerToAClientThatIsStillSending) {
+    Connection client(Port());
+    client.Send("POST /rDx HTTP/1.1\r\nX-Custom: 1\r\nContent-length: 60000\r\n\r\n" +
+                std::string(60000, 'x'));
+    EXPECT_EQ(client.ReadAnswer().text, ServerErrorAnswer());
+}
+
+class Idle : public OwnServer {};
+RDX_IN_BOTH_MODES(Idle);
+
+TEST_P(Idle, ConnectionsAreClosedWhenTheLoopEnds) {
+    Server server({.threads = GetParam()});
+    ASSERT_TRUE(server.Start());
+    std::vector<Connection> clients;
+    for (int i = 0; i < 5; ++i) clients.emplace_back(server.Port());
+    for (std::size_t i = 0; i < 2; ++i) { // some have been served, some never spoke
+        clients[i].Send(VersionCall());
+        ASSERT_EQ(clients[i].ReadAnswer().status, 200);
+    }
+    for (Connection& client : clients) ASSERT_TRUE(client.StaysSilent());
+    server.Signal(SIGUSR1);
+    ASSERT_TRUE(server.WaitForLoop(2));
+    for (Connection& client : clients) EXPECT_TRUE(client.ClosedByPeer());
+    EXPECT_EQ(AskUntilAnswered(server.Port(), VersionCall()).text, VersionAnswer());
+}
+
+TEST_P(Idle, ConnectionsThatTheirClientClosesLeaveNothingBehind) {
+    Server server({.threads = GetParam()});
+    ASSERT_TRUE(server.Start());
+    ASSERT_EQ(Ask(server.Port(), VersionCallAndClose()).status, 200);
+    ASSERT_TRUE(server.WaitForThreads(IdleThreads()));
+    const int descriptors = server.DescriptorsWhenClosed();
+    for (int i = 0; i < 10; ++i) {
+        Connection silent(server.Port());
+        Connection served(server.Port());
+        served.Send(VersionCall());
+        ASSERT_EQ(served.ReadAnswer().status, 200);
+        Connection cut(server.Port());
+        cut.Send("POST /rDx HT");
+        // More at a time could find no free slot, and would stay open.
+        silent.Close();
+        served.Close();
+        cut.Close();
+        ASSERT_TRUE(server.WaitForDescriptors(descriptors)) << i;
+    }
+    EXPECT_EQ(AskUntilAnswered(server.Port(), VersionCallAndClose()).text, VersionAnswer());
+    EXPECT_TRUE(server.WaitForThreads(IdleThreads()));
+}
+
+TEST(SeveralThreads, ServeEachOtherClientWhileOneStalls) {
+    Server server({.threads = kSeveralThreads});
+    ASSERT_TRUE(server.Start());
+    Connection stalled(server.Port());
+    const std::string request = VersionCallAndClose();
+    stalled.Send(request.substr(0, 30));
+    for (int i = 0; i < 20; ++i) ASSERT_EQ(Ask(server.Port(), VersionCall()).text, VersionAnswer());
+    stalled.Send(request.substr(30));
+    EXPECT_EQ(stalled.ReadAnswer().text, VersionAnswer());
+    EXPECT_TRUE(stalled.ClosedByPeer());
+}
+
+TEST(OneThread, MakesOtherClientsWaitWhileOneStalls) {
+    Server server;
+    ASSERT_TRUE(server.Start());
+    Connection stalled(server.Port());
+    const std::string request = VersionCallAndClose();
+    stalled.Send(request.substr(0, 30));
+    ASSERT_TRUE(server.WaitForOutput("HttpServer: Handling socket"));
+    Connection waiting(server.Port());
+    waiting.Send(VersionCall());
+    EXPECT_TRUE(waiting.StaysSilent());
+    stalled.Send(request.substr(30));
+    EXPECT_EQ(stalled.ReadAnswer().text, VersionAnswer());
+    EXPECT_EQ(waiting.ReadAnswer().text, VersionAnswer());
+}
+
+// Holds every thread of a server with a request that does not end.
+class Busy : public testing::Test {
+protected:
+    static constexpr int kThreads = 2;
+
+    void SetUp() override {
+        ASSERT_TRUE(server_.Start());
+        for (int i = 0; i < kThreads; ++i) {
+            stalled_.emplace_back(server_.Port());
+            stalled_.back().Send(VersionCall().substr(0, kSent));
+        }
+        ASSERT_TRUE(server_.WaitForThreads(IdleThreads() + kThreads));
+    }
+
+    void FinishStalled() {
+        for (Connection& client : stalled_) {
+            client.Send(VersionCall().substr(kSent));
+            EXPECT_EQ(client.ReadAnswer().text, VersionAnswer());
+        }
+    }
+
+    static constexpr std::size_t kSent = 40;
+    Server server_{{.threads = kThreads}};
+    std::vector<Connection> stalled_;
+};
+
+TEST_F(Busy, ServersLeaveAReadyConnectionUnservedAndOpenUntilTheLoopEnds) {
+    Connection unlucky(server_.Port());
+    unlucky.Send(VersionCall());
+    EXPECT_TRUE(unlucky.StaysSilent());
+
+    FinishStalled();
+    ASSERT_TRUE(server_.WaitForThreads(IdleThreads()));
+    EXPECT_EQ(AskUntilAnswered(server_.Port(), VersionCall()).text, VersionAnswer());
+    EXPECT_TRUE(unlucky.StaysSilent());
+
+    server_.Signal(SIGUSR1);
+    ASSERT_TRUE(server_.WaitForLoop(2));
+    EXPECT_TRUE(unlucky.ClosedByPeer());
+    EXPECT_EQ(AskUntilAnswered(server_.Port(), VersionCall()).text, VersionAnswer());
+}
+
+TEST_F(Busy, ServersKeepAQuietConnectionWatched) {
+    Connection quiet(server_.Port());
+    EXPECT_TRUE(quiet.StaysSilent());
+    FinishStalled();
+    ASSERT_TRUE(server_.WaitForThreads(IdleThreads()));
+    ASSERT_EQ(AskUntilAnswered(server_.Port(), VersionCall()).text, VersionAnswer());
+    quiet.Send(VersionCall());
+    EXPECT_EQ(quiet.ReadAnswer().text, VersionAnswer());
+}
+
+TEST_F(Busy, ServersEndOnASignal) {
+    Connection unlucky(server_.Port());
+    unlucky.Send(VersionCall());
+    EXPECT_TRUE(unlucky.StaysSilent());
+    server_.Signal(SIGTERM);
+    const auto ending = server_.WaitForEnd();
+    ASSERT_TRUE(ending);
+    EXPECT_EQ(ending->result, 0);
+    EXPECT_EQ(ending->signal, 0);
+    EXPECT_TRUE(unlucky.ClosedByPeer());
+}
+
+TEST_P(Idle, ConnectionsBeyondTheDescriptorSetAreClosedAtOnce) {
+    constexpr int kSetSize = 1024;
+    constexpr int kRoom = 12; // connections that still fit, at most
+    Server server({.threads = GetParam(), .heldDescriptors = kSetSize - kRoom});
+    ASSERT_TRUE(server.Start());
+    ASSERT_EQ(Ask(server.Port(), VersionCallAndClose()).status, 200);
+    const int descriptors = server.DescriptorsWhenClosed();
+
+    std::vector<Connection> kept;
+    while (kept.size() < kRoom) {
+        Connection client(server.Port());
+        ASSERT_TRUE(client.Connected());
+        client.Send(VersionCall());
+        const Answer answer = client.ReadAnswer();
+        if (answer.status == 0) {
+            EXPECT_EQ(answer.text, "");
+            EXPECT_TRUE(client.ClosedByPeer());
+            break;
+        }
+        EXPECT_EQ(answer.text, VersionAnswer());
+        kept.push_back(std::move(client));
+    }
+    ASSERT_GT(kept.size(), 0U);
+    ASSERT_LT(kept.size(), static_cast<std::size_t>(kRoom));
+    EXPECT_EQ(server.Descriptors(), descriptors + static_cast<int>(kept.size()));
+    for (int i = 0; i < 30; ++i) {
+        Connection client(server.Port());
+        EXPECT_TRUE(client.ClosedByPeer()) << i;
+    }
+    for (Connection& client : kept) { // the others do not suffer
+        client.Send(VersionCall());
+        EXPECT_EQ(client.ReadAnswer().text, VersionAnswer());
+    }
+    kept.clear();
+    ASSERT_TRUE(server.WaitForDescriptors(descriptors));
+    EXPECT_EQ(Ask(server.Port(), VersionCall()).text, VersionAnswer());
+}
+
+} // namespace
+} // namespace rdx::test

@@ -1,0 +1,420 @@
+#include "tests/system/harness.h"
+
+#include <algorithm>
+#include <arpa/inet.h>
+#include <array>
+#include <cerrno>
+#include <csignal>
+#include <cstdlib>
+#include <cstring>
+#include <dirent.h>
+#include <fcntl.h>
+#include <filesystem>
+#include <fstream>
+#include <iostream>
+#include <net/if.h>
+#include <netinet/in.h>
+#include <random>
+#include <sched.h>
+#include <sstream>
+#include <sys/ioctl.h>
+#include <sys/mount.h>
+#include <sys/prctl.h>
+#include <sys/resource.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <sys/wait.h>
+#include <thread>
+#include <unistd.h>
+
+extern "C" char** environ;
+
+namespace rdx::test {
+
+namespace {
+
+#if defined(__has_feature)
+#if __has_feature(address_sanitizer)
+#define RDX_TEST_SLOW_BUILD 1
+#endif
+#if __has_feature(thread_sanitizer)
+#define RDX_TEST_THREAD_SANITIZER 1
+#endif
+#endif
+#if defined(__SANITIZE_ADDRESS__)
+#define RDX_TEST_SLOW_BUILD 1
+#endif
+#if defined(__SANITIZE_THREAD__)
+#define RDX_TEST_THREAD_SANITIZER 1
+#endif
+#if defined(RDX_TEST_THREAD_SANITIZER)
+#define RDX_TEST_SLOW_BUILD 1
+#endif
+
+double TimeScale() {
+    const char* scale = std::getenv("RDX_TEST_TIME_SCALE");
+    if (scale != nullptr) return std::max(1.0, std::atof(scale));
+#ifdef RDX_TEST_SLOW_BUILD
+    return 8;
+#else
+    return 1;
+#endif
+}
+
+constexpr int kSetUpFailed = 125; // exit status of a child that could not become the server
+
+// The line that every start of the service loop writes at every verbosity, when the port is open.
+constexpr const char* kLoopStarted = "InitThreadLib(): running POSIX threads (0)";
+
+// Everything below until Spawn runs between fork and exec.
+
+bool WriteProc(const char* path, const std::string& text) {
+    const int file = open(path, O_WRONLY | O_CLOEXEC);
+    if (file < 0) return false;
+    const bool written = write(file, text.data(), text.size()) == static_cast<ssize_t>(text.size());
+    close(file);
+    return written;
+}
+
+// Enters new namespaces; an ordinary user needs one for users as well, in which it is root.
+bool EnterNamespaces(int kinds) {
+    if (unshare(kinds) == 0) return true;
+    const uid_t user = getuid();
+    const gid_t group = getgid();
+    if (unshare(kinds | CLONE_NEWUSER) != 0) return false;
+    return WriteProc("/proc/self/setgroups", "deny") &&
+           WriteProc("/proc/self/uid_map", "0 " + std::to_string(user) + " 1") &&
+           WriteProc("/proc/self/gid_map", "0 " + std::to_string(group) + " 1");
+}
+
+bool ReplaceShadow(const std::string& file) {
+    return mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
+           mount(file.c_str(), "/etc/shadow", nullptr, MS_BIND, nullptr) == 0;
+}
+
+bool RaiseLoopback() {
+    const int control = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    if (control < 0) return false;
+    ifreq request = {};
+    std::strcpy(request.ifr_name, "lo");
+    request.ifr_flags = IFF_UP;
+    const bool raised = ioctl(control, SIOCSIFFLAGS, &request) == 0;
+    close(control);
+    return raised;
+}
+
+bool Isolate(const std::string& shadowFile, bool ownNetwork) {
+    const int kinds = (shadowFile.empty() ? 0 : CLONE_NEWNS) | (ownNetwork ? CLONE_NEWNET : 0);
+    if (kinds == 0) return true;
+    if (!EnterNamespaces(kinds)) return false;
+    if (!shadowFile.empty() && !ReplaceShadow(shadowFile)) return false;
+    return !ownNetwork || RaiseLoopback();
+}
+
+void ResetSignals() {
+    for (int number = 1; number < SIGRTMIN; ++number) signal(number, SIG_DFL);
+    sigset_t none;
+    sigemptyset(&none);
+    sigprocmask(SIG_SETMASK, &none, nullptr);
+}
+
+void Redirect(const std::string& path, int descriptor) {
+    const int file = open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600);
+    if (file < 0 || dup2(file, descriptor) < 0) _exit(kSetUpFailed);
+}
+
+void LimitCoreFiles() {
+    const rlimit none = {0, 0};
+    setrlimit(RLIMIT_CORE, &none);
+}
+
+std::vector<char*> Pointers(std::vector<std::string>& texts) {
+    std::vector<char*> pointers;
+    for (std::string& text : texts) pointers.push_back(text.data());
+    pointers.push_back(nullptr);
+    return pointers;
+}
+
+std::vector<std::string> Environment(const std::vector<std::pair<std::string, std::string>>& changes) {
+    std::vector<std::string> all;
+    for (char** entry = environ; *entry != nullptr; ++entry) {
+        const std::string text = *entry;
+        const std::string name = text.substr(0, text.find('='));
+        const bool changed = std::any_of(changes.begin(), changes.end(),
+                                         [&](const auto& change) { return change.first == name; });
+        if (!changed) all.push_back(text);
+    }
+    for (const auto& [name, value] : changes) all.push_back(name + "=" + value);
+    return all;
+}
+
+int EntriesOf(const std::string& folder) {
+    DIR* entries = opendir(folder.c_str());
+    if (entries == nullptr) return -1;
+    int count = 0;
+    while (const dirent* entry = readdir(entries)) {
+        if (entry->d_name[0] != '.') ++count;
+    }
+    closedir(entries);
+    return count;
+}
+
+bool SucceedsInAChild(const std::function<bool()>& attempt) {
+    const pid_t child = fork();
+    if (child == 0) _exit(attempt() ? 0 : 1);
+    int status = 0;
+    return child > 0 && waitpid(child, &status, 0) == child && WIFEXITED(status) && WEXITSTATUS(status) == 0;
+}
+
+// The lowest port that the system gives to outgoing connections: below it none comes in the way.
+int FirstEphemeralPort() {
+    std::ifstream range("/proc/sys/net/ipv4/ip_local_port_range");
+    int first = 0;
+    range >> first;
+    return first;
+}
+
+bool IsFree(int port) {
+    const int probe = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    const int on = 1;
+    setsockopt(probe, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
+    sockaddr_in address = {};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(static_cast<in_port_t>(port));
+    const bool bound = bind(probe, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0;
+    close(probe);
+    return bound;
+}
+
+} // namespace
+
+milliseconds Scaled(milliseconds limit) {
+    static const double scale = TimeScale();
+    return milliseconds(static_cast<milliseconds::rep>(static_cast<double>(limit.count()) * scale));
+}
+
+bool Eventually(const std::function<bool()>& condition, milliseconds limit) {
+    const auto end = std::chrono::steady_clock::now() + Scaled(limit);
+    while (!condition()) {
+        if (std::chrono::steady_clock::now() > end) return false;
+        std::this_thread::sleep_for(milliseconds(2));
+    }
+    return true;
+}
+
+std::string ReadFile(const std::string& path) {
+    std::ifstream file(path, std::ios::binary);
+    std::ostringstream text;
+    text << file.rdbuf();
+    return text.str();
+}
+
+void WriteFile(const std::string& path, const std::string& text) {
+    std::ofstream file(path, std::ios::binary | std::ios::trunc);
+    file << text;
+}
+
+TemporaryFolder::TemporaryFolder() {
+    std::string name = (std::filesystem::temp_directory_path() / "rdx-test-XXXXXX").string();
+    if (mkdtemp(name.data()) == nullptr) std::abort();
+    path_ = name;
+}
+
+TemporaryFolder::~TemporaryFolder() {
+    std::error_code ignored;
+    std::filesystem::remove_all(path_, ignored);
+}
+
+PortReservation::PortReservation() {
+    std::random_device random;
+    const int last = std::max(FirstEphemeralPort(), 12000);
+    std::uniform_int_distribution<int> ports(last - 10000, last - 1);
+    for (int attempt = 0; attempt < 1000; ++attempt) {
+        if (Take(ports(random))) return;
+    }
+    std::abort();
+}
+
+PortReservation::~PortReservation() { close(lock_); }
+
+// Holds the port by a name that only one process can bind, since the port itself must stay free.
+bool PortReservation::Take(int port) {
+    lock_ = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    sockaddr_un name = {};
+    name.sun_family = AF_UNIX;
+    const std::string text = "rdx-test-port-" + std::to_string(port);
+    std::memcpy(name.sun_path + 1, text.data(), text.size());
+    const auto length = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + 1 + text.size());
+    if (bind(lock_, reinterpret_cast<sockaddr*>(&name), length) == 0 && IsFree(port)) {
+        port_ = port;
+        return true;
+    }
+    close(lock_);
+    return false;
+}
+
+Server::Server(ServerOptions options) : options_(std::move(options)) {
+    WriteSettings(options_.settings);
+    if (!options_.shadow.empty()) WriteFile(folder_.Path() + "/shadow", options_.shadow);
+}
+
+Server::~Server() {
+    End();
+    if (testing::Test::HasFailure()) {
+        std::cerr << "--- output of the server ---" << Output() << "\n--- errors ---\n"
+                  << Errors() << "\n---\n";
+    }
+}
+
+void Server::WriteSettings(const std::vector<std::string>& settings, int port) {
+    std::string text =
+        "[HTTP]\nServicePort=" + std::to_string(port != 0 ? port : Port()) + "\nMethodsAllowed=GET,POST\n";
+    for (const std::string& line : settings) text += line + "\n";
+    // The server must never see half a file.
+    WriteFile(ConfigurationPath() + ".new", text);
+    std::filesystem::rename(ConfigurationPath() + ".new", ConfigurationPath());
+}
+
+std::vector<std::string> Server::StandardArguments() const {
+    return {"-mt", std::to_string(options_.threads), "-c", ConfigurationPath()};
+}
+
+std::vector<std::string> Server::CommandLine(const std::vector<std::string>& arguments) const {
+    std::vector<std::string> all = options_.wrapper;
+#ifdef RDX_TEST_RDXHTTPD
+    all.emplace_back(options_.host == Host::kRdxhttpd ? RDX_TEST_RDXHTTPD : RDX_TEST_PLAIN_HOST);
+#else
+    all.emplace_back(RDX_TEST_PLAIN_HOST);
+#endif
+    all.insert(all.end(), arguments.begin(), arguments.end());
+    return all;
+}
+
+void Server::Spawn(const std::vector<std::string>& arguments) {
+    ending_.reset();
+    std::vector<std::string> words = CommandLine(arguments);
+    auto changes = options_.environment;
+    changes.emplace_back("RDX_TEST_HELD_DESCRIPTORS", std::to_string(options_.heldDescriptors));
+    std::vector<std::string> variables = Environment(changes);
+    const std::vector<char*> argv = Pointers(words);
+    const std::vector<char*> envp = Pointers(variables);
+    const std::string shadow = options_.shadow.empty() ? "" : folder_.Path() + "/shadow";
+    const pid_t parent = getpid();
+
+    pid_ = fork();
+    if (pid_ < 0) std::abort();
+    if (pid_ > 0) {
+        setpgid(pid_, pid_);
+        return;
+    }
+    setpgid(0, 0);
+    ResetSignals();
+    LimitCoreFiles();
+    Redirect(folder_.Path() + "/output", STDOUT_FILENO);
+    Redirect(folder_.Path() + "/errors", STDERR_FILENO);
+    if (!Isolate(shadow, options_.ownNetwork)) _exit(kSetUpFailed);
+    prctl(PR_SET_PDEATHSIG, SIGKILL);
+    if (getppid() != parent) _exit(kSetUpFailed);
+    execvpe(argv[0], argv.data(), envp.data());
+    _exit(kSetUpFailed);
+}
+
+testing::AssertionResult Server::Start(const std::vector<std::string>& more) {
+    std::vector<std::string> arguments = StandardArguments();
+    arguments.insert(arguments.end(), more.begin(), more.end());
+    Spawn(arguments);
+    const bool settled = Eventually(
+        [this] { return CountOf(kLoopStarted, Output()) > 0 || WaitForEnd(milliseconds(0)).has_value(); });
+    if (settled && !ending_) return testing::AssertionSuccess();
+    return testing::AssertionFailure() << "the server did not start: "
+                                       << (ending_ ? "result " + std::to_string(ending_->result) +
+                                                         ", signal " + std::to_string(ending_->signal)
+                                                   : std::string("no sign of the service loop"));
+}
+
+std::optional<Ending> Server::Run(const std::vector<std::string>& arguments) {
+    Spawn(arguments);
+    return WaitForEnd();
+}
+
+void Server::Signal(int number) const { kill(pid_, number); }
+
+std::optional<Ending> Server::WaitForEnd(milliseconds limit) {
+    if (ending_ || pid_ <= 0) return ending_;
+    int status = 0;
+    if (!Eventually([&] { return waitpid(pid_, &status, WNOHANG) == pid_; }, limit)) return std::nullopt;
+    ending_ = Ending{};
+    if (WIFEXITED(status)) ending_->result = static_cast<signed char>(WEXITSTATUS(status));
+    if (WIFSIGNALED(status)) ending_->signal = WTERMSIG(status);
+    return ending_;
+}
+
+void Server::End() {
+    if (pid_ <= 0) return;
+    if (!ending_ || options_.host == Host::kRdxhttpd) kill(-pid_, SIGKILL); // a host may have children
+    if (!ending_) waitpid(pid_, nullptr, 0);
+    pid_ = -1;
+}
+
+bool Server::WaitForLoop(int count) {
+    return Eventually([&] { return CountOf(kLoopStarted, Output()) >= count; });
+}
+
+bool Server::WaitForThreads(int count) const {
+    return Eventually([&] { return Threads() == count; });
+}
+
+bool Server::WaitForDescriptors(int count) const {
+    return Eventually([&] { return Descriptors() == count; });
+}
+
+int Server::Threads() const { return EntriesOf("/proc/" + std::to_string(pid_) + "/task"); }
+
+int Server::Descriptors() const { return EntriesOf("/proc/" + std::to_string(pid_) + "/fd"); }
+
+int Server::DescriptorsWhenClosed() const {
+    WaitForOutput("ServeClientDone: Socket closed");
+    return Descriptors();
+}
+
+std::string Server::Output() const { return ReadFile(folder_.Path() + "/output"); }
+
+std::string Server::Errors() const { return ReadFile(folder_.Path() + "/errors"); }
+
+bool Server::WaitForOutput(const std::string& part, milliseconds limit) const {
+    return Eventually([&] { return Output().find(part) != std::string::npos; }, limit);
+}
+
+int RunningServerPort() {
+    const char* port = std::getenv("RDX_TEST_SERVER");
+    return port == nullptr ? 0 : std::atoi(port);
+}
+
+int IdleThreads() {
+#if defined(RDX_TEST_THREAD_SANITIZER)
+    return 2; // the sanitizer has one of its own
+#else
+    return 1;
+#endif
+}
+
+bool CanReplaceShadow() {
+    TemporaryFolder folder;
+    const std::string file = folder.Path() + "/shadow";
+    WriteFile(file, "nobody:*:19000:0:99999:7:::\n");
+    return SucceedsInAChild([&] { return Isolate(file, false); });
+}
+
+bool CanHaveOwnNetwork() {
+    return SucceedsInAChild([] { return Isolate("", true); });
+}
+
+int CountOf(const std::string& part, const std::string& text) {
+    int count = 0;
+    for (std::size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + part.size())) {
+        ++count;
+    }
+    return count;
+}
+
+} // namespace rdx::test

@@ -1,0 +1,166 @@
+// Real server processes for the tests: each with a folder, a configuration file and a port of its own.
+//
+// A server is the host program of this folder (plain_host), or rdxhttpd, with the shipped library in it.
+// What a test starts ends with the test, also when the test crashes.
+//
+//     Server server({.settings = {"Verbosity=VERBOSITY_ALL"}, .threads = 8});
+//     ASSERT_TRUE(server.Start());
+//     Connection client(server.Port());
+//
+// Environment:
+//     RDX_TEST_TIME_SCALE  factor on every time limit (default 1, under a sanitizer 8)
+//     RDX_TEST_SERVER      port of a server that runs already, for the tests that need no settings of
+//                          their own; it must allow GET and POST and serve with several threads
+#ifndef RDX_TESTS_SYSTEM_HARNESS_H
+#define RDX_TESTS_SYSTEM_HARNESS_H
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <functional>
+#include <optional>
+#include <string>
+#include <sys/types.h>
+#include <utility>
+#include <vector>
+
+namespace rdx::test {
+
+using std::chrono::milliseconds;
+
+// How long to wait for what must happen, before scaling.
+inline constexpr milliseconds kPatience{10000};
+
+// How long to look for what must not happen, before scaling.
+inline constexpr milliseconds kGlance{150};
+
+// `limit` times RDX_TEST_TIME_SCALE.
+milliseconds Scaled(milliseconds limit);
+
+// Polls `condition` until it holds; false when it did not within the scaled limit.
+bool Eventually(const std::function<bool()>& condition, milliseconds limit = kPatience);
+
+std::string ReadFile(const std::string& path);
+void WriteFile(const std::string& path, const std::string& text);
+
+// A folder that is removed with all it holds.
+class TemporaryFolder {
+public:
+    TemporaryFolder();
+    ~TemporaryFolder();
+    TemporaryFolder(const TemporaryFolder&) = delete;
+    TemporaryFolder& operator=(const TemporaryFolder&) = delete;
+
+    const std::string& Path() const { return path_; }
+
+private:
+    std::string path_;
+};
+
+// A TCP port that no other test uses while the reservation lives.
+class PortReservation {
+public:
+    PortReservation();
+    ~PortReservation();
+    PortReservation(const PortReservation&) = delete;
+    PortReservation& operator=(const PortReservation&) = delete;
+
+    int Port() const { return port_; }
+
+private:
+    bool Take(int port);
+
+    int port_ = 0;
+    int lock_ = -1;
+};
+
+// How a process ended.
+struct Ending {
+    int result = 0; // the exit status as a signed byte, which is what rdxhttp_main returned
+    int signal = 0; // the signal that ended the process, 0 for an exit
+};
+
+enum class Host { kPlain, kRdxhttpd };
+
+struct ServerOptions {
+    std::vector<std::string> settings = {}; // lines of section HTTP beside ServicePort and MethodsAllowed
+    int threads = 1;                        // "-mt"
+    std::vector<std::pair<std::string, std::string>> environment = {};
+    std::vector<std::string> wrapper = {}; // a program and its arguments that run the host
+    std::string shadow = {};               // the text of /etc/shadow that only this server sees
+    bool ownNetwork = false;               // a network of its own with only a loopback
+    int heldDescriptors = 0;               // descriptors that the host holds before it starts the server
+    Host host = Host::kPlain;
+};
+
+class Server {
+public:
+    explicit Server(ServerOptions options = {});
+    ~Server();
+    Server(const Server&) = delete;
+    Server& operator=(const Server&) = delete;
+
+    // Starts the process, with `more` behind its arguments, and waits until it listens.
+    testing::AssertionResult Start(const std::vector<std::string>& more = {});
+
+    // Starts the process with exactly these arguments and waits for its end.
+    std::optional<Ending> Run(const std::vector<std::string>& arguments);
+
+    // Writes the configuration file with `port` (0: the server's own) and the given settings.
+    void WriteSettings(const std::vector<std::string>& settings, int port = 0);
+
+    void Signal(int number) const;
+
+    // How the process ended; nothing when it still runs after the limit.
+    std::optional<Ending> WaitForEnd(milliseconds limit = kPatience);
+
+    // Waits until the service loop was entered `count` times.
+    bool WaitForLoop(int count);
+
+    // Waits until the process has `count` threads, descriptors.
+    bool WaitForThreads(int count) const;
+    bool WaitForDescriptors(int count) const;
+    int Threads() const;
+    int Descriptors() const;
+
+    // Waits until the last connection that a call closed is gone, and counts.
+    int DescriptorsWhenClosed() const;
+
+    int Port() const { return port_.Port(); }
+    pid_t Pid() const { return pid_; }
+    const std::string& Folder() const { return folder_.Path(); }
+    std::string ConfigurationPath() const { return folder_.Path() + "/tnd.ini"; }
+
+    // What the process printed so far.
+    std::string Output() const;
+    std::string Errors() const;
+    bool WaitForOutput(const std::string& part, milliseconds limit = kPatience) const;
+
+private:
+    std::vector<std::string> CommandLine(const std::vector<std::string>& arguments) const;
+    std::vector<std::string> StandardArguments() const;
+    void Spawn(const std::vector<std::string>& arguments);
+    void End();
+
+    ServerOptions options_;
+    TemporaryFolder folder_;
+    PortReservation port_;
+    pid_t pid_ = -1;
+    std::optional<Ending> ending_;
+};
+
+// The port of RDX_TEST_SERVER, or 0.
+int RunningServerPort();
+
+// How many threads a server has that serves nothing.
+int IdleThreads();
+
+// Whether this machine lets a test give a process its own /etc/shadow, its own network.
+bool CanReplaceShadow();
+bool CanHaveOwnNetwork();
+
+int CountOf(const std::string& part, const std::string& text);
+
+} // namespace rdx::test
+
+#endif

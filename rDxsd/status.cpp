@@ -9,6 +9,7 @@
 #include "rDxsd/values.h"
 
 #include <algorithm>
+#include <climits>
 #include <cstdint>
 #include <cstdio>
 #include <optional>
@@ -255,8 +256,12 @@ std::optional<int> MostState(unsigned long state) {
     return state == 0 ? 41153 : 41154;
 }
 
-// The TD signal's period from the device library's raw units, cut towards zero.
-int TdPeriod(int raw) { return static_cast<int>(std::int64_t{raw} * 32 / 10); }
+// The TD signal's period from the device library's raw units, cut towards zero; what a client's 32 bits
+// cannot hold becomes the nearest number that they can.
+int TdPeriod(int raw) {
+    const std::int64_t period = std::int64_t{raw} * 32 / 10;
+    return static_cast<int>(std::clamp<std::int64_t>(period, INT_MIN, INT_MAX));
+}
 
 OwnedValue MakeVoltage(const Measures& measures) {
     OwnedValue voltage = MakeStruct();

@@ -7,6 +7,7 @@
 #include "rDxsd/rDxsd.h"
 
 #include <algorithm>
+#include <utility>
 
 namespace {
 
@@ -163,10 +164,11 @@ int ProcessRunDeviceSelfTest(TavrinRequest* call, TavrinResponse* result) {
     const bool awaited = !detailed && *await != 0;
     const int done = detailed && *await != 0 ? kDetailedTestAwaited
                                              : rDxRunDeviceSelfTest(owner, *mode, awaited ? *await : 0);
-    const SelfTestState state = AskSelfTestState();
     const Outcome& started = FindOutcome(kSelfTestOutcomes, done);
+    OwnedValue params = MakeParams(started, "");
+    const SelfTestState state = AskSelfTestState();
     const Outcome& own = awaited && !state.known ? kNotAwaited : started;
-    Answer answer(own.code, own.reason, MakeParams(started, "")); // kept: the detail is that of the start
+    Answer answer(own.code, own.reason, std::move(params)); // kept: the detail is that of the start
     answer.Add("SelftestStatus", MakeSelfTestStatus(state));
     return answer.Assign(result, "rdxRunDeviceSelftest");
 }

@@ -232,15 +232,16 @@ RDX_API void FreeHttpRequest(HttpRequest* pRequest);
  *
  *   pRequest   the request, with GET or POST as its method
  *   pBuf       out: the text, without a NUL behind a body
- *   uiBufSize  its size in bytes; at least one byte stays unused
+ *   uiBufSize  its size in bytes; one byte stays spare, so that at most `uiBufSize` - 2 bytes are written
  *   ucHtml     0: as it is sent; not 0: as a page
  *
  * Returns the number of bytes written, or
  *           -1  no request
- *           -2  no buffer, or no room in it
+ *           -2  no buffer, no room in it, or a length but no body
  *           -9  an empty text: URI, header name or header value
  *         -501  a method other than GET and POST
  *         -505  a version other than 10 and 11
+ * Of several causes the one that is met first while writing counts.
  */
 RDX_API int SerializeHttpRequest(HttpRequest* pRequest, char* pBuf, unsigned int uiBufSize,
                                  unsigned char ucHtml);

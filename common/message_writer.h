@@ -23,6 +23,11 @@ public:
         return *this;
     }
 
+    // Fails with a result of the message's own, unless an appender has failed before.
+    void Fail(int result) {
+        if (result_ == 0) result_ = result;
+    }
+
     // The number of bytes written, or the failure.
     int Result() const { return result_ != 0 ? result_ : static_cast<int>(cursor_ - begin_); }
 

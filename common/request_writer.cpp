@@ -42,13 +42,8 @@ public:
 
     // The number of bytes written, or the failure.
     int Write() {
-        const auto* const method = std::ranges::find(kMethods, request_.ucMethod, &Method::index);
-        if (method == std::end(kMethods)) return kUnknownMethod;
-        const auto* const version = std::ranges::find(kVersions, request_.ucHttpVersion, &Version::number);
-        if (version == std::end(kVersions)) return kUnknownVersion;
         Html("<HTML><BODY><TT>");
-        out_.Text(html_ ? method->html : method->wire);
-        out_.Text(request_.pszUri).Text(" HTTP/").Text(version->text).Text("\r\n");
+        WriteRequestLine();
         Html("<BR>");
         WriteLists();
         out_.Text("\r\n");
@@ -60,6 +55,15 @@ public:
 private:
     void Html(const char* text) {
         if (html_) out_.Text(text);
+    }
+
+    void WriteRequestLine() {
+        const auto* const method = std::ranges::find(kMethods, request_.ucMethod, &Method::index);
+        if (method == std::end(kMethods)) return out_.Fail(kUnknownMethod);
+        out_.Text(html_ ? method->html : method->wire).Text(request_.pszUri).Text(" HTTP/");
+        const auto* const version = std::ranges::find(kVersions, request_.ucHttpVersion, &Version::number);
+        if (version == std::end(kVersions)) return out_.Fail(kUnknownVersion);
+        out_.Text(version->text).Text("\r\n");
     }
 
     void WriteLists() {
@@ -81,7 +85,7 @@ private:
 
     void WriteBody() {
         Html("entity body:<BR><BLOCKQUOTE>");
-        out_.Bytes(request_.pEntityBody, request_.pEntityBody != nullptr ? request_.uiBodyLength : 0);
+        out_.Bytes(request_.pEntityBody, request_.uiBodyLength);
         Html("</BLOCKQUOTE><BR>");
     }
 

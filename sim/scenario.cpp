@@ -223,7 +223,7 @@ Scenario ReadScenario(std::string_view text, const std::string& path, std::vecto
         std::string why = ReadEntry(scenario, entry);
         if (!why.empty()) errors.push_back({entry.line, std::move(why)});
     }
-    std::ranges::stable_sort(errors, {}, &IniError::line);
+    std::ranges::sort(errors, {}, &IniError::line);
     for (const IniError& error : errors) {
         messages.push_back(Join({path, ":", std::to_string(error.line), ": ", error.message}));
     }

@@ -56,7 +56,10 @@ protected:
     }
 
     // `text` is the scenario from the next call on.
-    void Play(const std::string& text) const { WriteWhole(paths.scenario, text); }
+    void Play(const std::string& text) const {
+        WriteWhole(paths.scenario + ".new", text);
+        std::filesystem::rename(paths.scenario + ".new", paths.scenario);
+    }
 
     void Pass(sim::milliseconds time) { now += time.count(); }
 

@@ -106,6 +106,7 @@ const KindRow& Describe(Kind kind) {
         {0, 0, "a text, if it is quoted with every quote closed and \\\\ \\\" \\n \\r \\t \\xHH alone", true},
         {0, 0, "a name, a value (both quoted texts or null) and persistent or volatile", false},
     };
+    static_assert(std::size(kRows) == static_cast<std::size_t>(Kind::kOutputAttribute) + 1);
     return kRows[static_cast<std::size_t>(kind)];
 }
 

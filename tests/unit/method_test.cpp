@@ -337,9 +337,10 @@ protected:
         device_.outputs.testReason = 9060;
     }
 
-    // Fails every allocation of a call in turn.
+    // Fails every allocation of a call in turn: the answer is whole or there is none.
     void FailEveryAllocationOf(const Method& method) {
         std::string args = Arguments(method.good);
+        const std::string expected = WithoutUpTime(Answer(method.handler, args));
         int refused = 0;
         int unassigned = 0;
         FailEveryAllocation([&] {
@@ -348,6 +349,7 @@ protected:
             EXPECT_TRUE(code == 0 || code == 400 || code == -6) << code;
             EXPECT_EQ(device_.Calls().empty(), code == 400);
             EXPECT_EQ(device_.Lent(), 0);
+            EXPECT_EQ(code == 0 ? WithoutUpTime(result_.pszWddxResult) : expected, expected);
             refused += code == 400 ? 1 : 0;
             unassigned += code == -6 ? 1 : 0;
             return code == 0;

@@ -4,7 +4,6 @@
 #include "rDxsd/codes.h"
 #include "rDxsd/device_info.h"
 #include "rDxsd/method.h"
-#include "rDxsd/rDxWddx.h"
 #include "rDxsd/rDxsd.h"
 #include "rDxsd/values.h"
 
@@ -294,11 +293,8 @@ int TransmissionQuality() {
 
 int ProcessGetVersion(TavrinRequest* call, TavrinResponse* result) {
     std::printf("\nProcessGetVersion");
-    WddxValue* arguments = nullptr;
-    const int parsed = ParseWddxPacketData(call->pszWddxArgs, &arguments);
-    const OwnedValue argumentsOwner(arguments);
-    int version = 0; // asked for, but every version is answered alike
-    if (parsed != 0 || GetDataIntParam(arguments, "version", &version) != 0) return kBadCall;
+    const Arguments arguments(*call);
+    if (!arguments.IntegerOrFlag("version")) return kBadCall; // asked for, but all are answered alike
 
     OwnedText text = AllocateBytes(kVersionResultSize);
     if (!text) return kNotAssigned;

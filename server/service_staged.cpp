@@ -126,6 +126,7 @@ private:
         std::memset(buffers_.output, 0, sizeof buffers_.output);
         unsigned long length = sizeof buffers_.output;
         const int handled = handler_(request_.get(), buffers_.output, &length, &slot_.ucTerminate);
+        buffers_.output[sizeof buffers_.output - 1] = '\0'; // the output is taken as a text
         if (handled == 0 && slot_.ucTerminate != 0) LogTermination("ServeClientInStages()", *request_);
         return handled;
     }
@@ -161,12 +162,15 @@ private:
         char command[kTicketSize];
         snprintf(command, sizeof command, "%s&SvcTicket=%lu",
                  handled == 0 ? "vsFollowUpSuccess" : "vsFollowUpFailure", ticket);
-        return SendFollowUp(command, body);
+        const int status = SendFollowUp(command, body);
+        RDX_CHECK(request_ != nullptr, "pReq != __null");
+        return status;
     }
 
     int SendFollowUp(const char* command, const char* body);
 
     int Respond(const Page& page) {
+        RDX_CHECK(page.body != nullptr, "szBody != __null");
         HttpResponse* response = nullptr;
         const int built = CreateHttpResponse(&response, page.status, kContentType, page.body,
                                              static_cast<unsigned int>(std::strlen(page.body)));
@@ -202,20 +206,23 @@ public:
     AdminConnection(const AdminConnection&) = delete;
     AdminConnection& operator=(const AdminConnection&) = delete;
 
-    // The local port is the one behind the service's; a service that is named instead of numbered gives port
-    // 1 (kept). Follow-ups share it, so that at most one to an administration server is under way.
+    // Follow-ups share the local port, so that at most one to an administration server is under way.
     bool Open() {
         const SharedText local(szConfigSvcAddr);
-        const SharedText service(szConfigSvcPort);
         const SharedText admin(szAdminServerHost);
-        return CreateClntSocketExt(
-                   local.c_str(), static_cast<unsigned short>(ParseDecimal(service.View()) + 1),
-                   admin.c_str(), static_cast<unsigned short>(uiAdminServerPort), &socket_) == 0;
+        return CreateClntSocketExt(local.c_str(), LocalPort(), admin.c_str(),
+                                   static_cast<unsigned short>(uiAdminServerPort), &socket_) == 0;
     }
 
     int Get() const { return socket_; }
 
 private:
+    // The port behind the service's; a service that is named instead of numbered gives port 1 (kept).
+    static unsigned short LocalPort() {
+        const SharedText service(szConfigSvcPort);
+        return static_cast<unsigned short>(static_cast<unsigned>(ParseDecimal(service.View())) + 1);
+    }
+
     int socket_ = -1;
 };
 
@@ -246,6 +253,7 @@ int StagedService::SendFollowUp(const char* command, const char* body) {
     AdminConnection admin;
     if (!admin.Open()) return kNotConnected;
     HttpResponse* pRsp = nullptr;
+    RDX_CHECK(pRsp == nullptr, "pRsp == __null");
     if (SendHttpRequest(admin.Get(), &stFollowUpRqst, &pRsp) != 0) return kNotFollowedUp;
     RDX_CHECK(pRsp != nullptr, "pRsp != __null");
     const OwnedResponse response(pRsp);

@@ -33,13 +33,16 @@ inline Cut CutEvery(std::string_view bytes, std::size_t size, std::string name) 
 inline Cut CutAtLines(std::string_view bytes, bool inside) {
     Cut cut{inside ? "before and behind each line feed" : "at each line end", {}};
     std::size_t begin = 0;
+    const auto cutAt = [&](std::size_t end) {
+        if (end > begin) cut.pieces.push_back(bytes.substr(begin, end - begin));
+        begin = end;
+    };
     for (std::size_t at = 0; at < bytes.size(); ++at) {
         if (bytes[at] != '\n') continue;
-        if (inside && at > begin) cut.pieces.push_back(bytes.substr(std::exchange(begin, at), at - begin));
-        cut.pieces.push_back(bytes.substr(begin, at + 1 - begin));
-        begin = at + 1;
+        if (inside) cutAt(at);
+        cutAt(at + 1);
     }
-    if (begin < bytes.size()) cut.pieces.push_back(bytes.substr(begin));
+    cutAt(bytes.size());
     return cut;
 }
 

@@ -274,6 +274,7 @@ int AssertCrt() { return 0; }
 int OpenLogfile(const char* /*path*/) { return 0; }
 
 int CloseLogfile() {
+    if (outlog == errlog && errlog != StdErr) outlog = nullptr; // one stream for both is closed once
     CloseUnlessStandard(errlog, StdErr);
     CloseUnlessStandard(outlog, StdOut);
     return 0;

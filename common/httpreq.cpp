@@ -5,6 +5,7 @@
 #include "common/log.h"
 #include "common/log_lines.h"
 #include "common/memory.h"
+#include "common/method_names.h"
 #include "common/portability_sockets.h"
 #include "common/request_lists.h"
 #include "common/shared.h"
@@ -27,9 +28,7 @@ constexpr int kInternalError = -500;
 constexpr int kUnknownProtocol = -501;
 constexpr int kUnknownVersion = -505;
 
-// The index is what `ucMethod` holds and where the allow table is asked.
-constexpr const char* kMethods[] = {"GET", "PUT", "POST", "HEAD", "DELETE", "TRACE", "OPTIONS", "CONNECT"};
-static_assert(std::size(kMethods) == HTTP_METHODS && std::size(kMethods) == std::size(aiMethodsAllowed));
+static_assert(rdx::kMethodNames.size() == HTTP_METHODS && HTTP_METHODS == CONFIG_METHODS);
 
 struct Version {
     std::string_view name;
@@ -225,7 +224,7 @@ int IsMethodAllowed(const char* pszMethod, int* piIndex) {
     *piIndex = -1;
     if (pszMethod == nullptr) return -1;
     for (int index = 0; index < HTTP_METHODS; ++index) {
-        if (!rdx::EqualsIgnoringCase(pszMethod, kMethods[index])) continue;
+        if (!rdx::EqualsIgnoringCase(pszMethod, rdx::kMethodNames[index])) continue;
         const int allowed = rdx::LoadShared(aiMethodsAllowed[index]);
         *piIndex = index;
         printf("\nParsing: method ok (%d)", allowed);

@@ -148,6 +148,18 @@ std::vector<std::string> Environment(const std::vector<std::pair<std::string, st
     return all;
 }
 
+const char* ProgramOf(Host host) {
+    switch (host) {
+    case Host::kLinked:
+        return RDX_TEST_LINKED_HOST;
+    case Host::kRdxhttpd:
+        return RDX_TEST_RDXHTTPD;
+    case Host::kPlain:
+        break;
+    }
+    return RDX_TEST_PLAIN_HOST;
+}
+
 int EntriesOf(const std::string& folder) {
     DIR* entries = opendir(folder.c_str());
     if (entries == nullptr) return -1;
@@ -157,6 +169,12 @@ int EntriesOf(const std::string& folder) {
     }
     closedir(entries);
     return count;
+}
+
+// The end of a text, which tells the most about a failure.
+std::string LastOf(const std::string& text) {
+    constexpr std::size_t kMost = 4000;
+    return text.size() <= kMost ? text : "..." + text.substr(text.size() - kMost);
 }
 
 bool SucceedsInAChild(const std::function<bool()>& attempt) {
@@ -261,8 +279,9 @@ Server::Server(ServerOptions options) : options_(std::move(options)) {
 Server::~Server() {
     End();
     if (testing::Test::HasFailure()) {
-        std::cerr << "--- output of the server ---" << Output() << "\n--- errors ---\n"
-                  << Errors() << "\n---\n";
+        std::cerr << "--- output of the server ---\n"
+                  << LastOf(Output()) << "\n--- errors ---\n"
+                  << LastOf(Errors()) << "\n---\n";
     }
 }
 
@@ -281,17 +300,14 @@ std::vector<std::string> Server::StandardArguments() const {
 
 std::vector<std::string> Server::CommandLine(const std::vector<std::string>& arguments) const {
     std::vector<std::string> all = options_.wrapper;
-#ifdef RDX_TEST_RDXHTTPD
-    all.emplace_back(options_.host == Host::kRdxhttpd ? RDX_TEST_RDXHTTPD : RDX_TEST_PLAIN_HOST);
-#else
-    all.emplace_back(RDX_TEST_PLAIN_HOST);
-#endif
+    all.emplace_back(ProgramOf(options_.host));
     all.insert(all.end(), arguments.begin(), arguments.end());
     return all;
 }
 
 void Server::Spawn(const std::vector<std::string>& arguments) {
     ending_.reset();
+    for (const char* name : {"/output", "/errors"}) std::filesystem::remove(folder_.Path() + name);
     std::vector<std::string> words = CommandLine(arguments);
     auto changes = options_.environment;
     changes.emplace_back("RDX_TEST_HELD_DESCRIPTORS", std::to_string(options_.heldDescriptors));

@@ -80,7 +80,8 @@ struct Ending {
     int signal = 0; // the signal that ended the process, 0 for an exit
 };
 
-enum class Host { kPlain, kRdxhttpd };
+// plain_host loads the library, linked_host is linked with it.
+enum class Host { kPlain, kLinked, kRdxhttpd };
 
 struct ServerOptions {
     std::vector<std::string> settings = {}; // lines of section HTTP beside ServicePort and MethodsAllowed

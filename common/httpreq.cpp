@@ -12,6 +12,7 @@
 #include "common/socket_line.h"
 #include "common/text.h"
 
+#include <algorithm>
 #include <arpa/inet.h>
 #include <climits>
 #include <cstdio>
@@ -28,7 +29,7 @@ constexpr int kInternalError = -500;
 constexpr int kUnknownProtocol = -501;
 constexpr int kUnknownVersion = -505;
 
-static_assert(rdx::kMethodNames.size() == HTTP_METHODS && HTTP_METHODS == CONFIG_METHODS);
+static_assert(rdx::kMethodNames.size() == HTTP_METHODS);
 
 struct Version {
     std::string_view name;
@@ -223,14 +224,13 @@ int ParseHttpMethodLine(const char* p, const char* q, HttpRequest* pReq) {
 int IsMethodAllowed(const char* pszMethod, int* piIndex) {
     *piIndex = -1;
     if (pszMethod == nullptr) return -1;
-    for (int index = 0; index < HTTP_METHODS; ++index) {
-        if (!rdx::EqualsIgnoringCase(pszMethod, rdx::kMethodNames[index])) continue;
-        const int allowed = rdx::LoadShared(aiMethodsAllowed[index]);
-        *piIndex = index;
-        printf("\nParsing: method ok (%d)", allowed);
-        return allowed;
-    }
-    return -1;
+    const auto* const name = std::ranges::find_if(
+        rdx::kMethodNames, [=](const char* known) { return rdx::EqualsIgnoringCase(known, pszMethod); });
+    if (name == rdx::kMethodNames.end()) return -1;
+    *piIndex = static_cast<int>(name - rdx::kMethodNames.begin());
+    const int allowed = rdx::LoadShared(aiMethodsAllowed[*piIndex]);
+    printf("\nParsing: method ok (%d)", allowed);
+    return allowed;
 }
 
 int IsRequestHeader(const char* p, const char* q, char** ppcolon) {

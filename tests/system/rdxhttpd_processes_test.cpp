@@ -122,7 +122,7 @@ TEST(RdxhttpdOptions, AreToldOnRequest) {
         EXPECT_EQ(CountOf(option, server.Output()), 1) << option;
     }
     EXPECT_EQ(server.Run({"--version"})->result, 0);
-    EXPECT_EQ(CountOf("\nrdxhttpd 0.", server.Output()), 1);
+    EXPECT_EQ(CountOf("rdxhttpd 0.", server.Output()), 1);
 }
 
 TEST(RdxhttpdOptions, ThatAreRefusedAreExplained) {

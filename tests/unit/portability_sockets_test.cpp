@@ -1593,7 +1593,7 @@ TEST_F(AwaitDeliveryTest, IsEndedByATerminatingSignalOnTheThreadWithWindows) {
         SignalMyself(SIGTERM);
         EXPECT_EQ(Delivery(connection.near).pauses, 1);
         EXPECT_EQ(handledSignals, 1);
-        EXPECT_EQ(Delivery(connection.near).pauses, 0);
+        EXPECT_EQ(Delivery(connection.near).pauses, 1) << "a later wait";
     });
 }
 

@@ -222,10 +222,18 @@ TEST_F(ThreadCreateTest, DetachesTheThread) {
     End(service);
 }
 
-TEST_F(ThreadCreateTest, GivesTheThreadItsStack) {
+TEST_F(ThreadCreateTest, GivesTheThreadItsStackWhateverTheDefault) {
+    pthread_attr_t before, small;
+    pthread_getattr_default_np(&before);
+    pthread_attr_init(&small);
+    pthread_attr_setstacksize(&small, 1024 * 1024);
+    pthread_setattr_default_np(&small);
     Service service;
     ThreadID id = 0;
     Observe(service, id);
+    pthread_setattr_default_np(&before);
+    pthread_attr_destroy(&before);
+    pthread_attr_destroy(&small);
     EXPECT_GE(service.stackSize, static_cast<std::size_t>(MT_STACK_SIZE));
     End(service);
 }

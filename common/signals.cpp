@@ -1,4 +1,4 @@
-#include "common/signals.h"
+#include "common/signal_windows.h"
 
 #include "common/shared.h"
 

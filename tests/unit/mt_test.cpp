@@ -3,7 +3,7 @@
 #include "common/log.h"
 #include "common/mt_internal.h"
 #include "common/shared.h"
-#include "common/signals.h"
+#include "common/signal_windows.h"
 #include "tests/support/assertion.h"
 #include "tests/support/capture.h"
 #include "tests/support/eventually.h"

@@ -4,7 +4,7 @@
 #include "common/delivery.h"
 #include "common/log.h"
 #include "common/shared.h"
-#include "common/signals.h"
+#include "common/signal_windows.h"
 #include "tests/support/assertion.h"
 #include "tests/support/capture.h"
 #include "tests/support/eventually.h"
@@ -322,6 +322,11 @@ TEST_F(SmallOperations, ReportReturnsTheErrorLeavesItAndPrintsNothing) {
         EXPECT_EQ(ReportSocketError("Test()", "failed"), error);
         EXPECT_EQ(errno, error);
     }
+    const FailCall noText("strerror_r", 1, EINVAL);
+    errno = ECONNRESET;
+    EXPECT_EQ(ReportSocketError("Test()", "failed"), ECONNRESET);
+    EXPECT_EQ(errno, ECONNRESET);
+    EXPECT_TRUE(noText.Struck());
     EXPECT_EQ(capture.Text(), "");
 }
 

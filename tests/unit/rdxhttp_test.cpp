@@ -4,7 +4,7 @@
 #include "common/log.h"
 #include "common/portability_sockets.h"
 #include "common/shared.h"
-#include "common/signals.h"
+#include "common/signal_windows.h"
 #include "rDxsd/rDxsd.h"
 #include "server/service.h"
 #include "tests/support/capture.h"
@@ -557,6 +557,27 @@ TEST_F(RdxHttpTest, InitSignalHandlingInstallsTheHandler) {
                                       ? "\n[TIME],InitSignalHandling(): signal handler installed (10)"
                                       : "");
     }
+}
+
+// The handler logs too: it must not find a half-written line.
+TEST_F(RdxHttpTest, InitSignalHandlingLogsUndisturbed) {
+    Child child([] {
+        int lines = 0;
+        cookie_io_functions_t functions{};
+        functions.write = [](void* cookie, const char*, std::size_t size) {
+            sigset_t now;
+            pthread_sigmask(SIG_BLOCK, nullptr, &now);
+            for (const int number : kCaughtSignals) EXPECT_EQ(sigismember(&now, number), 1) << number;
+            ++*static_cast<int*>(cookie);
+            return static_cast<ssize_t>(size);
+        };
+        outlog = fopencookie(&lines, "w", functions);
+        ucVerbosity = VERBOSITY_ALL;
+        EXPECT_EQ(InitSignalHandling(), 0);
+        EXPECT_EQ(lines, 1);
+        return CloseLogfile();
+    });
+    EXPECT_EQ(child.Result(), 0);
 }
 
 TEST_F(RdxHttpTest, InitSignalHandlingStopsAtTheFirstFailure) {

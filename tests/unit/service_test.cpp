@@ -1,11 +1,12 @@
 #include "server/service.h"
 
 #include "common/config.h"
+#include "common/delivery.h"
 #include "common/log.h"
 #include "common/log_lines.h"
 #include "common/portability_sockets.h"
 #include "common/shared.h"
-#include "common/signals.h"
+#include "common/signal_windows.h"
 #include "rDxsd/rDxsd.h"
 #include "tests/support/capture.h"
 #include "tests/support/eventually.h"
@@ -1324,7 +1325,7 @@ public:
     LoopRun(const LoopRun&) = delete;
     LoopRun& operator=(const LoopRun&) = delete;
 
-    Client Connect() const { return Client(listener_->Port()); }
+    Client Connect(int receiveBuffer = 0) const { return Client(listener_->Port(), receiveBuffer); }
 
     // Asks the loop to end, and gives its result.
     int Stop() {
@@ -1969,6 +1970,47 @@ TEST_F(RunHttpServerTest, LetsAThreadServeWhenNoLoopRunsAnyMore) {
         EXPECT_TRUE(ServingThreadsEnd());
         EXPECT_EQ(NumOfThreads(), 0);
     }
+}
+
+constexpr int kSmallBuffer = 4096; // bytes
+
+// The answer of a connection that is to be kept may still be on its way when the loop ends.
+TEST_F(RunHttpServerTest, LosesNothingOfAnAnswerWhenItEnds) {
+    const std::string body(130000, 'x');
+    replaced.handler = [&](HttpRequest*, char* out, unsigned long* length, unsigned char* terminate) {
+        *length = body.copy(out, *length);
+        *terminate = 1;
+        return 0;
+    };
+    for (const unsigned threads : {1U, 3U}) {
+        StoreShared<unsigned char>(ucTerminated, 0);
+        LoopRun loop(threads);
+        Client client = loop.Connect(kSmallBuffer);
+        client.Send(Get("/rDx"));
+        ASSERT_TRUE(Eventually([] { return LoadShared(ucTerminated) != 0; }));
+        EXPECT_EQ(client.ReceiveAll(), Answer(kOk, body));
+        EXPECT_EQ(loop.Join(), 0);
+    }
+}
+
+TEST_F(RunHttpServerTest, DoesNotWaitLongForPeersThatReadNothingWhenItEnds) {
+    std::atomic<int> answered = 0;
+    replaced.handler = [&](HttpRequest*, char* out, unsigned long* length, unsigned char*) {
+        std::memset(out, 'x', 130000);
+        *length = 130000;
+        ++answered;
+        return 0;
+    };
+    LoopRun loop(1);
+    std::vector<Client> clients;
+    for (int i = 0; i < 5; ++i) {
+        clients.push_back(loop.Connect(kSmallBuffer));
+        clients.back().Send(Get("/rDx"));
+    }
+    ASSERT_TRUE(Eventually([&] { return answered == 5; }));
+    const auto begin = std::chrono::steady_clock::now();
+    EXPECT_EQ(loop.Stop(), 0);
+    EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::milliseconds(2 * kDeliveryPatienceMs));
 }
 
 // A request for termination that comes from a thread of an ended loop has nobody to go to.

@@ -1405,7 +1405,7 @@ TEST_F(Windows, GoOnWaitingAfterSigusr1) {
         SignalMyself(SIGUSR1);
         std::thread peer([&] {
             EXPECT_TRUE(Eventually([] { return handledSignals == 1; }));
-            connection.Say("abc");
+            connection.SayNext("abc");
         });
         EXPECT_EQ(Received(connection, 3).text, "abc");
         peer.join();
@@ -1415,7 +1415,7 @@ TEST_F(Windows, GoOnWaitingAfterSigusr1) {
         SignalMyself(SIGUSR1);
         std::thread peer([&] {
             EXPECT_TRUE(Eventually([] { return handledSignals == 1; }));
-            connection.Say("abc\n");
+            connection.SayNext("abc\n");
         });
         EXPECT_EQ(Line(connection).text, "abc");
         peer.join();

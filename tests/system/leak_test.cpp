@@ -63,7 +63,7 @@ TEST_P(Leaks, AreNotFoundAfterAHundredMixedCalls) {
     server.Signal(SIGUSR1);
     ASSERT_TRUE(server.WaitForLoop(2));
     EXPECT_EQ(AskUntilAnswered(server.Port(), VersionCallAndClose()).text, VersionAnswer());
-    ASSERT_TRUE(server.WaitForThreads(1));
+    ASSERT_TRUE(server.WaitForServingThreads(0));
     server.Signal(SIGTERM);
     const auto ending = server.WaitForEnd();
     ASSERT_TRUE(ending);

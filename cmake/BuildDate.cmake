@@ -13,7 +13,9 @@ if(epoch STREQUAL "" AND RDX_GIT AND EXISTS ${PROJECT_SOURCE_DIR}/.git)
   endif()
 endif()
 
+set(RDX_DATE_IS_COMMITS OFF)
 if(epoch MATCHES "^[0-9]+$" AND TARGET rdx_config)
+  set(RDX_DATE_IS_COMMITS ON)
   set(environment "$ENV{SOURCE_DATE_EPOCH}")
   set(ENV{SOURCE_DATE_EPOCH} ${epoch}) # what string(TIMESTAMP) goes by
   string(TIMESTAMP date "%b %d %Y" UTC)

@@ -5,7 +5,7 @@ include(CMakePackageConfigHelpers)
 # Headers of exported names keep their folders below include/rDxsH.
 set(RDX_HEADERS
   common/config.h common/export.h common/http.h common/httpreq.h common/httpresp.h common/log.h
-  common/mt.h common/portability.h common/portability_sockets.h
+  common/mt.h common/portability.h common/portability_sockets.h common/signals.h
   client/tnp.h
   wddx/wddx.h
   server/pdata.h server/rdxhttp.h server/service.h

@@ -5,16 +5,7 @@
 # so a call upwards fails to link in its own test.
 function(rdx_module name)
   cmake_parse_arguments(PARSE_ARGV 1 arg "" "" "DEPENDS")
-  set(sources)
-  foreach(s IN LISTS arg_UNPARSED_ARGUMENTS)
-    if(EXISTS ${PROJECT_SOURCE_DIR}/${s}) # scaffolding
-      list(APPEND sources ${s})
-    endif()
-  endforeach()
-  if(NOT sources)
-    return()
-  endif()
-  add_library(rdx_${name} STATIC EXCLUDE_FROM_ALL ${sources})
+  add_library(rdx_${name} STATIC EXCLUDE_FROM_ALL ${arg_UNPARSED_ARGUMENTS})
   target_link_libraries(rdx_${name} PRIVATE rdx_options)
   # The library is called from C and ends threads inside calls: nothing may rely on unwinding.
   target_compile_options(rdx_${name} PRIVATE -fno-exceptions -fno-rtti)

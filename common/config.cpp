@@ -1,6 +1,7 @@
 #include "common/config.h"
 
 #include "common/check.h"
+#include "common/method_names.h"
 #include "common/shared.h"
 #include "common/text.h"
 
@@ -43,11 +44,11 @@ const unsigned int uiBuildNumber = 418;
 
 namespace {
 
+static_assert(rdx::kMethodNames.size() == CONFIG_METHODS);
+
 constexpr unsigned kDefaultVoltageMaxAge = 120; // seconds
 constexpr int kLineBufferSize = 256;            // bytes, the NUL included: longer lines are read in pieces
 
-constexpr std::array<const char*, CONFIG_METHODS> kMethodNames = {"GET",    "PUT",   "POST",    "HEAD",
-                                                                  "DELETE", "TRACE", "OPTIONS", "CONNECT"};
 constexpr std::array<const char*, VERBOSITY_ALL + 1> kVerbosityNames = {"VERBOSITY_NONE",  "VERBOSITY_FATAL",
                                                                         "VERBOSITY_ERROR", "VERBOSITY_WARN",
                                                                         "VERBOSITY_LOG",   "VERBOSITY_ALL"};
@@ -103,9 +104,9 @@ int ReadMethods(const Target& target, std::string_view value) {
         if (words.AtEnd()) return 0;
         const std::string_view word = words.TakeBytes(words.Rest().find_first_of(kSeparators));
         const auto* const name = std::ranges::find_if(
-            kMethodNames, [&](const char* method) { return rdx::EqualsIgnoringCase(method, word); });
-        if (name == kMethodNames.end()) return target.refused;
-        const auto idx = name - kMethodNames.begin();
+            rdx::kMethodNames, [&](const char* method) { return rdx::EqualsIgnoringCase(method, word); });
+        if (name == rdx::kMethodNames.end()) return target.refused;
+        const auto idx = name - rdx::kMethodNames.begin();
         RDX_CHECK((idx >= 0) && (idx < 8), "(idx >= 0) && (idx < 8)");
         rdx::StoreShared(aiMethodsAllowed[idx], 1);
     }
@@ -272,8 +273,8 @@ void DumpHttp(FILE* stream) {
     }
     DumpAuthentication(stream);
     fprintf(stream, "\n    HTTP methods allowed: ");
-    for (std::size_t i = 0; i < kMethodNames.size(); ++i) {
-        if (IsSet(aiMethodsAllowed[i])) fprintf(stream, "%s ", kMethodNames[i]);
+    for (std::size_t i = 0; i < rdx::kMethodNames.size(); ++i) {
+        if (IsSet(aiMethodsAllowed[i])) fprintf(stream, "%s ", rdx::kMethodNames[i]);
     }
 }
 

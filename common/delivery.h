@@ -2,6 +2,8 @@
 #ifndef RDX_COMMON_DELIVERY_H
 #define RDX_COMMON_DELIVERY_H
 
+#include <sys/select.h>
+
 namespace rdx {
 
 // How long a peer may take to acknowledge anything more of an answer, in milliseconds.
@@ -11,6 +13,10 @@ inline constexpr int kDeliveryPatienceMs = 2000;
 // the connection, which would cut the rest off. Gives up when the connection has failed, when nothing more
 // was acknowledged for kDeliveryPatienceMs, or when a terminating signal ends the wait.
 void AwaitDelivery(int socket);
+
+// The same for all of `sockets` when a service loop ends, within kDeliveryPatienceMs for all of them
+// together; a terminating signal, which may be why the loop ends, does not cut that short.
+void AwaitDeliveries(const fd_set& sockets);
 
 // True when the peer has closed its side and left nothing to be read.
 bool PeerHasClosed(int socket);

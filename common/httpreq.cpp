@@ -5,12 +5,14 @@
 #include "common/log.h"
 #include "common/log_lines.h"
 #include "common/memory.h"
+#include "common/method_names.h"
 #include "common/portability_sockets.h"
 #include "common/request_lists.h"
 #include "common/shared.h"
 #include "common/socket_line.h"
 #include "common/text.h"
 
+#include <algorithm>
 #include <arpa/inet.h>
 #include <climits>
 #include <cstdio>
@@ -27,9 +29,7 @@ constexpr int kInternalError = -500;
 constexpr int kUnknownProtocol = -501;
 constexpr int kUnknownVersion = -505;
 
-// The index is what `ucMethod` holds and where the allow table is asked.
-constexpr const char* kMethods[] = {"GET", "PUT", "POST", "HEAD", "DELETE", "TRACE", "OPTIONS", "CONNECT"};
-static_assert(std::size(kMethods) == HTTP_METHODS && std::size(kMethods) == std::size(aiMethodsAllowed));
+static_assert(rdx::kMethodNames.size() == HTTP_METHODS);
 
 struct Version {
     std::string_view name;
@@ -224,14 +224,13 @@ int ParseHttpMethodLine(const char* p, const char* q, HttpRequest* pReq) {
 int IsMethodAllowed(const char* pszMethod, int* piIndex) {
     *piIndex = -1;
     if (pszMethod == nullptr) return -1;
-    for (int index = 0; index < HTTP_METHODS; ++index) {
-        if (!rdx::EqualsIgnoringCase(pszMethod, kMethods[index])) continue;
-        const int allowed = rdx::LoadShared(aiMethodsAllowed[index]);
-        *piIndex = index;
-        printf("\nParsing: method ok (%d)", allowed);
-        return allowed;
-    }
-    return -1;
+    const auto* const name = std::ranges::find_if(
+        rdx::kMethodNames, [=](const char* known) { return rdx::EqualsIgnoringCase(known, pszMethod); });
+    if (name == rdx::kMethodNames.end()) return -1;
+    *piIndex = static_cast<int>(name - rdx::kMethodNames.begin());
+    const int allowed = rdx::LoadShared(aiMethodsAllowed[*piIndex]);
+    printf("\nParsing: method ok (%d)", allowed);
+    return allowed;
 }
 
 int IsRequestHeader(const char* p, const char* q, char** ppcolon) {

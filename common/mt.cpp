@@ -5,7 +5,7 @@
 #include "common/log_lines.h"
 #include "common/mt_internal.h"
 #include "common/shared.h"
-#include "common/signals.h"
+#include "common/signal_windows.h"
 
 #include <cerrno>
 #include <cstdio>

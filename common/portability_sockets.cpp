@@ -7,7 +7,7 @@
 #include "common/log_lines.h"
 #include "common/memory.h"
 #include "common/shared.h"
-#include "common/signals.h"
+#include "common/signal_windows.h"
 #include "common/text.h"
 
 #include <algorithm>
@@ -545,10 +545,11 @@ bool HasFailed(int socket) {
     return poll(&state, 1, 0) > 0 && (state.revents & (POLLERR | POLLHUP | POLLNVAL)) != 0;
 }
 
+constexpr int kPauseMs = 1; // between two looks at what is unacknowledged
+
 } // namespace
 
 void AwaitDelivery(int socket) {
-    constexpr int kPauseMs = 1;
     int waiting = UnacknowledgedBytes(socket);
     std::int64_t lastProgress = MonotonicMs();
     while (waiting > 0 && !HasFailed(socket) && MonotonicMs() - lastProgress < kDeliveryPatienceMs) {
@@ -556,6 +557,16 @@ void AwaitDelivery(int socket) {
         const int now = UnacknowledgedBytes(socket);
         if (now < waiting) lastProgress = MonotonicMs();
         waiting = now;
+    }
+}
+
+void AwaitDeliveries(const fd_set& sockets) {
+    const std::int64_t end = MonotonicMs() + kDeliveryPatienceMs;
+    for (int socket = 0; socket < FD_SETSIZE; ++socket) {
+        if (!FD_ISSET(socket, &sockets)) continue;
+        while (UnacknowledgedBytes(socket) > 0 && !HasFailed(socket) && MonotonicMs() < end) {
+            WaitForPeer(socket, 0, kPauseMs);
+        }
     }
 }
 

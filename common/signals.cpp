@@ -1,4 +1,4 @@
-#include "common/signals.h"
+#include "common/signal_windows.h"
 
 #include "common/shared.h"
 
@@ -58,7 +58,8 @@ bool WaitForPeer(int descriptor, short events, int milliseconds) {
     timespec limit{milliseconds / 1000, milliseconds % 1000 * 1'000'000L};
     pollfd peer{descriptor, events, 0};
     const auto stopped = [] { return windowMask != nullptr && LoadShared(signalled) != 0; };
-    if (stopped()) return false; // the signal came in an earlier window: nothing would end this wait
+    // The signal came in an earlier window: nothing would end a wait without a limit.
+    if (milliseconds < 0 && stopped()) return false;
     // ppoll opens the window and waits in one step: a signal cannot slip in between and be waited over.
     while (ppoll(&peer, 1, milliseconds < 0 ? nullptr : &limit, windowMask) < 0 && errno == EINTR) {
         if (stopped() || milliseconds >= 0) break; // a limited wait is a pause: a shorter one does no harm

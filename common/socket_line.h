@@ -31,6 +31,7 @@ public:
 private:
     char text_[HTTP_LINE_SIZE];
     char end_[HTTP_SEPARATOR_SIZE] = "";
+    static_assert(sizeof end_ == SOCKET_LINE_END_SIZE);
     std::size_t length_ = 0;
 };
 

@@ -5,7 +5,7 @@
 #include "common/log_lines.h"
 #include "common/portability_sockets.h"
 #include "common/shared.h"
-#include "common/signals.h"
+#include "common/signal_windows.h"
 #include "common/text.h"
 #include "rDxsd/rDxsd.h"
 #include "server/service.h"
@@ -230,7 +230,7 @@ int ParseCommandLine(int argc, char** argv, char* szSvcPort) {
 }
 
 int InitSignalHandling() {
-    sigerr = 0;
+    rdx::StoreShared(sigerr, 0);
     rdx::StoreShared(signalled, 0);
     struct sigaction action {};
     action.sa_handler = SignalHandler;
@@ -242,7 +242,10 @@ int InitSignalHandling() {
     sigemptyset(&reconfigure);
     sigaddset(&reconfigure, SIGUSR1);
     pthread_sigmask(SIG_UNBLOCK, &reconfigure, nullptr);
-    if (IsVerbose()) rdx::LogPlain("InitSignalHandling()", "signal handler installed", SIGUSR1);
+    if (IsVerbose()) {
+        const rdx::CaughtSignalsBlocked whileLogging;
+        rdx::LogPlain("InitSignalHandling()", "signal handler installed", SIGUSR1);
+    }
     action.sa_handler = SIG_IGN;
     for (const int number : {SIGINT, SIGQUIT, SIGPIPE}) sigaction(number, &action, nullptr);
     return 0;
@@ -274,6 +277,7 @@ int AssertCrt() { return 0; }
 int OpenLogfile(const char* /*path*/) { return 0; }
 
 int CloseLogfile() {
+    if (outlog == errlog && errlog != StdErr) outlog = nullptr; // one stream for both is closed once
     CloseUnlessStandard(errlog, StdErr);
     CloseUnlessStandard(outlog, StdOut);
     return 0;

@@ -9,7 +9,7 @@
 #include "common/portability.h"
 #include "common/portability_sockets.h"
 #include "common/shared.h"
-#include "common/signals.h"
+#include "common/signal_windows.h"
 #include "rDxsd/rDxsd.h"
 #include "server/descriptors.h"
 #include "server/serving.h"
@@ -77,6 +77,7 @@ public:
         } else {
             rdx::MoveDescriptors(held, watched_);
         }
+        rdx::AwaitDeliveries(held); // answers of kept connections may still be on their way
         CloseClientSockets(&held, static_cast<unsigned>(count_), static_cast<unsigned>(server_));
     }
 

@@ -66,7 +66,8 @@ extern RDX_API unsigned char ucTerminated;
  * with a limit of 1 (or 0) they are served one after the other on the calling thread. At the end every
  * watched connection is closed; a request in service is answered and its connection closed by its thread.
  * Descriptors from FD_SETSIZE on are closed when accepted.
- * Returns 0 after the loop has ended, -1 when it could not be set up.
+ * Returns 0 after the loop has ended; -1 when it could not be set up, or `hServerSocket` is such a
+ * descriptor.
  */
 RDX_API int RunHttpServer(unsigned int hServerSocket, unsigned int nThreadLimit);
 

@@ -2,7 +2,7 @@
 # The README's first command: script/server builds, serves, prints a call that works, refuses a busy port,
 # ends with an interrupt and leaves nothing behind.
 #
-#   server_test.sh SOURCE
+#   server_test.sh SOURCE [BUILD]      BUILD: another build that must have come to the same library
 set -eu
 cd "$1"
 work=$(mktemp -d "${TMPDIR:-/tmp}/rdx-server.XXXXXX")
@@ -26,6 +26,11 @@ done
 script/server --unknown >"$work/log" 2>&1 && fail "an unknown option was accepted"
 
 script/build server >"$work/log" 2>&1 || fail "$(cat "$work/log")"
+# Two builds of one commit are the same bytes, whatever folder and generator they are made with.
+if [ -n "${2:-}" ]; then
+    cmake --build "$2" --target rDxsH >"$work/log" 2>&1 || fail "$(cat "$work/log")"
+    cmp build/server/librDxsH.so "$2/librDxsH.so" || fail "two builds differ"
+fi
 for _ in 1 2 3 4 5 6 7 8 9 10; do
     port=$((10000 + RANDOM % 10000))
     script/server --port "$port" >"$work/log" 2>&1 &

@@ -10,7 +10,7 @@ namespace rdx::test {
 
 // The report that `function` in `source` (relative to the root) makes of exactly this text.
 inline auto Assertion(const std::string& source, const std::string& function, const std::string& text) {
-    return testing::AllOf(testing::HasSubstr(source + ":"), testing::HasSubstr(" " + function + "("),
+    return testing::AllOf(testing::HasSubstr(source + ":"), testing::HasSubstr(function + "("),
                           testing::HasSubstr("Assertion `" + text + "' failed."));
 }
 

@@ -3,7 +3,7 @@
 #define RDX_TESTS_SUPPORT_HANDLERS_H
 
 #include "common/shared.h"
-#include "common/signals.h"
+#include "common/signal_windows.h"
 
 #include <array>
 #include <atomic>

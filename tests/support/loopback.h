@@ -63,8 +63,12 @@ inline int FreePort() { return Listener().Port(); }
 
 class Client {
 public:
-    explicit Client(int port) : socket_(socket(AF_INET, SOCK_STREAM, 0)) {
+    // `receiveBuffer` bytes may wait here to be received; 0 leaves that to the system.
+    explicit Client(int port, int receiveBuffer = 0) : socket_(socket(AF_INET, SOCK_STREAM, 0)) {
         const sockaddr_in address = LoopbackAddress(port);
+        if (receiveBuffer > 0) {
+            setsockopt(socket_, SOL_SOCKET, SO_RCVBUF, &receiveBuffer, sizeof receiveBuffer);
+        }
         connected_ = connect(socket_, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
     }
     ~Client() { Close(); }

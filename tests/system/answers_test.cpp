@@ -138,6 +138,25 @@ TEST_P(Answers, TakeABodyOfTheLargestLengthAndNotOneByteMore) {
     EXPECT_EQ(Ask(Port(), request(65537)).text, BadRequestAnswer());
 }
 
+TEST_P(Answers, TakeAPacketAsDeepAsABodyAllows) {
+    const std::string version = "<var name='version'><number>7</number></var>";
+    for (const auto& [begin, end] : {std::pair<std::string, std::string>{"<array length='1'>", "</array>"},
+                                     {"<struct><var name='a'>", "</var></struct>"}}) {
+        const std::size_t levels = (65536 - 400) / (begin.size() + end.size());
+        std::string before;
+        std::string after;
+        for (std::size_t i = 0; i < levels; ++i) {
+            before += begin;
+            after += end;
+        }
+        const std::string packet = Packet("<struct><var name='deep'>" + before + "<null/>" + after +
+                                          "</var>" + version + "</struct>");
+        ASSERT_LE(packet.size(), 65536U);
+        EXPECT_EQ(Ask(Port(), Call("rdxGetVersion", packet)).text, VersionAnswer())
+            << levels << " of " << begin;
+    }
+}
+
 TEST_P(Answers, TakeHeaderLinesOfTheLargestLengthAndNotOneByteMore) {
     const std::string header = "Host: " + std::string(505, 'h');
     ASSERT_EQ(header.size(), 511U);

@@ -316,7 +316,7 @@ TEST_P(BrokenRequests, AreAnsweredOrClosedAndLeaveNothingBehind) {
     Server server({.threads = GetParam()});
     ASSERT_TRUE(server.Start());
     ASSERT_EQ(Ask(server.Port(), VersionCallAndClose()).status, 200);
-    ASSERT_TRUE(server.WaitForThreads(IdleThreads()));
+    ASSERT_TRUE(server.WaitForServingThreads(0));
     const int descriptors = server.DescriptorsWhenClosed();
 
     const std::vector<Row> rows = AllRows();
@@ -330,7 +330,7 @@ TEST_P(BrokenRequests, AreAnsweredOrClosedAndLeaveNothingBehind) {
     }
 
     EXPECT_EQ(Ask(server.Port(), VersionCallAndClose()).text, VersionAnswer());
-    EXPECT_TRUE(server.WaitForThreads(IdleThreads()));
+    EXPECT_TRUE(server.WaitForServingThreads(0));
     EXPECT_TRUE(server.WaitForDescriptors(descriptors));
     EXPECT_EQ(server.Errors(), "");
     server.Signal(SIGTERM);
@@ -344,7 +344,7 @@ TEST_P(BrokenRequests, WhoseClientsVanishLeaveNothingBehind) {
     Server server({.threads = GetParam()});
     ASSERT_TRUE(server.Start());
     ASSERT_EQ(Ask(server.Port(), VersionCallAndClose()).status, 200);
-    ASSERT_TRUE(server.WaitForThreads(IdleThreads()));
+    ASSERT_TRUE(server.WaitForServingThreads(0));
     const int descriptors = server.DescriptorsWhenClosed();
     const std::vector<Row> rows = AllRows();
     int closed = 1;
@@ -361,7 +361,7 @@ TEST_P(BrokenRequests, WhoseClientsVanishLeaveNothingBehind) {
     }
     EXPECT_TRUE(server.WaitForDescriptors(descriptors));
     EXPECT_EQ(AskUntilAnswered(server.Port(), VersionCallAndClose()).text, VersionAnswer());
-    EXPECT_TRUE(server.WaitForThreads(IdleThreads()));
+    EXPECT_TRUE(server.WaitForServingThreads(0));
 }
 
 // Requests that end the process.

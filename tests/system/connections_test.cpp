@@ -203,11 +203,28 @@ TEST_P(Idle, ConnectionsAreClosedWhenTheLoopEnds) {
     EXPECT_EQ(AskUntilAnswered(server.Port(), VersionCall()).text, VersionAnswer());
 }
 
+TEST_P(Idle, ServersHoldNothingOfAThousandCalls) {
+    constexpr int kCalls = 1000;
+    Server server({.threads = GetParam()});
+    ASSERT_TRUE(server.Start());
+    ASSERT_EQ(Ask(server.Port(), VersionCallAndClose()).status, 200);
+    const int descriptors = server.DescriptorsWhenClosed();
+    Connection client(server.Port());
+    for (int i = 0; i < kCalls; ++i) {
+        client.Send(VersionCall());
+        ASSERT_EQ(client.ReadAnswer().status, 200) << i;
+    }
+    EXPECT_TRUE(server.WaitForServingThreads(0));
+    EXPECT_EQ(server.Descriptors(), descriptors + 1);
+    client.Close();
+    EXPECT_TRUE(server.WaitForDescriptors(descriptors));
+}
+
 TEST_P(Idle, ConnectionsThatTheirClientClosesLeaveNothingBehind) {
     Server server({.threads = GetParam()});
     ASSERT_TRUE(server.Start());
     ASSERT_EQ(Ask(server.Port(), VersionCallAndClose()).status, 200);
-    ASSERT_TRUE(server.WaitForThreads(IdleThreads()));
+    ASSERT_TRUE(server.WaitForServingThreads(0));
     const int descriptors = server.DescriptorsWhenClosed();
     for (int i = 0; i < 10; ++i) {
         Connection silent(server.Port());
@@ -223,7 +240,7 @@ TEST_P(Idle, ConnectionsThatTheirClientClosesLeaveNothingBehind) {
         ASSERT_TRUE(server.WaitForDescriptors(descriptors)) << i;
     }
     EXPECT_EQ(AskUntilAnswered(server.Port(), VersionCallAndClose()).text, VersionAnswer());
-    EXPECT_TRUE(server.WaitForThreads(IdleThreads()));
+    EXPECT_TRUE(server.WaitForServingThreads(0));
 }
 
 TEST(SeveralThreads, ServeEachOtherClientWhileOneStalls) {
@@ -264,7 +281,7 @@ protected:
             stalled_.emplace_back(server_.Port());
             stalled_.back().Send(VersionCall().substr(0, kSent));
         }
-        ASSERT_TRUE(server_.WaitForThreads(IdleThreads() + kThreads));
+        ASSERT_TRUE(server_.WaitForServingThreads(kThreads));
     }
 
     void FinishStalled() {
@@ -285,7 +302,7 @@ TEST_F(Busy, ServersLeaveAReadyConnectionUnservedAndOpenUntilTheLoopEnds) {
     EXPECT_TRUE(unlucky.StaysSilent());
 
     FinishStalled();
-    ASSERT_TRUE(server_.WaitForThreads(IdleThreads()));
+    ASSERT_TRUE(server_.WaitForServingThreads(0));
     EXPECT_EQ(AskUntilAnswered(server_.Port(), VersionCall()).text, VersionAnswer());
     EXPECT_TRUE(unlucky.StaysSilent());
 
@@ -299,7 +316,7 @@ TEST_F(Busy, ServersKeepAQuietConnectionWatched) {
     Connection quiet(server_.Port());
     EXPECT_TRUE(quiet.StaysSilent());
     FinishStalled();
-    ASSERT_TRUE(server_.WaitForThreads(IdleThreads()));
+    ASSERT_TRUE(server_.WaitForServingThreads(0));
     ASSERT_EQ(AskUntilAnswered(server_.Port(), VersionCall()).text, VersionAnswer());
     quiet.Send(VersionCall());
     EXPECT_EQ(quiet.ReadAnswer().text, VersionAnswer());

@@ -148,6 +148,23 @@ std::vector<std::string> Environment(const std::vector<std::pair<std::string, st
     return all;
 }
 
+const char* ProgramOf(Host host) {
+    switch (host) {
+    case Host::kLinked:
+        return RDX_TEST_LINKED_HOST;
+    case Host::kRdxhttpd:
+        return RDX_TEST_RDXHTTPD;
+    case Host::kPlain:
+        break;
+    }
+#ifdef RDX_TEST_SANITIZED
+    // The search for leaks fails on the thread-local storage of a library that was loaded later.
+    return RDX_TEST_LINKED_HOST;
+#else
+    return RDX_TEST_PLAIN_HOST;
+#endif
+}
+
 int EntriesOf(const std::string& folder) {
     DIR* entries = opendir(folder.c_str());
     if (entries == nullptr) return -1;
@@ -157,6 +174,12 @@ int EntriesOf(const std::string& folder) {
     }
     closedir(entries);
     return count;
+}
+
+// The end of a text, which tells the most about a failure.
+std::string LastOf(const std::string& text) {
+    constexpr std::size_t kMost = 4000;
+    return text.size() <= kMost ? text : "..." + text.substr(text.size() - kMost);
 }
 
 bool SucceedsInAChild(const std::function<bool()>& attempt) {
@@ -260,9 +283,13 @@ Server::Server(ServerOptions options) : options_(std::move(options)) {
 
 Server::~Server() {
     End();
+    for (const char* report : {"Sanitizer:", "runtime error:"}) {
+        if (Errors().find(report) != std::string::npos) ADD_FAILURE() << "the server's sanitizer reports";
+    }
     if (testing::Test::HasFailure()) {
-        std::cerr << "--- output of the server ---" << Output() << "\n--- errors ---\n"
-                  << Errors() << "\n---\n";
+        std::cerr << "--- output of the server ---\n"
+                  << LastOf(Output()) << "\n--- errors ---\n"
+                  << LastOf(Errors()) << "\n---\n";
     }
 }
 
@@ -281,20 +308,22 @@ std::vector<std::string> Server::StandardArguments() const {
 
 std::vector<std::string> Server::CommandLine(const std::vector<std::string>& arguments) const {
     std::vector<std::string> all = options_.wrapper;
-#ifdef RDX_TEST_RDXHTTPD
-    all.emplace_back(options_.host == Host::kRdxhttpd ? RDX_TEST_RDXHTTPD : RDX_TEST_PLAIN_HOST);
-#else
-    all.emplace_back(RDX_TEST_PLAIN_HOST);
-#endif
+    all.emplace_back(ProgramOf(options_.host));
     all.insert(all.end(), arguments.begin(), arguments.end());
     return all;
 }
 
 void Server::Spawn(const std::vector<std::string>& arguments) {
     ending_.reset();
+    for (const char* name : {"/output", "/errors"}) std::filesystem::remove(folder_.Path() + name);
     std::vector<std::string> words = CommandLine(arguments);
     auto changes = options_.environment;
     changes.emplace_back("RDX_TEST_HELD_DESCRIPTORS", std::to_string(options_.heldDescriptors));
+    // The handler runs only where the server holds no lock, which the thread sanitizer cannot know.
+    const char* sanitizer = std::getenv("TSAN_OPTIONS");
+    changes.emplace_back("RDX_SIM_STATE", ""); // each server a device of its own, in memory
+    changes.emplace_back("TSAN_OPTIONS",
+                         "report_signal_unsafe=0 " + std::string(sanitizer == nullptr ? "" : sanitizer));
     std::vector<std::string> variables = Environment(changes);
     const std::vector<char*> argv = Pointers(words);
     const std::vector<char*> envp = Pointers(variables);
@@ -360,15 +389,19 @@ bool Server::WaitForLoop(int count) {
     return Eventually([&] { return CountOf(kLoopStarted, Output()) >= count; });
 }
 
-bool Server::WaitForThreads(int count) const {
-    return Eventually([&] { return Threads() == count; });
+bool Server::WaitForServingThreads(int count) const {
+#if defined(RDX_TEST_THREAD_SANITIZER)
+    const int others = options_.threads > 1 ? 2 : 1; // the sanitizer's own comes with the first other thread
+#else
+    const int others = 1;
+#endif
+    const std::string folder = "/proc/" + std::to_string(pid_) + "/task";
+    return Eventually([&] { return EntriesOf(folder) == others + count; });
 }
 
 bool Server::WaitForDescriptors(int count) const {
     return Eventually([&] { return Descriptors() == count; });
 }
-
-int Server::Threads() const { return EntriesOf("/proc/" + std::to_string(pid_) + "/task"); }
 
 int Server::Descriptors() const { return EntriesOf("/proc/" + std::to_string(pid_) + "/fd"); }
 
@@ -388,14 +421,6 @@ bool Server::WaitForOutput(const std::string& part, milliseconds limit) const {
 int RunningServerPort() {
     const char* port = std::getenv("RDX_TEST_SERVER");
     return port == nullptr ? 0 : std::atoi(port);
-}
-
-int IdleThreads() {
-#if defined(RDX_TEST_THREAD_SANITIZER)
-    return 2; // the sanitizer has one of its own
-#else
-    return 1;
-#endif
 }
 
 bool CanReplaceShadow() {

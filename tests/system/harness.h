@@ -80,7 +80,8 @@ struct Ending {
     int signal = 0; // the signal that ended the process, 0 for an exit
 };
 
-enum class Host { kPlain, kRdxhttpd };
+// plain_host loads the library, linked_host is linked with it.
+enum class Host { kPlain, kLinked, kRdxhttpd };
 
 struct ServerOptions {
     std::vector<std::string> settings = {}; // lines of section HTTP beside ServicePort and MethodsAllowed
@@ -117,10 +118,11 @@ public:
     // Waits until the service loop was entered `count` times.
     bool WaitForLoop(int count);
 
-    // Waits until the process has `count` threads, descriptors.
-    bool WaitForThreads(int count) const;
+    // Waits until `count` threads serve; 0 under a sanitizer only after a call was served.
+    bool WaitForServingThreads(int count) const;
+
+    // Waits until the process holds `count` descriptors.
     bool WaitForDescriptors(int count) const;
-    int Threads() const;
     int Descriptors() const;
 
     // Waits until the last connection that a call closed is gone, and counts.
@@ -151,9 +153,6 @@ private:
 
 // The port of RDX_TEST_SERVER, or 0.
 int RunningServerPort();
-
-// How many threads a server has that serves nothing.
-int IdleThreads();
 
 // Whether this machine lets a test give a process its own /etc/shadow, its own network.
 bool CanReplaceShadow();

@@ -80,7 +80,7 @@ protected:
         client.Send(Beginning());
         ASSERT_TRUE(server.WaitForOutput("HttpServer: Handling socket"));
         if (Threads() > 1) {
-            ASSERT_TRUE(server.WaitForThreads(IdleThreads() + 1));
+            ASSERT_TRUE(server.WaitForServingThreads(1));
         }
     }
 };
@@ -189,7 +189,7 @@ TEST_P(Signals, ReconfigureOnTheSamePort) {
     Server server({.threads = GetParam()});
     ASSERT_TRUE(server.Start());
     ASSERT_EQ(Ask(server.Port(), VersionCallAndClose()).status, 200);
-    ASSERT_TRUE(server.WaitForThreads(IdleThreads()));
+    ASSERT_TRUE(server.WaitForServingThreads(0));
     const int descriptors = server.DescriptorsWhenClosed();
     for (int count = 1; count <= 10; ++count) {
         server.Signal(SIGUSR1);
@@ -197,7 +197,7 @@ TEST_P(Signals, ReconfigureOnTheSamePort) {
         ASSERT_EQ(AskUntilAnswered(server.Port(), VersionCallAndClose()).text, VersionAnswer());
     }
     EXPECT_EQ(CountOf("\n Reconfiguration counter: 10\n", server.Output()), 1);
-    EXPECT_TRUE(server.WaitForThreads(IdleThreads()));
+    EXPECT_TRUE(server.WaitForServingThreads(0));
     EXPECT_TRUE(server.WaitForDescriptors(descriptors));
     server.Signal(SIGTERM);
     ExpectOrderlyEnd(server);
@@ -213,7 +213,7 @@ TEST_P(Signals, ReconfigureInAFloodWhileClientsCall) {
         client.ReadAnswer(milliseconds(20)); // an answer or a closed connection, as it happens
     }
     EXPECT_EQ(AskUntilAnswered(server.Port(), VersionCallAndClose()).text, VersionAnswer());
-    EXPECT_TRUE(server.WaitForThreads(IdleThreads()));
+    EXPECT_TRUE(server.WaitForServingThreads(0));
     server.Signal(SIGTERM);
     ExpectOrderlyEnd(server);
 }
@@ -263,12 +263,12 @@ TEST(SeveralThreads, OfAnEndedLoopLeaveTheNewLoopItsFullNumber) {
     };
     std::vector<Connection> before;
     stall(before);
-    ASSERT_TRUE(server.WaitForThreads(IdleThreads() + kThreads));
+    ASSERT_TRUE(server.WaitForServingThreads(kThreads));
     server.Signal(SIGUSR1);
     ASSERT_TRUE(server.WaitForLoop(2));
     std::vector<Connection> after;
     stall(after);
-    ASSERT_TRUE(server.WaitForThreads(IdleThreads() + 2 * kThreads));
+    ASSERT_TRUE(server.WaitForServingThreads(2 * kThreads));
 
     for (Connection& client : before) { // whole answers, and no place in the new loop
         client.Send(call.substr(40));
@@ -280,7 +280,7 @@ TEST(SeveralThreads, OfAnEndedLoopLeaveTheNewLoopItsFullNumber) {
         EXPECT_EQ(client.ReadAnswer().text, VersionAnswer());
         EXPECT_TRUE(client.StaysSilent());
     }
-    EXPECT_TRUE(server.WaitForThreads(IdleThreads()));
+    EXPECT_TRUE(server.WaitForServingThreads(0));
     EXPECT_EQ(AskUntilAnswered(server.Port(), VersionCall()).text, VersionAnswer());
     server.Signal(SIGTERM);
     ExpectOrderlyEnd(server);

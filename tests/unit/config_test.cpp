@@ -172,15 +172,13 @@ class Config : public testing::Test {
 protected:
     Config() {
         GTEST_FLAG_SET(death_test_style, "threadsafe");
-        char folder[] = "/tmp/config_test.XXXXXX";
-        folder_ = mkdtemp(folder);
         Reset();
         semaphoreValue = -1;
         semaphoresRead.clear();
     }
     ~Config() override {
         Reset();
-        std::filesystem::remove_all(folder_);
+        if (!folder_.empty()) std::filesystem::remove_all(folder_);
     }
 
     static void Reset() {
@@ -194,16 +192,21 @@ protected:
         ucReconfigured = 0;
     }
 
-    const std::string& Folder() const { return folder_; }
-    std::string Path() const { return folder_ + "/tnd.ini"; }
+    // Made when it is asked for: the process of a death test never removes it.
+    const std::string& Folder() {
+        char folder[] = "/tmp/config_test.XXXXXX";
+        if (folder_.empty()) folder_ = mkdtemp(folder);
+        return folder_;
+    }
+    std::string Path() { return Folder() + "/tnd.ini"; }
 
-    std::string Write(std::string_view content) const {
+    std::string Write(std::string_view content) {
         std::ofstream(Path(), std::ios::binary) << content;
         return Path();
     }
 
     // Reads a file of this content, each time over the initial settings.
-    int Read(std::string_view content, const char* section = "HTTP") const {
+    int Read(std::string_view content, const char* section = "HTTP") {
         Reset();
         return ReadIniFile(Write(content).c_str(), section);
     }

@@ -8,19 +8,20 @@
 #include "tests/support/classifier.h"
 #include "tests/support/faults.h"
 #include "tests/support/guarded.h"
+#include "tests/support/loopback.h"
 #include "tests/support/wire.h"
 
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <arpa/inet.h>
 #include <cstddef>
 #include <cstdlib>
 #include <cstring>
+#include <iterator>
 #include <memory>
-#include <netinet/in.h>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 namespace {
@@ -649,38 +650,21 @@ TEST_F(ConsumeHttpRequestTest, DemandsCredentialsWhenTheSettingsDo) {
 // A connection over the loopback interface, on which `bytes` have been sent.
 class LoopbackWire {
 public:
-    explicit LoopbackWire(std::string_view bytes) {
-        const int listener = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-        sockaddr_in address{};
-        address.sin_family = AF_INET;
-        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        socklen_t size = sizeof address;
-        auto* const generic = reinterpret_cast<sockaddr*>(&address);
-        far_ = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-        if (bind(listener, generic, size) != 0 || listen(listener, 1) != 0 ||
-            getsockname(listener, generic, &size) != 0 || connect(far_, generic, size) != 0) {
-            std::abort();
-        }
-        near_ = accept(listener, nullptr, nullptr);
-        close(listener);
-        if (near_ < 0 || getsockname(far_, generic, &size) != 0) std::abort();
-        farPort_ = ntohs(address.sin_port);
-        if (send(far_, bytes.data(), bytes.size(), 0) != static_cast<ssize_t>(bytes.size())) std::abort();
+    explicit LoopbackWire(std::string_view bytes)
+        : client_(listener_.Port()), socket_(accept(listener_.Socket(), nullptr, nullptr)) {
+        client_.Send(bytes);
     }
-    ~LoopbackWire() {
-        close(near_);
-        close(far_);
-    }
+    ~LoopbackWire() { close(socket_); }
     LoopbackWire(const LoopbackWire&) = delete;
     LoopbackWire& operator=(const LoopbackWire&) = delete;
 
-    int Socket() const { return near_; }
-    std::string FarName() const { return "127.0.0.1:" + std::to_string(farPort_); }
+    int Socket() const { return socket_; }
+    std::string FarName() const { return "127.0.0.1:" + std::to_string(client_.Port()); }
 
 private:
-    int near_;
-    int far_;
-    int farPort_;
+    rdx::test::Listener listener_;
+    rdx::test::Client client_;
+    int socket_;
 };
 
 TEST_F(ConsumeHttpRequestTest, NamesThePeer) {

@@ -4,7 +4,7 @@
 #include "common/delivery.h"
 #include "common/log.h"
 #include "common/shared.h"
-#include "common/signals.h"
+#include "common/signal_windows.h"
 #include "tests/support/assertion.h"
 #include "tests/support/capture.h"
 #include "tests/support/eventually.h"
@@ -24,6 +24,7 @@
 #include <dirent.h>
 #include <fcntl.h>
 #include <functional>
+#include <initializer_list>
 #include <netdb.h>
 #include <netinet/tcp.h>
 #include <poll.h>
@@ -31,6 +32,7 @@
 #include <string>
 #include <string_view>
 #include <sys/ioctl.h>
+#include <sys/select.h>
 #include <sys/socket.h>
 #include <thread>
 #include <type_traits>
@@ -322,6 +324,11 @@ TEST_F(SmallOperations, ReportReturnsTheErrorLeavesItAndPrintsNothing) {
         EXPECT_EQ(ReportSocketError("Test()", "failed"), error);
         EXPECT_EQ(errno, error);
     }
+    const FailCall noText("strerror_r", 1, EINVAL);
+    errno = ECONNRESET;
+    EXPECT_EQ(ReportSocketError("Test()", "failed"), ECONNRESET);
+    EXPECT_EQ(errno, ECONNRESET);
+    EXPECT_TRUE(noText.Struck());
     EXPECT_EQ(capture.Text(), "");
 }
 
@@ -1221,15 +1228,21 @@ TEST_F(SendSocketTest, FailsWhenThePeerHasClosed) {
     EXPECT_EQ(SendSocket(-1, "abc", 3), -2);
 }
 
-TEST_F(SendSocketTest, TellsAShortSendApart) {
+TEST_F(SendSocketTest, TellsAShortSendApartAndTriesTheRestNotAgain) {
     const Connection connection;
     ASSERT_EQ(fcntl(connection.near.Get(), F_SETFL, O_NONBLOCK), 0);
     const std::vector<char> bytes(64 << 20, 'x'); // more than any buffer holds
+    const int sends = CallsOf("send");
     const Failure failure(VERBOSITY_ERROR);
     failure.Expect(SendSocket(connection.near.Get(), bytes.data(), static_cast<int>(bytes.size())), -3, 1);
-    const int sends = CallsOf("send");
-    EXPECT_EQ(SendSocket(connection.near.Get(), bytes.data(), 1 << 20), -2);
-    EXPECT_EQ(CallsOf("send"), sends + 1) << "the rest is not tried again";
+    EXPECT_EQ(CallsOf("send"), sends + 1);
+}
+
+TEST_F(SendSocketTest, FailsWhenNothingCanBeSent) {
+    const Connection connection(4096);
+    Fill(connection.near);
+    ASSERT_EQ(fcntl(connection.near.Get(), F_SETFL, O_NONBLOCK), 0);
+    EXPECT_EQ(SendSocket(connection.near.Get(), "abc", 3), -2);
 }
 
 TEST_F(SendSocketTest, ReportsAboveVerbosity1) {
@@ -1741,7 +1754,7 @@ TEST_F(AwaitDeliveryTest, IsEndedByATerminatingSignalOnTheThreadWithWindows) {
         SignalMyself(SIGTERM);
         EXPECT_EQ(Delivery(connection.near).pauses, 1);
         EXPECT_EQ(handledSignals, 1);
-        EXPECT_EQ(Delivery(connection.near).pauses, 0);
+        EXPECT_EQ(Delivery(connection.near).pauses, 1) << "a later wait";
     });
 }
 
@@ -1752,6 +1765,66 @@ TEST_F(AwaitDeliveryTest, IsNotEndedBySigusr1) {
         SignalMyself(SIGUSR1);
         EXPECT_GE(Delivery(connection.near).elapsed, kPatience - kRounding);
         EXPECT_EQ(handledSignals, 1);
+    });
+}
+
+using AwaitDeliveriesTest = Windows;
+
+fd_set SetOf(std::initializer_list<int> sockets) {
+    fd_set set;
+    FD_ZERO(&set);
+    for (const int socket : sockets) FD_SET(socket, &set);
+    return set;
+}
+
+// The pauses that waiting for the delivery on all of `sockets` took. Each is a millisecond or more.
+int PausesToDeliver(std::initializer_list<int> sockets) {
+    const fd_set set = SetOf(sockets);
+    const int before = CallsOf("ppoll");
+    AwaitDeliveries(set);
+    return CallsOf("ppoll") - before;
+}
+
+TEST_F(AwaitDeliveriesTest, ReturnsAtOnceWhenThereIsNothingToWaitFor) {
+    EXPECT_EQ(PausesToDeliver({}), 0);
+    const Connection local = Connection::Local();
+    ASSERT_EQ(send(local.near.Get(), "abc", 3, 0), 3);
+    const Connection idle;
+    Connection failed(4096);
+    Fill(failed.near);
+    failed.ResetFar();
+    const Socket server = Listen();
+    EXPECT_EQ(PausesToDeliver({local.near.Get(), idle.near.Get(), failed.near.Get(), server.Get()}), 0);
+}
+
+TEST_F(AwaitDeliveriesTest, WaitsForEveryPeer) {
+    const Connection first(131072), second(131072);
+    Fill(first.near);
+    Fill(second.near);
+    std::thread peers([&] {
+        usleep(20'000); // most likely the wait has begun; the test holds in any case
+        for (const Connection* connection : {&second, &first}) {
+            shutdown(connection->near.Get(), SHUT_WR);
+            Drain(connection->far);
+        }
+    });
+    EXPECT_LT(PausesToDeliver({first.near.Get(), second.near.Get()}), kDeliveryPatienceMs);
+    EXPECT_EQ(Unacknowledged(first.near), 0);
+    EXPECT_EQ(Unacknowledged(second.near), 0);
+    peers.join();
+}
+
+TEST_F(AwaitDeliveriesTest, HasOnePatienceForAllPeersWhateverSignalEndedTheLoop) {
+    OnThread([] {
+        const Connection first(4096), second(4096);
+        Fill(first.near);
+        Fill(second.near);
+        SignalMyself(SIGTERM);
+        { const SignalWindow window; }
+        ASSERT_EQ(LoadShared(signalled), 1);
+        const auto start = std::chrono::steady_clock::now();
+        EXPECT_LE(PausesToDeliver({first.near.Get(), second.near.Get()}), kDeliveryPatienceMs + 1);
+        EXPECT_GE(std::chrono::steady_clock::now() - start, kPatience - kRounding);
     });
 }
 

@@ -1,17 +1,19 @@
 #include "server/service.h"
 
 #include "common/config.h"
+#include "common/delivery.h"
 #include "common/log.h"
 #include "common/log_lines.h"
 #include "common/portability_sockets.h"
 #include "common/shared.h"
-#include "common/signals.h"
+#include "common/signal_windows.h"
 #include "rDxsd/rDxsd.h"
 #include "tests/support/capture.h"
 #include "tests/support/eventually.h"
 #include "tests/support/faults.h"
 #include "tests/support/loopback.h"
 #include "tests/support/request.h"
+#include "tests/support/threads.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -21,7 +23,6 @@
 #include <csignal>
 #include <cstddef>
 #include <fcntl.h>
-#include <filesystem>
 #include <functional>
 #include <map>
 #include <mutex>
@@ -56,6 +57,12 @@ struct Replaced {
 };
 Replaced replaced;
 
+// Serving threads that have come to their end.
+std::atomic<int> threadsEnded = 0;
+
+// True as soon as no serving thread is left; what they did has happened before then.
+bool ServingThreadsEnd() { return test::OtherThreadsEnd() && threadsEnded >= 0; }
+
 // How often each descriptor was closed.
 std::mutex closedMutex;
 std::map<int, int> closed;
@@ -83,12 +90,19 @@ int __real_select(int, fd_set*, fd_set*, fd_set*, timeval*);
 int __wrap_select(int, fd_set*, fd_set*, fd_set*, timeval*);
 int __real_usleep(useconds_t);
 int __wrap_usleep(useconds_t);
+[[noreturn]] void __real_pthread_exit(void*);
+[[noreturn]] void __wrap_pthread_exit(void*);
 int __real_ThreadCreate(void* (*)(void*), void*, ThreadID*);
 int __wrap_ThreadCreate(void* (*)(void*), void*, ThreadID*);
 
 int __wrap_rDxHandler(HttpRequest* request, char* out, unsigned long* length, unsigned char* terminate) {
     return replaced.handler ? replaced.handler(request, out, length, terminate)
                             : __real_rDxHandler(request, out, length, terminate);
+}
+
+void __wrap_pthread_exit(void* result) {
+    ++threadsEnded;
+    __real_pthread_exit(result);
 }
 
 int __wrap_IsClientGranted() { return replaced.granted ? replaced.granted() : __real_IsClientGranted(); }
@@ -205,17 +219,11 @@ auto Report(const std::string& signature, const std::string& text) {
 
 // --- the fixture ---------------------------------------------------------------------------------------
 
-long ThreadsOfProcess() {
-    const std::filesystem::directory_iterator tasks("/proc/self/task");
-    return std::distance(begin(tasks), end(tasks));
-}
-
 class ServiceTest : public testing::Test {
 protected:
     void SetUp() override {
         GTEST_FLAG_SET(death_test_style, "threadsafe");
         std::signal(SIGPIPE, SIG_IGN);
-        threadsBefore_ = ThreadsOfProcess();
         Reset();
         aiMethodsAllowed[HTTP_GET] = 1;
         aiMethodsAllowed[HTTP_POST] = 1;
@@ -224,28 +232,22 @@ protected:
     }
 
     void TearDown() override {
-        EXPECT_TRUE(ThreadsEnd()) << "threads are left";
+        EXPECT_TRUE(ServingThreadsEnd());
         EXPECT_EQ(NumOfThreads(), 0);
         Reset();
-    }
-
-    bool ThreadsEnd() const {
-        return Eventually([this] { return ThreadsOfProcess() == threadsBefore_; });
     }
 
 private:
     static void Reset() {
         replaced = {};
         SetDefaultConfig();
-        ucVerbosity = VERBOSITY_WARN;
-        ucTerminated = 0;
-        ucReconfigured = 0;
-        signalled = 0;
-        nThreads = 0;
-        mtPrimaryThread = kNone;
+        StoreShared<unsigned char>(ucVerbosity, VERBOSITY_WARN);
+        StoreShared<unsigned char>(ucTerminated, 0);
+        StoreShared<unsigned char>(ucReconfigured, 0);
+        StoreShared(signalled, 0);
+        StoreShared(nThreads, 0);
+        StoreShared(mtPrimaryThread, kNone);
     }
-
-    long threadsBefore_ = 0;
 };
 
 // A handler that answers with this text.
@@ -1323,7 +1325,7 @@ public:
     LoopRun(const LoopRun&) = delete;
     LoopRun& operator=(const LoopRun&) = delete;
 
-    Client Connect() const { return Client(listener_->Port()); }
+    Client Connect(int receiveBuffer = 0) const { return Client(listener_->Port(), receiveBuffer); }
 
     // Asks the loop to end, and gives its result.
     int Stop() {
@@ -1824,7 +1826,7 @@ TEST_F(RunHttpServerTest, EndsWhenAThreadCannotBeDetachedButLetsItServe) {
     EXPECT_EQ(ucTerminated, 1);
     leave.release();
     EXPECT_EQ(client.ReceiveAll(), Answer(kOk, ""));
-    EXPECT_TRUE(ThreadsEnd());
+    EXPECT_TRUE(ServingThreadsEnd());
     EXPECT_EQ(TimesClosed(LastHandled()), 1);
     pthread_detach(thread);
 }
@@ -1947,7 +1949,7 @@ TEST_F(RunHttpServerTest, LetsAServingThreadOutliveItsLoop) {
         }
         ASSERT_TRUE(Serving(0));
         ASSERT_EQ(second->Stop(), 0);
-        EXPECT_TRUE(ThreadsEnd());
+        EXPECT_TRUE(ServingThreadsEnd());
         EXPECT_EQ(NumOfThreads(), 0);
         EXPECT_EQ(TimesClosed(oldSocket), 1);
         ForgetClosed();
@@ -1965,9 +1967,50 @@ TEST_F(RunHttpServerTest, LetsAThreadServeWhenNoLoopRunsAnyMore) {
         ASSERT_EQ(loop.Stop(), 0);
         client.Send("st: a\r\n\r\n");
         EXPECT_EQ(client.ReceiveAll(), Answer(kOk, std::string(100000, 'x')));
-        EXPECT_TRUE(ThreadsEnd());
+        EXPECT_TRUE(ServingThreadsEnd());
         EXPECT_EQ(NumOfThreads(), 0);
     }
+}
+
+constexpr int kSmallBuffer = 4096; // bytes
+
+// The answer of a connection that is to be kept may still be on its way when the loop ends.
+TEST_F(RunHttpServerTest, LosesNothingOfAnAnswerWhenItEnds) {
+    const std::string body(130000, 'x');
+    replaced.handler = [&](HttpRequest*, char* out, unsigned long* length, unsigned char* terminate) {
+        *length = body.copy(out, *length);
+        *terminate = 1;
+        return 0;
+    };
+    for (const unsigned threads : {1U, 3U}) {
+        StoreShared<unsigned char>(ucTerminated, 0);
+        LoopRun loop(threads);
+        Client client = loop.Connect(kSmallBuffer);
+        client.Send(Get("/rDx"));
+        ASSERT_TRUE(Eventually([] { return LoadShared(ucTerminated) != 0; }));
+        EXPECT_EQ(client.ReceiveAll(), Answer(kOk, body));
+        EXPECT_EQ(loop.Join(), 0);
+    }
+}
+
+TEST_F(RunHttpServerTest, DoesNotWaitLongForPeersThatReadNothingWhenItEnds) {
+    std::atomic<int> answered = 0;
+    replaced.handler = [&](HttpRequest*, char* out, unsigned long* length, unsigned char*) {
+        std::memset(out, 'x', 130000);
+        *length = 130000;
+        ++answered;
+        return 0;
+    };
+    LoopRun loop(1);
+    std::vector<Client> clients;
+    for (int i = 0; i < 5; ++i) {
+        clients.push_back(loop.Connect(kSmallBuffer));
+        clients.back().Send(Get("/rDx"));
+    }
+    ASSERT_TRUE(Eventually([&] { return answered == 5; }));
+    const auto begin = std::chrono::steady_clock::now();
+    EXPECT_EQ(loop.Stop(), 0);
+    EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::milliseconds(2 * kDeliveryPatienceMs));
 }
 
 // A request for termination that comes from a thread of an ended loop has nobody to go to.
@@ -2021,9 +2064,12 @@ TEST_F(RunHttpServerTest, ClosesAConnectionOnceThatIsPutBackWhileTheLoopEnds) {
         stopper.join();
         EXPECT_EQ(loop.Join(), 0);
         for (Client& client : clients) EXPECT_EQ(client.ReceiveAll(), Answer(kOk, ""));
-        EXPECT_TRUE(ThreadsEnd());
-        EXPECT_EQ(closed.size(), 4U);
-        for (const auto& [socket, times] : closed) EXPECT_EQ(times, 1) << socket;
+        EXPECT_TRUE(ServingThreadsEnd());
+        {
+            const std::lock_guard lock(closedMutex);
+            EXPECT_EQ(closed.size(), 4U);
+            for (const auto& [socket, times] : closed) EXPECT_EQ(times, 1) << socket;
+        }
         ForgetClosed();
     }
 }

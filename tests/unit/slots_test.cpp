@@ -6,12 +6,11 @@
 #include "tests/support/capture.h"
 #include "tests/support/eventually.h"
 #include "tests/support/faults.h"
+#include "tests/support/threads.h"
 
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <filesystem>
-#include <memory>
 #include <semaphore>
 #include <thread>
 #include <vector>
@@ -82,32 +81,24 @@ TEST(Descriptors, OfOneWordAreAddedByManyThreadsWhileTheyAreCopied) {
     EXPECT_EQ(Members(set).size(), 64U);
 }
 
-long ThreadsOfProcess() {
-    const std::filesystem::directory_iterator tasks("/proc/self/task");
-    return std::distance(begin(tasks), end(tasks));
-}
-
-// What the bodies of this test share with it: a body waits for `go`, unless it is open.
-struct Meeting {
-    std::counting_semaphore<> go{0};
-    std::atomic<int> begun{0};
-    std::atomic<ServicePool*> pool{nullptr};
-    std::atomic<int> status{1};
-    std::atomic<ThreadID> threadInSlot{0};
-    std::atomic<ThreadID> thread{0};
-};
-std::unique_ptr<Meeting> meeting;
+// What the bodies of this test share with it.
+std::counting_semaphore<> go{0}; // a body waits for it
+std::atomic<int> begun{0};       // bodies that wait, or have
+struct {                         // of the last body
+    std::atomic<ServicePool*> pool;
+    std::atomic<ThreadID> idInSlot;
+    std::atomic<pthread_t> thread;
+} last;
 
 // Ends as a serving body does.
 void* WaitAndEnd(ServiceCall* call) {
-    meeting->pool = ServicePool::OfThisThread();
-    meeting->threadInSlot = LoadShared(call->hThreadId);
-    meeting->thread = CurrentThreadID();
-    const int status = meeting->status;
-    ++meeting->begun;
-    meeting->go.acquire();
+    last.pool = ServicePool::OfThisThread();
+    last.idInSlot = LoadShared(call->hThreadId);
+    last.thread = pthread_self();
+    ++begun;
+    go.acquire();
     StoreShared<int>(call->iSvcStatus, SERVICE_FINISHED);
-    ServicePool::OfThisThread()->EndThisThread(status);
+    ServicePool::OfThisThread()->EndThisThread(1);
 }
 
 void* Return(ServiceCall* call) {
@@ -118,22 +109,17 @@ void* Return(ServiceCall* call) {
 class ServicePoolTest : public testing::Test {
 protected:
     void SetUp() override {
-        threadsBefore_ = ThreadsOfProcess();
-        meeting = std::make_unique<Meeting>();
+        begun = 0;
         InitThreadLib();
     }
 
     void TearDown() override {
-        EXPECT_TRUE(ThreadsEnd()) << "threads are left";
+        EXPECT_TRUE(test::OtherThreadsEnd());
         EXPECT_EQ(NumOfThreads(), 0);
     }
 
-    bool ThreadsEnd() const {
-        return Eventually([this] { return ThreadsOfProcess() == threadsBefore_; });
-    }
-
     static bool Begun(int count) {
-        return Eventually([count] { return meeting->begun == count; });
+        return Eventually([count] { return begun == count; });
     }
 
     // The pool's memory is the threads' too: the address sanitizer finds an end that comes too early or
@@ -152,7 +138,6 @@ protected:
 
 private:
     test::CaptureStdout quiet_;
-    long threadsBefore_ = 0;
 };
 
 TEST_F(ServicePoolTest, BeginsWithFreeSlotsAndAnEmptySet) {
@@ -185,13 +170,14 @@ TEST_F(ServicePoolTest, RunsABodyOnACountedThreadThatKnowsItsPoolAndItself) {
     ASSERT_EQ(Start(pool, 1), 0);
     EXPECT_EQ(NumOfThreads(), 1);
     ASSERT_TRUE(Begun(1));
-    EXPECT_EQ(meeting->pool, pool);
-    EXPECT_NE(meeting->thread, CurrentThreadID());
-    EXPECT_EQ(meeting->threadInSlot, meeting->thread);
-    EXPECT_EQ(pool->Slots()[1].hThreadId, meeting->thread);
+    EXPECT_EQ(last.pool, pool);
+    const auto id = static_cast<ThreadID>(last.thread);
+    EXPECT_NE(id, CurrentThreadID());
+    EXPECT_EQ(last.idInSlot, id);
+    EXPECT_EQ(pool->Slots()[1].hThreadId, id);
     EXPECT_EQ(ServicePool::OfThisThread(), nullptr);
-    meeting->go.release();
-    EXPECT_TRUE(ThreadsEnd());
+    go.release();
+    EXPECT_TRUE(test::OtherThreadsEnd());
     EXPECT_EQ(NumOfThreads(), 0);
     EXPECT_EQ(pool->Slots()[1].iSvcStatus, SERVICE_FINISHED);
     End(pool);
@@ -228,9 +214,10 @@ TEST_F(ServicePoolTest, CountsAThreadThatCouldNotBeDetached) {
     EXPECT_TRUE(notDetached.Struck());
     EXPECT_EQ(NumOfThreads(), 1);
     ASSERT_TRUE(Begun(1));
-    EXPECT_EQ(meeting->threadInSlot, meeting->thread);
-    meeting->go.release();
-    EXPECT_TRUE(ThreadsEnd());
+    EXPECT_EQ(last.idInSlot, static_cast<ThreadID>(last.thread));
+    go.release();
+    EXPECT_TRUE(test::OtherThreadsEnd());
+    pthread_detach(last.thread);
     EXPECT_EQ(NumOfThreads(), 0);
     End(pool);
 }
@@ -261,7 +248,7 @@ TEST_F(ServicePoolTest, OutlivesItsLoopUntilTheLastThreadHasEnded) {
     for (int slot = 0; slot < 3; ++slot) ASSERT_EQ(Start(pool, slot), 0);
     ASSERT_TRUE(Begun(3));
     EXPECT_EQ(NumOfThreads(), 3);
-    meeting->go.release(); // one ends while the loop runs
+    go.release(); // one ends while the loop runs
     EXPECT_TRUE(Eventually([] { return NumOfThreads() == 2; }));
     End(pool);
     EXPECT_EQ(NumOfThreads(), 0) << "threads of an ended loop do not count";
@@ -271,8 +258,8 @@ TEST_F(ServicePoolTest, OutlivesItsLoopUntilTheLastThreadHasEnded) {
     ASSERT_EQ(Start(next, 0), 0);
     ASSERT_TRUE(Begun(4));
     EXPECT_EQ(NumOfThreads(), 1);
-    meeting->go.release(3); // whoever ends, the old ones are not taken out of the new count
-    EXPECT_TRUE(ThreadsEnd());
+    go.release(3); // whoever ends, the old ones are not taken out of the new count
+    EXPECT_TRUE(test::OtherThreadsEnd());
     EXPECT_EQ(NumOfThreads(), 0);
     End(next);
 }
@@ -281,17 +268,17 @@ TEST_F(ServicePoolTest, OutlivesItsLoopUntilTheLastThreadHasEnded) {
 TEST_F(ServicePoolTest, IsLeftByThreadsWhileTheLoopEnds) {
     for (int run = 0; run < 50; ++run) {
         ServicePool* const pool = ServicePool::Create(4);
-        meeting->begun = 0;
+        begun = 0;
         for (int slot = 0; slot < 4; ++slot) ASSERT_EQ(Start(pool, slot), 0);
         ASSERT_TRUE(Begun(4));
-        meeting->go.release(4);
+        go.release(4);
         if (run % 2 != 0) std::this_thread::yield();
         fd_set watched{};
         pool->EndLoop(watched);
         EXPECT_EQ(NumOfThreads(), 0) << run;
         pool->Release();
     }
-    EXPECT_TRUE(ThreadsEnd());
+    EXPECT_TRUE(test::OtherThreadsEnd());
     EXPECT_EQ(NumOfThreads(), 0);
 }
 

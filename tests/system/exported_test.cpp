@@ -1,0 +1,117 @@
+// The names that librDxsH.so offers to other programs, and the ones that it wants from others.
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <array>
+#include <cstdio>
+#include <dlfcn.h>
+#include <fstream>
+#include <iterator>
+#include <regex>
+#include <set>
+#include <sstream>
+#include <string>
+#include <vector>
+
+namespace {
+
+using Names = std::vector<std::string>;
+
+Names ListedNames() {
+    Names names;
+    std::ifstream file(RDX_TEST_EXPORTED);
+    for (std::string name; std::getline(file, name);) names.push_back(name);
+    return names;
+}
+
+// The last word of each line that nm prints, without a version; the compiler's own names left out.
+Names NamesBy(const std::string& options) {
+    Names names;
+    FILE* pipe = popen(("nm -D " + options + " " + RDX_TEST_LIBRARY).c_str(), "r");
+    if (pipe == nullptr) return names;
+    std::array<char, 4096> line;
+    while (std::fgets(line.data(), line.size(), pipe) != nullptr) {
+        std::string name = line.data();
+        name.erase(name.find_last_not_of('\n') + 1);
+        name.erase(0, name.rfind(' ') + 1);
+        name.erase(std::min(name.find('@'), name.size()));
+        if (name.rfind("__", 0) != 0 && name != "_init" && name != "_fini") names.push_back(name);
+    }
+    EXPECT_EQ(pclose(pipe), 0);
+    std::sort(names.begin(), names.end());
+    return names;
+}
+
+TEST(Exported, NamesAreTheListedOnes) { EXPECT_EQ(NamesBy("--defined-only"), ListedNames()); }
+
+TEST(Exported, ListIsSortedAndHasNoNameTwice) {
+    const Names names = ListedNames();
+    EXPECT_GT(names.size(), 200U);
+    EXPECT_TRUE(std::is_sorted(names.begin(), names.end()));
+    EXPECT_EQ(std::set<std::string>(names.begin(), names.end()).size(), names.size());
+}
+
+std::string WithoutComments(std::string code) {
+    for (std::size_t at = code.find("/*"); at != std::string::npos; at = code.find("/*", at)) {
+        code.erase(at, code.find("*/", at) + 2 - at);
+    }
+    return code;
+}
+
+std::set<std::string> DeclaredWords() {
+    static const std::regex word(R"([A-Za-z_]\w*)");
+    std::set<std::string> words;
+    std::istringstream paths(RDX_TEST_HEADERS);
+    for (std::string path; paths >> path;) {
+        std::ifstream file(path);
+        const std::string code = WithoutComments({std::istreambuf_iterator<char>(file), {}});
+        EXPECT_NE(code, "") << path;
+        words.insert(std::sregex_token_iterator(code.begin(), code.end(), word),
+                     std::sregex_token_iterator());
+    }
+    return words;
+}
+
+TEST(Exported, NamesAreDeclaredInTheInstalledHeaders) {
+    const std::set<std::string> words = DeclaredWords();
+    for (const std::string& name : ListedNames()) EXPECT_EQ(words.count(name), 1U) << name;
+}
+
+TEST(Exported, NamesAreFoundAtRunTime) {
+    void* library = dlopen(RDX_TEST_LIBRARY, RTLD_NOW);
+    ASSERT_NE(library, nullptr) << dlerror();
+    for (const std::string& name : ListedNames()) {
+        EXPECT_NE(dlsym(library, name.c_str()), nullptr) << name;
+    }
+}
+
+TEST(Wanted, DeviceFunctionsAreOnesOfTheContract) {
+    const std::set<std::string> contract = {"rDxAllocateDevice",
+                                            "rDxGetActiveIpConf",
+                                            "rDxGetAllocStatus",
+                                            "rDxGetCurrentSelftestStatus",
+                                            "rDxGetDeviceType",
+                                            "rDxGetFirmwareRev",
+                                            "rDxGetIpConfiguration",
+                                            "rDxGetNetInterface",
+                                            "rDxGetOwner",
+                                            "rDxGetTransmissionQuality",
+                                            "rDxGetVehicleStatus",
+                                            "rDxInitiateCfgRequest",
+                                            "rDxReleaseDevice",
+                                            "rDxRunDeviceSelfTest",
+                                            "rDxSetDeviceAttributes",
+                                            "rDxSetIpConfiguration",
+                                            "rDxUpdateDeviceFirmware",
+                                            "rdxFreeDeviceAttributes",
+                                            "rdxGetDeviceAttributes"};
+    ASSERT_EQ(contract.size(), 19U);
+    for (const std::string& name : NamesBy("--undefined-only")) {
+        if (name.rfind("rDx", 0) == 0 || name.rfind("rdx", 0) == 0) {
+            EXPECT_EQ(contract.count(name), 1U) << name;
+        }
+    }
+}
+
+} // namespace

@@ -16,6 +16,7 @@
 #include <gtest/gtest.h>
 
 #include <array>
+#include <atomic>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
@@ -488,9 +489,7 @@ TEST_F(RdxHttpTest, SignalHandlerReadsTheConfigurationAgain) {
     char port[RDXHTTP_PORT_SIZE];
     ASSERT_EQ(ParseCommandLine(arguments.argc(), arguments.argv(), port), 0);
     const CaptureStdout capture;
-    errno = EXDEV;
     SignalHandler(SIGUSR1);
-    EXPECT_EQ(errno, EXDEV) << "the interrupted code's";
     EXPECT_EQ(ucReconfigured, 1);
     EXPECT_EQ(uiReconfigurations, 1U);
     EXPECT_STREQ(szConfigAuthRealm, "again");
@@ -510,6 +509,17 @@ TEST_F(RdxHttpTest, SignalHandlerGoesOnWithABadConfiguration) {
     SignalHandler(SIGUSR1);
     EXPECT_EQ(ucReconfigured, 0);
     EXPECT_EQ(signalled, 0);
+}
+
+TEST_F(RdxHttpTest, SignalHandlerLeavesTheErrorOfTheInterruptedCode) {
+    Arguments arguments{"-c", "/nowhere/tnd.ini"};
+    char port[RDXHTTP_PORT_SIZE];
+    ASSERT_EQ(ParseCommandLine(arguments.argc(), arguments.argv(), port), 0);
+    const CaptureStdout quiet;
+    errno = EXDEV;
+    SignalHandler(SIGUSR1);
+    EXPECT_EQ(errno, EXDEV);
+    EXPECT_EQ(ucReconfigured, 0);
 }
 
 struct sigaction ActionOf(int number) {
@@ -689,6 +699,19 @@ TEST_F(RdxHttpTest, CloseLogfileClosesAStreamOfBothLogsOnce) {
     EXPECT_EQ(closed, 1);
     EXPECT_EQ(errlog, StdErr);
     EXPECT_EQ(outlog, StdOut);
+}
+
+// Each stream is spared by the log that it is the standard of, and only by that.
+TEST_F(RdxHttpTest, CloseLogfileClosesTheErrorStreamAsALog) {
+    Child child([] {
+        errlog = outlog = StdErr;
+        EXPECT_EQ(CloseLogfile(), 0);
+        EXPECT_EQ(fcntl(STDERR_FILENO, F_GETFD), -1);
+        EXPECT_EQ(errlog, StdErr);
+        EXPECT_EQ(outlog, StdOut);
+        return 0;
+    });
+    EXPECT_EQ(child.Result(), 0);
 }
 
 TEST_F(RdxHttpTest, CloseLogfileDoesNotCareWhetherClosingFailed) {
@@ -1214,6 +1237,18 @@ TEST_F(ServerTest, FinishesTheRequestBeforeItBeginsAgain) {
 TEST_F(ServerTest, HandlesASignalOfAnotherThreadOnTheServersOwn) {
     Configure(port_);
     Child child([this] {
+        static std::atomic<pthread_t> logger{}; // the thread of the handler's line
+        cookie_io_functions_t functions{};
+        functions.write = [](void*, const char* text, std::size_t size) {
+            if (std::string_view(text, size).find("SignalHandler()") != std::string_view::npos) {
+                logger = pthread_self();
+            }
+            return static_cast<ssize_t>(size);
+        };
+        replaced.readIniFile = [&functions](const char* path, const char* section) {
+            outlog = fopencookie(nullptr, "w", functions);
+            return __real_ReadIniFile(path, section);
+        };
         std::thread other([] {
             Eventually([] { return LoadShared(mtPrimaryThread) != static_cast<ThreadID>(-1); });
             pthread_kill(pthread_self(), SIGTERM);
@@ -1221,6 +1256,7 @@ TEST_F(ServerTest, HandlesASignalOfAnotherThreadOnTheServersOwn) {
         });
         const int result = RunMain({"-c", file_.Path()});
         other.join();
+        EXPECT_EQ(logger, pthread_self());
         return result;
     });
     EXPECT_EQ(child.Result(), 0);

@@ -1837,7 +1837,11 @@ TEST_F(RunHttpServerTest, EndsTheScanWhenNoThreadCanBeStarted) {
     int server = -1;
     replaced.select = [&](int count, fd_set* ready, timeval* timeout) {
         const int found = __real_select(count, ready, nullptr, nullptr, timeout);
-        return found > 0 && (FD_ISSET(server, ready) || bothHaveSent) ? found : 0;
+        if (found <= 0 || bothHaveSent) return found;
+        const bool connecting = FD_ISSET(server, ready);
+        FD_ZERO(ready); // requests are not seen yet
+        if (connecting) FD_SET(server, ready);
+        return connecting ? 1 : 0;
     };
     auto listener = std::make_shared<test::Listener>();
     server = listener->Socket();
@@ -1879,6 +1883,27 @@ TEST_F(RunHttpServerTest, LeavesAConnectionAloneThatFindsEveryThreadBusy) {
     EXPECT_TRUE(late.IsSilent());
     EXPECT_EQ(loop.Stop(), 0);
     EXPECT_EQ(late.ReceiveAll(), "");
+}
+
+// A thread may still be on its way out when its slot is free again.
+TEST_F(RunHttpServerTest, GoesByTheNumberOfThreadsToo) {
+    LoopRun loop(2);
+    Client served = loop.Connect();
+    served.Send(Get("/other", "close"));
+    EXPECT_EQ(served.ReceiveAll(), kNotFoundAnswer);
+    ASSERT_TRUE(Serving(0));
+    StoreShared(nThreads, 2);
+    Client late = loop.Connect();
+    late.Send(Get("/other"));
+    ASSERT_TRUE(Eventually([&] { return Count(Text(), "Handling socket") == 2; }));
+    StoreShared(nThreads, 1);
+    Client next = loop.Connect();
+    next.Send(Get("/other", "close"));
+    EXPECT_EQ(next.ReceiveAll(), kNotFoundAnswer);
+    EXPECT_TRUE(late.IsSilent());
+    ASSERT_TRUE(Serving(1));
+    StoreShared(nThreads, 0);
+    EXPECT_EQ(loop.Stop(), 0);
 }
 
 TEST_F(RunHttpServerTest, NeverServesMoreRequestsAtOnceThanItsLimit) {

@@ -11,9 +11,28 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <functional>
 #include <semaphore>
 #include <thread>
 #include <vector>
+
+namespace {
+
+// Runs when a thread of a pool is about to take itself out of nThreads.
+std::function<void()> beforeUncount;
+
+} // namespace
+
+// In place of rdx::UncountThread.
+extern "C" {
+void __real__ZN3rdx13UncountThreadEv(void);
+void __wrap__ZN3rdx13UncountThreadEv(void);
+
+void __wrap__ZN3rdx13UncountThreadEv() {
+    if (beforeUncount) beforeUncount();
+    __real__ZN3rdx13UncountThreadEv();
+}
+}
 
 namespace rdx {
 namespace {
@@ -280,6 +299,33 @@ TEST_F(ServicePoolTest, IsLeftByThreadsWhileTheLoopEnds) {
     }
     EXPECT_TRUE(test::OtherThreadsEnd());
     EXPECT_EQ(NumOfThreads(), 0);
+}
+
+// The count that the next loop starts from must not be lowered by a thread that was just on its way.
+TEST_F(ServicePoolTest, WaitsForThreadsThatAreAboutToLeaveTheCount) {
+    std::atomic<bool> leaving = false;
+    std::atomic<bool> leave = false;
+    std::atomic<bool> ended = false;
+    beforeUncount = [&] {
+        leaving = true;
+        while (!leave) std::this_thread::yield();
+    };
+    ServicePool* const pool = ServicePool::Create(2);
+    ASSERT_EQ(Start(pool, 0), 0);
+    go.release();
+    ASSERT_TRUE(Eventually([&] { return leaving.load(); }));
+    std::thread loop([&] {
+        End(pool);
+        ended = true;
+    });
+    for (int i = 0; i < 10'000; ++i) std::this_thread::yield();
+    EXPECT_FALSE(ended);
+    EXPECT_EQ(NumOfThreads(), 1);
+    leave = true;
+    loop.join();
+    EXPECT_EQ(NumOfThreads(), 0);
+    EXPECT_TRUE(test::OtherThreadsEnd());
+    beforeUncount = nullptr;
 }
 
 // Threads put connections back while the loop ends: each is closed by the loop or by its thread, never both.

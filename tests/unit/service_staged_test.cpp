@@ -6,7 +6,7 @@
 #include "common/log_lines.h"
 #include "common/portability_sockets.h"
 #include "common/shared.h"
-#include "common/signals.h"
+#include "common/signal_windows.h"
 #include "rDxsd/rDxsd.h"
 #include "tests/support/admin_server.h"
 #include "tests/support/assertion.h"

@@ -1116,6 +1116,7 @@ TEST_F(ServerTest, StopsInOrderOnEachTerminatingSignal) {
             ExpectServes(port_);
             Client idle(port_);
             ASSERT_TRUE(Server().Prints("accepted connection", 2));
+            ASSERT_TRUE(Server().Prints("ServeClientDone: Socket closed"));
             Server().Signal(row.number);
             EXPECT_EQ(Server().Result(), 0);
             EXPECT_EQ(idle.ReceiveAll(), "");

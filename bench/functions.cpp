@@ -63,8 +63,8 @@ std::string MakePacket(int members) {
     std::string packet = "<?xml version='1.0'?><!DOCTYPE wddxPacket SYSTEM 'wddx_dtd_10.dtd'><wddxPacket "
                          "version='1.0'><header/><data><struct>";
     for (int i = 0; i < members; ++i) {
-        packet += "<var name='Attribute" + std::to_string(i) + "'><string>value &amp; unit " + std::to_string(i) +
-                  "</string></var>";
+        packet += "<var name='Attribute" + std::to_string(i) + "'><string>value &amp; unit " +
+                  std::to_string(i) + "</string></var>";
     }
     return packet + "</struct></data></wddxPacket>";
 }
@@ -177,8 +177,8 @@ void WriteResponseFloorSnprintf(benchmark::State& state) {
             buffer, sizeof buffer,
             "HTTP/1.1 %d %s\r\nDate: %s\r\nLast-modified: %s\r\nAccept-Ranges: bytes\r\nServer: %s\r\n"
             "Content-type: %s\r\nContent-length: %d\r\n\r\n%s",
-            200, "OK", "Tue, 30 April 2002 12:08:00 GMT", "Tue, 30 April 2002 12:08:00 GMT", "Halvor Dx httpd/0.1",
-            "text/html", 500, body.c_str()));
+            200, "OK", "Tue, 30 April 2002 12:08:00 GMT", "Tue, 30 April 2002 12:08:00 GMT",
+            "Halvor Dx httpd/0.1", "text/html", 500, body.c_str()));
     }
 }
 BENCHMARK(WriteResponseFloorSnprintf);

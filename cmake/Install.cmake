@@ -6,9 +6,10 @@ include(CMakePackageConfigHelpers)
 set(RDX_HEADERS
   common/config.h common/export.h common/http.h common/httpreq.h common/httpresp.h common/log.h
   common/mt.h common/portability.h common/portability_sockets.h common/signals.h
+  client/tnp.h
   wddx/wddx.h
   server/pdata.h server/rdxhttp.h server/service.h
-  rDxsd/auth.h rDxsd/rDxSvcs.h rDxsd/rDxWddx.h rDxsd/rDxsd.h)
+  rDxsd/auth.h rDxsd/device_info.h rDxsd/rDxSvcs.h rDxsd/rDxWddx.h rDxsd/rDxsd.h)
 foreach(header IN LISTS RDX_HEADERS)
   cmake_path(GET header PARENT_PATH folder)
   install(FILES ${PROJECT_SOURCE_DIR}/${header} DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/rDxsH/${folder})

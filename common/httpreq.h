@@ -15,6 +15,7 @@
 
 #include "common/export.h"
 #include "common/http.h"
+#include "common/httpresp.h"
 
 #ifdef __cplusplus
 extern "C" {
@@ -37,7 +38,8 @@ enum {
 enum {
     HTTP_WORD_SIZE = 256,      /* method, URI or protocol name, with its NUL: longer words are refused */
     HTTP_PEER_NAME_SIZE = 256, /* peer address and port, with the NUL */
-    HTTP_QUERY_KEY_SIZE = 128  /* name and "=" of a query parameter, with the NUL: a name has at most 126 */
+    HTTP_QUERY_KEY_SIZE = 128, /* name and "=" of a query parameter, with the NUL: a name has at most 126 */
+    HTTP_SEND_BUFFER_SIZE = 132096 /* a request written out to be sent (129 KiB) */
 };
 
 typedef struct HttpRequest {
@@ -223,6 +225,42 @@ RDX_API int ReadMultipartData(HttpRequest* pReq, unsigned int uiOffset, char** p
  * call is harmless. A null request and a count above its list's capacity are assertions.
  */
 RDX_API void FreeHttpRequest(HttpRequest* pRequest);
+
+/*
+ * Writes a request into a buffer, as it is sent or as an HTML page that shows it. A POST is sent without a
+ * blank behind its method (kept). The body stands in the page as it is, unescaped.
+ *
+ *   pRequest   the request, with GET or POST as its method
+ *   pBuf       out: the text, without a NUL behind a body
+ *   uiBufSize  its size in bytes; one byte stays spare, so that at most `uiBufSize` - 2 bytes are written
+ *   ucHtml     0: as it is sent; not 0: as a page
+ *
+ * Returns the number of bytes written, or
+ *           -1  no request
+ *           -2  no buffer, no room in it, or a length but no body
+ *           -9  an empty text: URI, header name or header value
+ *         -501  a method other than GET and POST
+ *         -505  a version other than 10 and 11
+ * Of several causes the one that is met first while writing counts.
+ */
+RDX_API int SerializeHttpRequest(HttpRequest* pRequest, char* pBuf, unsigned int uiBufSize,
+                                 unsigned char ucHtml);
+
+/*
+ * Sends a request on a connected socket and reads the answer. The socket stays open, and the caller's.
+ * Without the signal SIGPIPE ignored, a server that closes early ends the process.
+ *
+ *   pRequest    the request
+ *   ppResponse  out: the answer, which the caller owns; null on failure
+ *
+ * Returns  0  answered, with whatever status
+ *         -1  no memory
+ *         -3  the request could not be written out: no method or version for it, an empty text, or too long
+ *         -4  it could not be sent whole
+ *         -6  the answer could not be read
+ * Null pointers are assertions.
+ */
+RDX_API int SendHttpRequest(int sock, HttpRequest* pRequest, HttpResponse** ppResponse);
 
 #ifdef __cplusplus
 }

@@ -4,6 +4,7 @@
 #include "common/config.h"
 #include "common/header_list.h"
 #include "common/memory.h"
+#include "common/message_writer.h"
 #include "common/portability_sockets.h"
 #include "common/shared.h"
 #include "common/socket_line.h"
@@ -136,32 +137,7 @@ bool CopyBody(HttpResponse& response, const char* body, unsigned int length) {
     return true;
 }
 
-// Appends to the caller's buffer until an appender fails; its result is kept and the rest is left out.
-class Writer {
-public:
-    Writer(char* buffer, unsigned int size) : begin_(buffer), cursor_(buffer), last_(buffer + size - 1) {}
-
-    Writer& Text(const char* text) {
-        if (result_ == 0) result_ = AssertedStrCopy(&cursor_, last_, text);
-        return *this;
-    }
-
-    Writer& Bytes(const void* data, unsigned int length) {
-        if (result_ == 0) result_ = AssertedMemCopy(&cursor_, last_, data, length);
-        return *this;
-    }
-
-    // The number of bytes written, or the failure.
-    int Result() const { return result_ != 0 ? result_ : static_cast<int>(cursor_ - begin_); }
-
-private:
-    char* begin_;
-    char* cursor_;
-    const char* last_;
-    int result_ = 0;
-};
-
-void WriteHeaders(Writer& writer, HttpResponse& response) {
+void WriteHeaders(rdx::MessageWriter& writer, HttpResponse& response) {
     for (const rdx::HeaderList& list : ListsOf(response)) {
         for (const HttpHeader& header : rdx::Held(list)) {
             writer.Text(header.name).Text(": ").Text(header.value).Text("\r\n");
@@ -170,7 +146,7 @@ void WriteHeaders(Writer& writer, HttpResponse& response) {
 }
 
 // Not counted in Content-length, and sent without a body too: the peer waits for it.
-void WriteTerminator(Writer& writer) {
+void WriteTerminator(rdx::MessageWriter& writer) {
     if (rdx::LoadShared(ucEntityTerminator) == 0) return;
     const rdx::SharedText terminator(szEntityTerminator);
     writer.Bytes(terminator.c_str(), static_cast<unsigned int>(terminator.View().size()));
@@ -236,7 +212,7 @@ int SerializeHttpResponse(HttpResponse* pResponse, char* pBuf, unsigned int uiBu
     if (pResponse == nullptr) return kNoResponse;
     if (pBuf == nullptr || uiBufSize == 0) return kNoBuffer;
     const auto* const version = std::ranges::find(kVersions, pResponse->ucHttpVersion, &Version::number);
-    Writer writer(pBuf, uiBufSize);
+    rdx::MessageWriter writer(pBuf, uiBufSize);
     writer.Text("HTTP/");
     if (version == std::end(kVersions)) return writer.Result() < 0 ? writer.Result() : kBadVersion;
     writer.Text(version->written);

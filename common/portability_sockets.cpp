@@ -56,10 +56,6 @@ bool BindTo(int socket, const sockaddr_in& address) {
     return bind(socket, Generic(address), sizeof address) == 0;
 }
 
-bool ConnectTo(int socket, const sockaddr_in& address) {
-    return connect(socket, Generic(address), sizeof address) == 0;
-}
-
 std::optional<unsigned short> PortOfService(const char* service) {
     servent entry{};
     servent* found = nullptr;
@@ -166,6 +162,49 @@ ssize_t Send(int socket, const char* data, std::size_t size) {
         }
     }
     return static_cast<ssize_t>(sent);
+}
+
+// A socket that does not wait for a scope.
+class NonBlockingScope {
+public:
+    explicit NonBlockingScope(int socket) : socket_(socket), flags_(fcntl(socket, F_GETFL)) {
+        entered_ = flags_ >= 0 && fcntl(socket_, F_SETFL, flags_ | O_NONBLOCK) >= 0;
+    }
+    ~NonBlockingScope() { Leave(); }
+    NonBlockingScope(const NonBlockingScope&) = delete;
+    NonBlockingScope& operator=(const NonBlockingScope&) = delete;
+
+    bool Entered() const { return entered_; }
+
+    // Ends the scope early. False when the socket goes on not waiting.
+    bool Leave() { return !std::exchange(entered_, false) || fcntl(socket_, F_SETFL, flags_) >= 0; }
+
+private:
+    int socket_;
+    int flags_;
+    bool entered_;
+};
+
+// Waits in a window for a connection under way; its failure is in errno.
+bool AwaitConnection(int socket) {
+    if (!rdx::WaitForPeer(socket, POLLOUT, -1)) {
+        errno = EINTR;
+        return false;
+    }
+    int error = 0;
+    socklen_t size = sizeof error;
+    if (getsockopt(socket, SOL_SOCKET, SO_ERROR, &error, &size) != 0) return false;
+    if (error != 0) errno = error;
+    return error == 0;
+}
+
+// Connects as connect does. The thread that handles the caught signals waits in a window for a peer that does
+// not answer.
+bool Connect(int socket, const sockaddr_in& address) {
+    const auto start = [&] { return connect(socket, Generic(address), sizeof address) == 0; };
+    if (!rdx::HandlesSignalsInWindows()) return start();
+    NonBlockingScope scope(socket);
+    return scope.Entered() && (start() || (errno == EINPROGRESS && AwaitConnection(socket))) && scope.Leave();
 }
 
 // True when `data` ends in the configured end-of-entity text; a CR LF at the very end is passed over.
@@ -314,7 +353,7 @@ int CreateClntSocket(const char* szHost, const char* szService, int* phSocket) {
         ReportSocketError(kFunction, "failed creating socket");
         return -4;
     }
-    if (!ConnectTo(client.Get(), MakeAddress(*address, port))) {
+    if (!Connect(client.Get(), MakeAddress(*address, port))) {
         ReportSocketError(kFunction, "failed connecting socket");
         return -5;
     }
@@ -368,7 +407,7 @@ int CreateClntSocketExt(const char* szLocalAddr, unsigned short usLocalPort, con
     const std::optional<in_addr> remote = ParseAddress(szRemoteAddr);
     if (!remote) return finish(-5, nullptr);
     RDX_CHECK(remote->s_addr != 0, "ulAddr != 0L");
-    if (!ConnectTo(client.Get(), MakeAddress(*remote, usRemotePort))) {
+    if (!Connect(client.Get(), MakeAddress(*remote, usRemotePort))) {
         return finish(-6, "failed establishing virtual circuit to destination");
     }
     return finish(0, nullptr);

@@ -1,16 +1,27 @@
+// What the device and the vehicle are doing.
 #include "common/memory.h"
+#include "common/text.h"
 #include "rDxsd/codes.h"
-#include "rDxsd/rDxWddx.h"
+#include "rDxsd/device_info.h"
+#include "rDxsd/method.h"
 #include "rDxsd/rDxsd.h"
 #include "rDxsd/values.h"
 
+#include <algorithm>
+#include <climits>
+#include <cstdint>
 #include <cstdio>
+#include <optional>
+#include <sys/sysinfo.h>
+#include <unistd.h>
 
 unsigned int server_start_time = 0;
 
 namespace {
 
 using namespace rdx;
+
+// --- rdxGetVersion --------------------------------------------------------------------------------------
 
 constexpr std::size_t kVersionResultSize = 4477;
 constexpr int kProtocolVersion = 100;
@@ -26,15 +37,264 @@ constexpr char kVersionResult[] =
     "    </struct></data></wddxPacket>";
 static_assert(sizeof kVersionResult < kVersionResultSize);
 
+// --- rdxGetDeviceStatus ---------------------------------------------------------------------------------
+
+constexpr int kQueryFailed = -1; // the overall status code when a query of the device failed
+
+enum DeviceType { kQurt = 40011, kQrt = 40010, kSolan = 40015, kMkt = 40016, kKavo = 40018, kKavoZr = 40019 };
+
+int DeviceTypeNumber(const char* name) {
+    struct Type {
+        const char* name;
+        DeviceType number;
+    };
+    constexpr Type kTypes[] = {{"QURT", kQurt}, {"QRT", kQrt},   {"SOLAN", kSolan},
+                               {"MKT", kMkt},   {"KAVO", kKavo}, {"KAVO_ZR", kKavoZr}};
+    const auto* const type =
+        std::ranges::find_if(kTypes, [=](const Type& t) { return EqualsIgnoringCase(t.name, name); });
+    return type != std::end(kTypes) ? type->number : 0;
+}
+
+// "DhcpMode" for the device library's number of a way of address assignment.
+int DhcpMode(int number) {
+    switch (number) {
+    case 1:
+        return 41203;
+    case 2:
+        return 41202;
+    case 3:
+        return 41204;
+    default:
+        return 0;
+    }
+}
+
+// Seconds since the machine was started.
+int UpTime() {
+    struct sysinfo info {};
+    return sysinfo(&info) == 0 ? static_cast<int>(info.uptime) : 0;
+}
+
+// The structure of one channel in "IfUsage".
+OwnedValue MakeChannel(const char* name, bool controlled, const char* controlledBy) {
+    OwnedValue channel = MakeStruct();
+    const bool complete =
+        SetMember(channel, "Channel", MakeText(name)) &&
+        SetMember(channel, "Connection", MakeText(controlled ? "controlled" : "open")) &&
+        SetMember(channel, "ControlledBy", controlled ? MakeText(controlledBy) : MakeNull());
+    return complete ? std::move(channel) : nullptr;
+}
+
+bool SetElement(const OwnedValue& array, int index, OwnedValue value) {
+    if (!array || !value) return false;
+    wddxSetArrayElem(array.get(), index, value.release());
+    return true;
+}
+
+// "IfUsage": devices with a MOST channel name it first. The array of a device without one has room for it
+// all the same, unless the device is one of the two that have but one channel (kept).
+OwnedValue MakeInterfaceUsage(int deviceType, bool controlled, const char* controlledBy) {
+    const bool oneChannel = deviceType == kMkt || deviceType == kKavoZr;
+    const bool hasMost = deviceType == kQurt || deviceType == kQrt || deviceType == kKavo;
+    OwnedValue usage = MakeArray(oneChannel ? 1 : 2);
+    bool complete = true;
+    if (hasMost) complete = SetElement(usage, 0, MakeChannel("MOST", controlled, controlledBy));
+    complete =
+        complete && SetElement(usage, hasMost ? 1 : 0, MakeChannel("DIAGBUS", controlled, controlledBy));
+    return complete ? std::move(usage) : nullptr;
+}
+
+// The device's attributes, handed back when they are no longer needed.
+class DeviceAttributes {
+public:
+    DeviceAttributes() : known_(rdxGetDeviceAttributes(&names_, &values_, &persistence_, &count_) == 0) {}
+    ~DeviceAttributes() {
+        if (known_) rdxFreeDeviceAttributes(names_, values_, persistence_, count_);
+    }
+    DeviceAttributes(const DeviceAttributes&) = delete;
+    DeviceAttributes& operator=(const DeviceAttributes&) = delete;
+
+    bool Known() const { return known_; }
+
+    // "SlpAttributes". A device without attributes has a null value: there is no array of no elements.
+    OwnedValue Make() const {
+        if (!known_ || count_ < 1) return MakeNull();
+        OwnedValue array = MakeArray(count_);
+        for (int i = 0; i < count_; ++i) {
+            if (names_[i] == nullptr || values_[i] == nullptr) continue; // the element stays null
+            if (!SetElement(array, i, MakeAttribute(i))) return nullptr;
+        }
+        return array;
+    }
+
+private:
+    OwnedValue MakeAttribute(int i) const {
+        OwnedValue attribute = MakeStruct();
+        const bool complete = SetMember(attribute, "AttributeName", MakeText(names_[i])) &&
+                              SetMember(attribute, "AttributeValue", MakeText(values_[i])) &&
+                              SetMember(attribute, "IsPersistent", MakeFlag(persistence_[i] != 0));
+        return complete ? std::move(attribute) : nullptr;
+    }
+
+    char** names_ = nullptr;
+    char** values_ = nullptr;
+    int* persistence_ = nullptr;
+    int count_ = 0;
+    bool known_;
+};
+
+// Puts the answer together query by query. A query that fails leaves its key out and shows in "Status".
+class DeviceStatus {
+public:
+    void AddType() {
+        DeviceText name;
+        if (Failed(rDxGetDeviceType(name.text, sizeof name.text))) return;
+        type_ = DeviceTypeNumber(name.text);
+        Add("DeviceType", MakeInteger(type_));
+    }
+
+    void AddSelfTest() {
+        const SelfTestState state = AskSelfTestState();
+        Add("SelftestStatus", MakeStatus(state.code, state.reason, MakeNull()));
+    }
+
+    void AddNetwork() {
+        constexpr int kAddressSize = 16;
+        char address[kAddressSize] = "";
+        char netmask[kAddressSize] = "";
+        char gateway[kAddressSize] = "";
+        DeviceText host;
+        if (gethostname(host.text, sizeof host.text) != 0) CopyBounded(host.text, "QurtPc");
+        char mac[MAC_ADDRESS_TEXT_SIZE];
+        GetMacAddress(mac, sizeof mac);
+        Add("Hostname", MakeText(host.text));
+        Add("MacAddress", MakeText(mac));
+        RDXConf configuration = {RDX_CONF_LENGTH, 0};
+        if (!Failed(rDxGetIpConfiguration(&configuration))) {
+            Add("DhcpMode", MakeInteger(DhcpMode(configuration.iMode)));
+        }
+        static_cast<void>(
+            rDxGetActiveIpConf(address, netmask, gateway, kAddressSize)); // kept: what it filled counts
+        Add("IpAddress", MakeText(address));
+        Add("Netmask", MakeText(netmask));
+        Add("DefaultGateway", MakeText(gateway));
+    }
+
+    void AddFirmware() {
+        unsigned long revision = 0;
+        if (!Failed(rDxGetFirmwareRev(&revision)))
+            Add("FirmwareRev", MakeInteger(static_cast<int>(revision)));
+    }
+
+    void AddAllocation() {
+        unsigned long controlled = 0;
+        DeviceText allocation = {"0"};
+        DeviceText owner;
+        DeviceText controlledBy;
+        if (Failed(rDxGetAllocStatus(&controlled, allocation.text, owner.text, controlledBy.text, nullptr)))
+            return;
+        Add("IsAllocated", MakeText(allocation.text));
+        Add("DeviceOwner", MakeText(owner.text));
+        Add("IfUsage", MakeInterfaceUsage(type_, controlled != 0, controlledBy.text));
+    }
+
+    void AddAttributes() {
+        const DeviceAttributes attributes;
+        Failed(attributes.Known() ? 0 : kQueryFailed);
+        Add("SlpAttributes", attributes.Make());
+    }
+
+    void Add(const char* key, OwnedValue value) {
+        if (!SetMember(answer_, key, std::move(value))) answer_.reset();
+    }
+
+    int Assign(TavrinResponse* result) {
+        Add("Status", MakeStatus(code_, 0, MakeNull()));
+        return AssignWddxResult(result, answer_.get(), "rDxGetDeviceStatus") == 0 ? kAnswered : kNotAssigned;
+    }
+
+private:
+    bool Failed(int result) {
+        if (result != 0) code_ = kQueryFailed;
+        return result != 0;
+    }
+
+    OwnedValue answer_ = MakeStruct();
+    int type_ = 0;
+    int code_ = 0;
+};
+
+// --- rdxGetVehicleStatus --------------------------------------------------------------------------------
+
+constexpr Outcome kVehicleOutcomes[] = {
+    {1, 42030, 9011, Detail::kReason},
+    {2, 42020, 9012, Detail::kOwner}, // owned by another
+    {3, -1, 9072, Detail::kReason},
+    {kAnyOther, -1, 9071, Detail::kReason},
+};
+
+// "KLine" and "LLine" for the device library's state of a line.
+int LineState(int state) {
+    switch (state) {
+    case 5:
+        return 41150;
+    case 6:
+        return 41151;
+    case 2:
+    case 3:
+        return 41152;
+    default:
+        return 41153;
+    }
+}
+
+// A device without a MOST ring has no "MOST".
+std::optional<int> MostState(unsigned long state) {
+    constexpr auto kNoMost = static_cast<unsigned long>(-1);
+    if (state == kNoMost) return std::nullopt;
+    return state == 0 ? 41153 : 41154;
+}
+
+// The TD signal's period from the device library's raw units, cut towards zero; what a client's 32 bits
+// cannot hold becomes the nearest number that they can.
+int TdPeriod(int raw) {
+    const std::int64_t period = std::int64_t{raw} * 32 / 10;
+    return static_cast<int>(std::clamp<std::int64_t>(period, INT_MIN, INT_MAX));
+}
+
+OwnedValue MakeVoltage(const Measures& measures) {
+    OwnedValue voltage = MakeStruct();
+    const bool complete = SetMember(voltage, "Terminal_15", MakeInteger(measures.iTerminal15)) &&
+                          SetMember(voltage, "Terminal_30", MakeInteger(measures.iTerminal30));
+    return complete ? std::move(voltage) : nullptr;
+}
+
+OwnedValue MakeTdSignal(const Measures& measures) {
+    OwnedValue signal = MakeStruct();
+    const bool complete = SetMember(signal, "Period", MakeInteger(TdPeriod(measures.iTdPeriod))) &&
+                          SetMember(signal, "IsValid", MakeFlag(measures.iTdValid != 0));
+    return complete ? std::move(signal) : nullptr;
+}
+
+OwnedValue MakeLineStatus(const Measures& measures, std::optional<int> most) {
+    OwnedValue lines = MakeStruct();
+    const bool complete = SetMember(lines, "KLine", MakeInteger(LineState(measures.iKLine))) &&
+                          SetMember(lines, "LLine", MakeInteger(LineState(measures.iLLine))) &&
+                          (!most || SetMember(lines, "MOST", MakeInteger(*most)));
+    return complete ? std::move(lines) : nullptr;
+}
+
+int TransmissionQuality() {
+    unsigned long quality = 0;
+    return rDxGetTransmissionQuality(&quality) == 0 ? static_cast<int>(quality) : 0;
+}
+
 } // namespace
 
 int ProcessGetVersion(TavrinRequest* call, TavrinResponse* result) {
     std::printf("\nProcessGetVersion");
-    WddxValue* arguments = nullptr;
-    const int parsed = ParseWddxPacketData(call->pszWddxArgs, &arguments);
-    const OwnedValue argumentsOwner(arguments);
-    int version = 0; // asked for, but every version is answered alike
-    if (parsed != 0 || GetDataIntParam(arguments, "version", &version) != 0) return kBadCall;
+    const Arguments arguments(*call);
+    if (!arguments.IntegerOrFlag("version")) return kBadCall; // asked for, but all are answered alike
 
     OwnedText text = AllocateBytes(kVersionResultSize);
     if (!text) return kNotAssigned;
@@ -46,9 +306,31 @@ int ProcessGetVersion(TavrinRequest* call, TavrinResponse* result) {
     return 0;
 }
 
-int ProcessGetDeviceStatus(TavrinRequest* call, TavrinResponse* result) {
-    return ProcessUnknown(call, result);
+int ProcessGetDeviceStatus(TavrinRequest* /*call*/, TavrinResponse* result) {
+    DeviceStatus status;
+    status.AddType();
+    status.Add("UpTime", MakeInteger(UpTime()));
+    status.AddSelfTest();
+    status.AddNetwork();
+    status.AddFirmware();
+    status.AddAllocation();
+    status.AddAttributes();
+    return status.Assign(result);
 }
+
 int ProcessGetVehicleStatus(TavrinRequest* call, TavrinResponse* result) {
-    return ProcessUnknown(call, result);
+    const Arguments arguments(*call);
+    const char* const owner = arguments.Text("DeviceOwner", kOwnerMax);
+    if (owner == nullptr) return kBadCall;
+    Measures measures{};
+    unsigned long most = 0;
+    const int done = rDxGetVehicleStatus(owner, &measures, &most);
+    Answer answer(FindOutcome(kVehicleOutcomes, done));
+    if (done == 0) {
+        answer.Add("Voltage", MakeVoltage(measures));
+        answer.Add("TdSignal", MakeTdSignal(measures));
+        answer.Add("LineStatus", MakeLineStatus(measures, MostState(most)));
+        answer.Add("TransmissionQuality", MakeInteger(TransmissionQuality()));
+    }
+    return answer.Assign(result, "rdxGetVehicleStatus");
 }

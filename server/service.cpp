@@ -12,6 +12,7 @@
 #include "common/signal_windows.h"
 #include "rDxsd/rDxsd.h"
 #include "server/descriptors.h"
+#include "server/serving.h"
 #include "server/slots.h"
 
 #include <algorithm>
@@ -37,8 +38,6 @@ rdx::ServicePool* servicePool = nullptr;
 bool IsRaised(const unsigned char& flag) { return rdx::LoadShared(flag) != 0; }
 void Raise(unsigned char& flag) { rdx::StoreShared<unsigned char>(flag, 1); }
 bool ShallEnd() { return IsRaised(ucTerminated) || IsRaised(ucReconfigured); }
-
-bool Traces() { return rdx::VerbosityAbove(VERBOSITY_LOG); }
 
 // Sleeping here paces the loop, and lets the caught signals in.
 void Pace() {
@@ -106,7 +105,7 @@ private:
 
     // False when no connection could be accepted.
     bool Accept() {
-        if (Traces()) rdx::LogThread("RunHttpServer()", "found activity on server socket", server_);
+        if (rdx::Traces()) rdx::LogThread("RunHttpServer()", "found activity on server socket", server_);
         sockaddr_in peer{};
         socklen_t size = sizeof peer;
         const int client = accept(server_, reinterpret_cast<sockaddr*>(&peer), &size);
@@ -139,9 +138,9 @@ private:
     // False when the server is to end because a thread could not be started.
     bool Serve(int descriptor) {
         printf("\nHttpServer: Handling socket (%d)", descriptor);
-        if (Traces()) rdx::LogThread("RunHttpServer()", "handling service on descriptor", descriptor);
+        if (rdx::Traces()) rdx::LogThread("RunHttpServer()", "handling service on descriptor", descriptor);
         rdx::RemoveDescriptor(watched_, descriptor);
-        if (Traces()) rdx::LogThread("RunHttpServer()", "removed handle from active set", descriptor);
+        if (rdx::Traces()) rdx::LogThread("RunHttpServer()", "removed handle from active set", descriptor);
         const auto body = rdx::LoadShared(ucRunAsJunior) != 0 ? ServeClientInStages : ServeClient;
         if (pool_ != nullptr) return ServeOnThread(descriptor, body);
         ServiceCall& slot = slots_[0];
@@ -169,7 +168,7 @@ private:
         const ThreadID thread = rdx::LoadShared(slot->hThreadId);
         RDX_CHECK(thread != 0, "pSvc->hThreadId != 0L");
         RDX_CHECK(thread != kNoThread, "pSvc->hThreadId != ((ThreadID)(-1))");
-        if (Traces()) rdx::LogThread("RunHttpServer()", "created thread ID =", static_cast<int>(thread));
+        if (rdx::Traces()) rdx::LogThread("RunHttpServer()", "created thread ID =", static_cast<int>(thread));
         return true;
     }
 
@@ -193,30 +192,13 @@ private:
     timeval timeout_{0, 500'000}; // set once: when it is used up, `select` polls and Pace alone paces
 };
 
-// Puts a connection whose answer has been sent back into the watched set. False when its loop has ended.
-bool WatchAgain(const ServiceCall& slot) {
-    rdx::ServicePool* const pool = rdx::ServicePool::OfThisThread();
-    if (pool != nullptr && slot.pFdSet == &pool->Watched()) return pool->Watch(slot.hSocket);
-    rdx::AddDescriptor(*slot.pFdSet, slot.hSocket);
-    return true;
-}
-
 void CloseAnswered(int socket) {
     rdx::AwaitDelivery(socket);
     shutdown(socket, SHUT_RDWR);
     CloseSocket(socket);
-    if (Traces()) rdx::LogThread("ServeClientDone()", "client socket closed", socket);
+    if (rdx::Traces()) rdx::LogThread("ServeClientDone()", "client socket closed", socket);
     printf("\nServeClientDone: Socket closed");
 }
-
-// Ends a serving thread that is done with its slot; does not return.
-void EndServingThread(int status) {
-    rdx::ServicePool* const pool = rdx::ServicePool::OfThisThread();
-    if (pool != nullptr) pool->EndThisThread(status);
-    ThreadTerminate(static_cast<unsigned long>(status));
-}
-
-constexpr const char* kContentType = "text/html";
 
 // The answer to a request for which there is no result.
 struct ErrorPage {
@@ -226,15 +208,11 @@ struct ErrorPage {
     const char* trace;
 };
 
-constexpr ErrorPage kBadRequest = {-400, 400, "<HTML><BODY>Invalid Request</BODY></HTML>",
-                                   "\nServeClient: HTTP_BAD_REQUEST"};
-constexpr ErrorPage kUnauthorized = {-401, 401, "<HTML><BODY>Unauthorized</BODY></HTML>",
-                                     "ServeClient: HTTP_UNAUTHORIZED"};
-constexpr ErrorPage kNotFound = {-404, 404, "<HTML><BODY>Not Found</BODY></HTML>",
-                                 "ServeClient: HTTP_NOT_FOUND"};
-constexpr ErrorPage kNotAllowed = {-405, 405, "<HTML><BODY>Method not allowed</BODY></HTML>",
-                                   "ServeClient: HTTP_METHOD_NOT_ALLOWED"};
-constexpr ErrorPage kInternalError = {-500, 500, "<HTML><BODY>Internal Server Error</BODY></HTML>",
+constexpr ErrorPage kBadRequest = {-400, 400, rdx::kInvalidRequestPage, "\nServeClient: HTTP_BAD_REQUEST"};
+constexpr ErrorPage kUnauthorized = {-401, 401, rdx::kUnauthorizedPage, "ServeClient: HTTP_UNAUTHORIZED"};
+constexpr ErrorPage kNotFound = {-404, 404, rdx::kNotFoundPage, "ServeClient: HTTP_NOT_FOUND"};
+constexpr ErrorPage kNotAllowed = {-405, 405, rdx::kNotAllowedPage, "ServeClient: HTTP_METHOD_NOT_ALLOWED"};
+constexpr ErrorPage kInternalError = {-500, 500, rdx::kInternalErrorPage,
                                       "ServeClient: HTTP_INTERNAL_SERVER_ERROR"};
 constexpr std::array kErrorPages = {kBadRequest, kUnauthorized, kNotFound, kNotAllowed};
 
@@ -246,37 +224,26 @@ const ErrorPage& PageFor(int result) {
 // Builds the answer to a request and prints its trace; the result is CreateHttpResponse's.
 int BuildAnswer(int result, std::string_view output, HttpResponse** response) {
     if (result == 200) {
-        const int built = CreateHttpResponse(response, 200, kContentType, output.data(),
+        const int built = CreateHttpResponse(response, 200, rdx::kContentType, output.data(),
                                              static_cast<unsigned int>(output.size()));
         printf("ServeClient: HTTP_OK");
         return built;
     }
     const ErrorPage& page = PageFor(result);
     printf("%s", page.trace);
-    const int built = CreateHttpResponse(response, page.status, kContentType, page.body,
+    const int built = CreateHttpResponse(response, page.status, rdx::kContentType, page.body,
                                          static_cast<unsigned int>(std::strlen(page.body)));
     if (page.status == kBadRequest.status) printf("\nServeClient-: HTTP_BAD_REQUEST %d", built);
     return built;
 }
 
-void DeleteRequest(HttpRequest* request) {
-    if (request == nullptr) return;
-    FreeHttpRequest(request);
-    std::free(request);
-}
-
-void DeleteResponse(HttpResponse* response) {
-    FreeHttpResponse(response);
-    std::free(response);
-}
-
 // Writes a response out and sends it, and releases it. The bytes sent, -3 when it could not be written out,
 // or what SendSocket returned.
-int SendResponse(int socket, HttpResponse* response, std::span<char> buffer) {
+int SendResponse(int socket, rdx::OwnedResponse response, std::span<char> buffer) {
     constexpr int kNotSerialised = -3;
     const int length =
-        SerializeHttpResponse(response, buffer.data(), static_cast<unsigned int>(buffer.size()));
-    DeleteResponse(response);
+        SerializeHttpResponse(response.get(), buffer.data(), static_cast<unsigned int>(buffer.size()));
+    response.reset();
     if (length < 0) return kNotSerialised;
     const int sent = SendSocket(socket, buffer.data(), length);
     if (sent >= 0 && rdx::VerbosityAbove(VERBOSITY_WARN)) {
@@ -287,7 +254,7 @@ int SendResponse(int socket, HttpResponse* response, std::span<char> buffer) {
 
 // Handles and answers a request that has been read, or could not be. Releases the request. The status of
 // the service: the bytes sent, -2 when no answer could be made, or SendResponse's.
-int Answer(ServiceCall& slot, int result, HttpRequest* request) {
+int Answer(ServiceCall& slot, int result, rdx::OwnedRequest request) {
     constexpr int kNotBuilt = -2;
     constexpr std::size_t kErrorPageSize = 1024; // room for any answer without a result
     char small[kErrorPageSize];
@@ -299,20 +266,17 @@ int Answer(ServiceCall& slot, int result, HttpRequest* request) {
     }
     unsigned int length = SERVICE_BUFFER_SIZE;
     if (result == 200) {
-        result = HandleRequest(request, output.get(), &length, 0, &slot.ucTerminate, &slot.ucKeepAlive);
+        result = HandleRequest(request.get(), output.get(), &length, 0, &slot.ucTerminate, &slot.ucKeepAlive);
     }
     if (result == 200) output.get()[SERVICE_BUFFER_SIZE - 1] = '\0';
     HttpResponse* response = nullptr;
     const int built = BuildAnswer(result, {output.get(), result == 200 ? length : 0}, &response);
-    DeleteRequest(request);
+    request.reset();
     if (built < 0) return kNotBuilt;
-    return SendResponse(slot.hSocket, response,
+    return SendResponse(slot.hSocket, rdx::OwnedResponse(response),
                         serialised ? std::span(serialised.get(), SERVICE_BUFFER_SIZE)
                                    : std::span<char>(small));
 }
-
-// A service's status as the result of a thread body.
-void* AsResult(int status) { return reinterpret_cast<void*>(static_cast<std::intptr_t>(status)); }
 
 } // namespace
 
@@ -380,13 +344,13 @@ void UpdateServerStatus(ServiceCall* pBase, int nSlots) {
         if (status != SERVICE_FINISHED) continue;
         if (slot.ucTerminate != 0) {
             Raise(ucTerminated);
-            if (Traces()) {
+            if (rdx::Traces()) {
                 rdx::LogThread("UpdateServerStatus()",
                                "termination request from thread ID=", static_cast<int>(thread));
             }
         } else if (slot.ucReconfigure != 0) {
             Raise(ucReconfigured);
-            if (Traces()) {
+            if (rdx::Traces()) {
                 rdx::LogThread("UpdateServerStatus()",
                                "reconfiguration request from thread ID=", static_cast<int>(thread));
             }
@@ -401,16 +365,15 @@ int ServeClientDone(ServiceCall* pArgs, int iSvcStatus, int bKeepAlive) {
     const int client = pArgs->hSocket;
     const bool keep = iSvcStatus > 0 && bKeepAlive != 0;
     RDX_CHECK(!keep || pArgs->pFdSet != nullptr, "pArgs->pFdSet != __null");
-    if (keep && WatchAgain(*pArgs)) {
-        if (Traces()) rdx::LogThread("ServeClientDone()", "added handle to active set again", client);
+    if (keep && rdx::WatchAgain(*pArgs)) {
+        if (rdx::Traces()) rdx::LogThread("ServeClientDone()", "added handle to active set again", client);
     } else {
         CloseAnswered(client);
     }
     const ThreadID thread = rdx::LoadShared(pArgs->hThreadId);
     RDX_CHECK(thread != 0, "pArgs->hThreadId != 0L");
     RDX_CHECK(PrimaryThreadID() != 0, "PrimaryThreadID() != 0L");
-    rdx::StoreShared<int>(pArgs->iSvcStatus, SERVICE_FINISHED);
-    if (thread != PrimaryThreadID()) EndServingThread(iSvcStatus);
+    rdx::FinishService(*pArgs, thread, iSvcStatus);
     return iSvcStatus;
 }
 
@@ -431,9 +394,7 @@ int HandleRequest(HttpRequest* pReq, char* pBuf, unsigned int* pLen, unsigned in
     unsigned long length = *pLen; // the handler's type, which may be wider than the caller's
     const int handled = handler(pReq, pBuf, &length, pTerminate);
     *pLen = static_cast<unsigned int>(length);
-    if (handled == 0 && *pTerminate != 0 && rdx::VerbosityAbove(VERBOSITY_WARN)) {
-        rdx::LogThread("ServeClient()", "termination request from handle =", pReq->iSocket);
-    }
+    if (handled == 0 && *pTerminate != 0) rdx::LogTermination("ServeClient()", *pReq);
     *pKeepAlive = pReq->ucKeepAlive;
     if (handled == 0) return 200;
     if (handled > 0) return kBadRequest.result;
@@ -445,19 +406,9 @@ void* ServeClient(ServiceCall* pArgs) {
     RDX_CHECK(pArgs->pFdSet != nullptr, "pArgs->pFdSet != __null");
     RDX_CHECK(rdx::LoadShared(pArgs->iSvcStatus) == SERVICE_RUNNING, "pArgs->iSvcStatus == 1");
     constexpr int kNoRequest = -1;
-    HttpRequest* request = nullptr;
-    const int result = ConsumeHttpRequest(pArgs->hSocket, &request);
-    // A connection that closed before a request looks like one that began with an empty line, which is
-    // answered; there is nobody left to answer here.
-    const bool closed =
-        request != nullptr && request->pszUri == nullptr && rdx::PeerHasClosed(pArgs->hSocket);
-    int status = kNoRequest;
-    if (result == 0 || result == kNoRequest || closed) {
-        DeleteRequest(request);
-    } else {
-        status = Answer(*pArgs, result, request);
-    }
-    return AsResult(ServeClientDone(pArgs, status, pArgs->ucKeepAlive));
+    rdx::OwnedRequest request;
+    const int result = rdx::ReadRequest(pArgs->hSocket, request);
+    const bool readable = result != 0 && result != kNoRequest;
+    const int status = readable ? Answer(*pArgs, result, std::move(request)) : kNoRequest;
+    return rdx::AsResult(ServeClientDone(pArgs, status, pArgs->ucKeepAlive));
 }
-
-void* ServeClientInStages(ServiceCall* pArgs) { return ServeClient(pArgs); }

@@ -128,8 +128,40 @@ RDX_API int HandleRequest(HttpRequest* pReq, char* pBuf, unsigned int* pLen, uns
  */
 RDX_API void* ServeClient(ServiceCall* pArgs);
 
-/* Serves one request in junior mode. As ServeClient. */
+/*
+ * Serves one request in junior mode. Without a "SvcTicket" in the query it is handled and answered; with one
+ * it is acknowledged at once, then handled, and the result is posted to the administration server. Statuses
+ * and bodies differ from ServeClient's where a request is bad or not authorised (kept), and the connection is
+ * kept by what the slot's flag says, not the request's. Does not return on a serving thread. The result is
+ * the service's status as an integer: the bytes of the response sent; 0 the result was taken by the
+ * administration server; -1 no request; -2 the response or the follow-up could not be made; -3 the response
+ * could not be written out or sent whole, or the administration server not reached; -4 the follow-up was not
+ * sent or not answered; -5 it was answered with another status than 200.
+ * Keeps some 400 KB on the stack. Ends the process by assertion as ServeClient does.
+ */
 RDX_API void* ServeClientInStages(ServiceCall* pArgs);
+
+/*
+ * Sends a response and keeps or closes the connection. Releases the request, which may be null, and the
+ * response, contents and record each.
+ *   iRspStatus  what CreateHttpResponse returned for the response
+ *   pRspBuf     room for the response written out, SERVICE_BUFFER_SIZE bytes
+ *   iSvcStat    the service's status so far; below 0 nothing is sent and the connection is closed
+ *   pSvc        the connection and the watched set it goes back to
+ *   pArgs       not used
+ *   ucKeepAlive not 0: a connection that was answered is kept
+ * Returns the bytes sent, `iSvcStat` when that is below 0, -2 when there is no response, -3 when it could not
+ * be written out, or what SendSocket returned. Ends the process by assertion when a response or buffer that
+ * is needed is null, or the status comes out as 0.
+ */
+RDX_API int FinalizeRequest(HttpRequest* pReq, HttpResponse* pRsp, int iRspStatus, char* pRspBuf,
+                            int iSvcStat, ServiceCall* pSvc, ServiceCall* pArgs, unsigned char ucKeepAlive);
+
+/*
+ * Writes the acknowledge that quotes a ticket into `pBuf` of `uiBufsize` bytes, NUL-terminated. Returns the
+ * number of characters. Ends the process by assertion when `pBuf` is null or smaller than 389 bytes.
+ */
+RDX_API int GenerateAcknowledge(char* pBuf, unsigned int uiBufsize, unsigned long ulTicket);
 
 #ifdef __cplusplus
 }

@@ -45,6 +45,7 @@ cmake -S "$source/examples" -B "$work/cmake" -DCMAKE_PREFIX_PATH="$prefix" >"$wo
     cmake --build "$work/cmake" >>"$work/log" 2>&1 || fail "find_package: $(cat "$work/log")"
 g++ -x c -std=c11 -Wall -Wextra -Wpedantic -Werror "$source/examples/host.c" -x none \
     $(pkg-config --cflags --libs rDxsH) -Wl,-rpath,"$libdir" -o "$work/host" || fail "pkg-config"
+"$source/tests/package/request_page_test.sh" "$work/cmake/request_page" || fail "the page of a request"
 
 # serve PROGRAM: starts it on a free port. A port that is taken ends the program with -9; try another.
 serve() {

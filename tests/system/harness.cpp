@@ -321,6 +321,7 @@ void Server::Spawn(const std::vector<std::string>& arguments) {
     changes.emplace_back("RDX_TEST_HELD_DESCRIPTORS", std::to_string(options_.heldDescriptors));
     // The handler runs only where the server holds no lock, which the thread sanitizer cannot know.
     const char* sanitizer = std::getenv("TSAN_OPTIONS");
+    changes.emplace_back("RDX_SIM_STATE", ""); // each server a device of its own, in memory
     changes.emplace_back("TSAN_OPTIONS",
                          "report_signal_unsafe=0 " + std::string(sanitizer == nullptr ? "" : sanitizer));
     std::vector<std::string> variables = Environment(changes);

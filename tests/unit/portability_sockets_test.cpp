@@ -1454,6 +1454,149 @@ TEST_F(Windows, SendFailuresAsWithoutThem) {
     });
 }
 
+// A peer that neither accepts nor refuses: the queue of its listening socket is full.
+class SilentPeer {
+public:
+    SilentPeer() : server_(NewSocket()) {
+        if (!Bind(server_, AddressOf("127.0.0.1", 0)) || listen(server_.Get(), 0) != 0) std::abort();
+        while (Queues()) {
+        }
+    }
+
+    int Port() const { return PortOf(server_); }
+
+    // Accepts everybody from now on.
+    void Accept() {
+        for (std::size_t i = 0; i < queued_.size(); ++i) Socket(accept(server_.Get(), nullptr, nullptr));
+    }
+
+    // Refuses everybody from now on.
+    void Refuse() { server_.Close(); }
+
+private:
+    // Queues a connection; false when there is no room for it.
+    bool Queues() {
+        constexpr int kSettlingMs = 100;
+        Socket client(socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK, 0));
+        Connect(client, AddressOf("127.0.0.1", Port()));
+        pollfd state{client.Get(), POLLOUT, 0};
+        if (poll(&state, 1, kSettlingMs) == 0) return false;
+        queued_.push_back(std::move(client));
+        return true;
+    }
+
+    Socket server_;
+    std::vector<Socket> queued_;
+};
+
+int ConnectExt(int port, int* handle) {
+    return CreateClntSocketExt("127.0.0.1", 0, "127.0.0.1", static_cast<unsigned short>(port), handle);
+}
+
+int Connect(int port, int* handle) {
+    return CreateClntSocket("127.0.0.1", std::to_string(port).c_str(), handle);
+}
+
+TEST_F(Windows, ConnectAsWithoutThem) {
+    OnThread([] {
+        const Socket server = Listen();
+        for (const auto connect : {ConnectExt, Connect}) {
+            Socket client;
+            ASSERT_EQ(connect(PortOf(server), client.Out()), 0);
+            EXPECT_EQ(PeerName(client), LocalName(server));
+            EXPECT_EQ(fcntl(client.Get(), F_GETFL) & O_NONBLOCK, 0) << "later receives wait";
+            EXPECT_EQ(OptionOf<int>(client, SOL_SOCKET, SO_ERROR), 0);
+        }
+        const int nobody = FreePort();
+        int handle = 4711;
+        EXPECT_EQ(ConnectExt(nobody, &handle), -6);
+        EXPECT_EQ(errno, ECONNREFUSED);
+        EXPECT_EQ(handle, -1);
+        handle = 4711;
+        EXPECT_EQ(Connect(nobody, &handle), -5);
+        EXPECT_EQ(handle, 4711);
+    });
+}
+
+TEST_F(Windows, EndAWaitingConnectByATerminatingSignal) {
+    OnThread([] {
+        const SilentPeer peer;
+        const int descriptors = OpenDescriptors();
+        SignalMyself(SIGTERM);
+        int handle = 4711;
+        EXPECT_EQ(ConnectExt(peer.Port(), &handle), -6);
+        EXPECT_EQ(errno, EINTR);
+        EXPECT_EQ(handle, -1);
+        EXPECT_EQ(handledSignals, 1);
+        EXPECT_EQ(ConnectExt(peer.Port(), &handle), -6) << "nor does a later wait begin";
+        EXPECT_EQ(OpenDescriptors(), descriptors);
+    });
+    OnThread([] {
+        const SilentPeer peer;
+        const int descriptors = OpenDescriptors();
+        SignalMyself(SIGHUP);
+        int handle = 4711;
+        EXPECT_EQ(Connect(peer.Port(), &handle), -5);
+        EXPECT_EQ(handle, 4711);
+        EXPECT_EQ(handledSignals, 1);
+        EXPECT_EQ(OpenDescriptors(), descriptors);
+    });
+}
+
+TEST_F(Windows, GoOnConnectingAfterSigusr1) {
+    OnThread([] {
+        SilentPeer peer;
+        SignalMyself(SIGUSR1);
+        std::thread accepting([&] {
+            EXPECT_TRUE(Eventually([] { return handledSignals == 1; }));
+            peer.Accept();
+        });
+        Socket client;
+        EXPECT_EQ(ConnectExt(peer.Port(), client.Out()), 0);
+        accepting.join();
+        EXPECT_EQ(PeerName(client), "127.0.0.1:" + std::to_string(peer.Port()));
+        EXPECT_EQ(fcntl(client.Get(), F_GETFL) & O_NONBLOCK, 0);
+    });
+}
+
+TEST_F(Windows, TellARefusalThatComesLate) {
+    OnThread([] {
+        SilentPeer peer;
+        const int port = peer.Port();
+        SignalMyself(SIGUSR1);
+        std::thread refusing([&] {
+            EXPECT_TRUE(Eventually([] { return handledSignals == 1; }));
+            peer.Refuse();
+        });
+        int handle = 4711;
+        EXPECT_EQ(ConnectExt(port, &handle), -6);
+        EXPECT_EQ(errno, ECONNREFUSED);
+        EXPECT_EQ(handle, -1);
+        refusing.join();
+    });
+}
+
+TEST_F(Windows, FailAConnectOfWhichAStepFails) {
+    OnThread([] {
+        const Socket server = Listen();
+        for (int nth = 1; nth <= 3; ++nth) { // what the socket is, not to wait, to wait again
+            const Failure failure;
+            const FailCall fault("fcntl", nth, EPERM);
+            int handle = 4711;
+            failure.Expect(ConnectExt(PortOf(server), &handle), -6, 1);
+            EXPECT_EQ(handle, -1);
+            EXPECT_TRUE(fault.Struck());
+        }
+        const Failure failure;
+        const FailCall underWay("connect", 1, EINPROGRESS);
+        const FailCall unknown("getsockopt", 1, EPERM);
+        int handle = 4711;
+        failure.Expect(ConnectExt(PortOf(server), &handle), -6, 1);
+        EXPECT_EQ(handle, -1);
+        EXPECT_TRUE(unknown.Struck());
+    });
+}
+
 TEST_F(Windows, AreNoMatterToOtherThreads) {
     const Handlers handlers;
     StoreShared(signalled, 1);
@@ -1468,6 +1611,11 @@ TEST_F(Windows, AreNoMatterToOtherThreads) {
     EXPECT_EQ(Line(connection).text, "def");
     EXPECT_EQ(SendSocket(connection.near.Get(), "xyz", 3), 3);
     peer.join();
+    const int before = CallsOf("fcntl");
+    const Socket server = Listen();
+    Socket client;
+    EXPECT_EQ(ConnectExt(PortOf(server), client.Out()), 0);
+    EXPECT_EQ(CallsOf("fcntl"), before) << "the connect itself waits";
 }
 
 using AwaitDeliveryTest = Windows;

@@ -1,0 +1,59 @@
+#include "server/serving.h"
+
+#include "common/delivery.h"
+#include "common/log.h"
+#include "common/log_lines.h"
+#include "common/shared.h"
+#include "server/descriptors.h"
+#include "server/slots.h"
+
+#include <cstdint>
+#include <cstdlib>
+
+namespace rdx {
+
+void DeleteRequest::operator()(HttpRequest* request) const {
+    FreeHttpRequest(request);
+    std::free(request);
+}
+
+void DeleteResponse::operator()(HttpResponse* response) const {
+    FreeHttpResponse(response);
+    std::free(response);
+}
+
+int ReadRequest(int socket, OwnedRequest& request) {
+    constexpr int kNobodyThere = 0;
+    HttpRequest* read = nullptr;
+    const int result = ConsumeHttpRequest(socket, &read);
+    request.reset(read);
+    if (!request || request->pszUri != nullptr || !PeerHasClosed(socket)) return result;
+    request.reset();
+    return kNobodyThere;
+}
+
+bool Traces() { return VerbosityAbove(VERBOSITY_LOG); }
+
+void LogTermination(const char* label, const HttpRequest& request) {
+    if (VerbosityAbove(VERBOSITY_WARN))
+        LogThread(label, "termination request from handle =", request.iSocket);
+}
+
+bool WatchAgain(const ServiceCall& slot) {
+    ServicePool* const pool = ServicePool::OfThisThread();
+    if (pool != nullptr && slot.pFdSet == &pool->Watched()) return pool->Watch(slot.hSocket);
+    AddDescriptor(*slot.pFdSet, slot.hSocket);
+    return true;
+}
+
+void FinishService(ServiceCall& slot, ThreadID thread, int status) {
+    StoreShared<int>(slot.iSvcStatus, SERVICE_FINISHED);
+    if (thread == PrimaryThreadID()) return;
+    ServicePool* const pool = ServicePool::OfThisThread();
+    if (pool != nullptr) pool->EndThisThread(status);
+    ThreadTerminate(static_cast<unsigned long>(status));
+}
+
+void* AsResult(int status) { return reinterpret_cast<void*>(static_cast<std::intptr_t>(status)); }
+
+} // namespace rdx

@@ -1,0 +1,53 @@
+// What the two serving bodies share.
+#ifndef RDX_SERVER_SERVING_H
+#define RDX_SERVER_SERVING_H
+
+#include "server/service.h"
+
+#include <memory>
+
+namespace rdx {
+
+inline constexpr const char* kContentType = "text/html"; // of every response
+
+inline constexpr const char* kInvalidRequestPage = "<HTML><BODY>Invalid Request</BODY></HTML>";
+inline constexpr const char* kBadRequestPage = "<HTML><BODY>Bad Request</BODY></HTML>";
+inline constexpr const char* kUnauthorizedPage = "<HTML><BODY>Unauthorized</BODY></HTML>";
+inline constexpr const char* kNotFoundPage = "<HTML><BODY>Not Found</BODY></HTML>";
+inline constexpr const char* kNotAllowedPage = "<HTML><BODY>Method not allowed</BODY></HTML>";
+inline constexpr const char* kInternalErrorPage = "<HTML><BODY>Internal Server Error</BODY></HTML>";
+inline constexpr const char* kOutOfResourcesPage = "<HTML><BODY>Out of Resources</BODY></HTML>";
+
+struct DeleteRequest {
+    void operator()(HttpRequest* request) const;
+};
+using OwnedRequest = std::unique_ptr<HttpRequest, DeleteRequest>;
+
+struct DeleteResponse {
+    void operator()(HttpResponse* response) const;
+};
+using OwnedResponse = std::unique_ptr<HttpResponse, DeleteResponse>;
+
+// Reads a request: ConsumeHttpRequest's result, or 0 when the peer closed before it sent one. That would look
+// like a request that begins with an empty line, which is answered; here nobody is left to answer.
+int ReadRequest(int socket, OwnedRequest& request);
+
+// True when per-connection and per-thread tracing is wanted.
+bool Traces();
+
+// Logs that a handler asked the server to stop, on behalf of a serving body.
+void LogTermination(const char* label, const HttpRequest& request);
+
+// Puts a connection back into the watched set. False when its loop has ended: the caller closes it.
+bool WatchAgain(const ServiceCall& slot);
+
+// Marks the slot finished, which must not be touched any more. On a serving thread it ends the thread with
+// the status, otherwise it returns.
+void FinishService(ServiceCall& slot, ThreadID thread, int status);
+
+// A service's status as the result of a thread body.
+void* AsResult(int status);
+
+} // namespace rdx
+
+#endif

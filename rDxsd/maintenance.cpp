@@ -95,10 +95,15 @@ private:
             GetDataIntParam(element, "EnforceReg", &enforce) != 0) {
             return false;
         }
-        names_.get()[count_] = GetDataStringParam(element, "AttributeName");
-        values_.get()[count_] = GetDataStringParam(element, "AttributeValue");
         enforce_ |= enforce;
-        return true;
+        return ReadText(element, "AttributeName", names_.get()[count_]) &&
+               ReadText(element, "AttributeValue", values_.get()[count_]);
+    }
+
+    // Either text may be absent, which the device sees as a null pointer.
+    static bool ReadText(WddxValue* element, const char* name, char*& text) {
+        text = GetDataStringParam(element, name);
+        return text != nullptr || IsAbsent(element, name);
     }
 
     Owned<char*> names_;
@@ -131,13 +136,15 @@ int ProcessSetIpConfiguration(TavrinRequest* call, TavrinResponse* result) {
     const char* const address = arguments.Text("IpAddress", kAddressMax);
     const char* const netmask = arguments.Text("Netmask", kAddressMax);
     const char* const gateway = arguments.Text("DefaultGateway", kAddressMax);
+    const char* const host = arguments.OptionalText("Hostname");
     const std::optional<int> mode = arguments.IntegerOrFlag("DhcpMode");
-    if (owner == nullptr || address == nullptr || netmask == nullptr || gateway == nullptr || !mode) {
+    if (owner == nullptr || address == nullptr || netmask == nullptr || gateway == nullptr ||
+        host == nullptr || !mode) {
         return kBadCall;
     }
     unsigned long rebootRequired = 0;
-    const int done = rDxSetIpConfiguration(owner, address, netmask, gateway, AddressMode(*mode),
-                                           arguments.OptionalText("Hostname"), &rebootRequired);
+    const int done =
+        rDxSetIpConfiguration(owner, address, netmask, gateway, AddressMode(*mode), host, &rebootRequired);
     Answer answer(FindOutcome(kSetIpOutcomes, done));
     answer.Add("RebootRequired", MakeFlag(rebootRequired != 0));
     return answer.Assign(result, "rDxSetIpConfiguration");
@@ -180,9 +187,13 @@ int ProcessUpdateDeviceFirmware(TavrinRequest* call, TavrinResponse* result) {
     const char* const owner = arguments.Text("DeviceOwner");
     const char* const url = arguments.Text("DownloadUrl");
     const int revision = arguments.Integer("FirmwareRev").value_or(0);
-    if (owner == nullptr || url == nullptr || revision == 0) return kBadCall;
-    const int done =
-        rDxUpdateDeviceFirmware(owner, url, kRevision, arguments.Integer("IsSigned").value_or(0),
-                                arguments.OptionalText("MethodOfTrust"), arguments.OptionalText("CaCert"));
+    const std::optional<int> isSigned = arguments.OptionalInteger("IsSigned");
+    const char* const trust = arguments.OptionalText("MethodOfTrust");
+    const char* const certificate = arguments.OptionalText("CaCert");
+    if (owner == nullptr || url == nullptr || revision == 0 || !isSigned || trust == nullptr ||
+        certificate == nullptr) {
+        return kBadCall;
+    }
+    const int done = rDxUpdateDeviceFirmware(owner, url, kRevision, *isSigned, trust, certificate);
     return Answer(FindOutcome(kUpdateOutcomes, done)).Assign(result, "rdxUpdateDeviceFirmware");
 }

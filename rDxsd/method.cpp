@@ -38,6 +38,11 @@ OwnedValue MakeDetail(const Outcome& outcome, const char* releasedBy) {
 
 } // namespace
 
+bool IsAbsent(WddxValue* structure, const char* name) {
+    WddxValue* const value = wddxGetStructVar(structure, name);
+    return value == nullptr || wddxGetType(value) == WDDX_NULL;
+}
+
 Arguments::Arguments(const TavrinRequest& call) {
     WddxValue* values = nullptr;
     if (ParseWddxPacketData(call.pszWddxArgs, &values) == 0) values_.reset(values);
@@ -49,14 +54,17 @@ const char* Arguments::Text(const char* name, std::size_t longest) const {
 }
 
 const char* Arguments::OptionalText(const char* name) const {
-    const char* const text = Text(name);
-    return text != nullptr ? text : "";
+    return IsAbsent(values_.get(), name) ? "" : Text(name);
 }
 
 std::optional<int> Arguments::Integer(const char* name) const {
     int number = 0;
     if (wddxGetInteger(&number, wddxGetStructVar(values_.get(), name)) == 0) return std::nullopt;
     return number;
+}
+
+std::optional<int> Arguments::OptionalInteger(const char* name) const {
+    return IsAbsent(values_.get(), name) ? 0 : Integer(name);
 }
 
 std::optional<int> Arguments::IntegerOrFlag(const char* name) const {

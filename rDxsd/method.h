@@ -18,6 +18,9 @@ inline constexpr std::size_t kOwnerMax = 32;
 inline constexpr std::size_t kAddressMax = 16;
 inline constexpr std::size_t kNoLimit = SIZE_MAX;
 
+// True when a structure has no such member, or one that says itself that it is nothing: a null value.
+bool IsAbsent(WddxValue* structure, const char* name);
+
 // The arguments of a call. Every reader gives nothing for an argument that is missing, of another type or too
 // long, and for a call whose arguments could not be parsed at all.
 class Arguments {
@@ -26,10 +29,11 @@ public:
 
     // Texts belong to the arguments.
     const char* Text(const char* name, std::size_t longest = kNoLimit) const;
-    const char* OptionalText(const char* name) const; // an empty text instead of nothing
+    const char* OptionalText(const char* name) const; // an empty text when it is absent
 
-    std::optional<int> Integer(const char* name) const;       // an integer
-    std::optional<int> IntegerOrFlag(const char* name) const; // or a boolean, as 0 or 1
+    std::optional<int> Integer(const char* name) const;         // an integer
+    std::optional<int> OptionalInteger(const char* name) const; // 0 when it is absent
+    std::optional<int> IntegerOrFlag(const char* name) const;   // or a boolean, as 0 or 1
     WddxValue* Array(const char* name) const;
 
 private:

@@ -185,6 +185,15 @@ inline std::vector<TypedValue> ValuesOfEveryType() {
     };
 }
 
+// Every value that is not good for a type.
+inline std::vector<std::string> ValuesBut(ArgumentType type) {
+    std::vector<std::string> values;
+    for (const TypedValue& typed : ValuesOfEveryType()) {
+        if (std::ranges::find(typed.types, type) == typed.types.end()) values.push_back(typed.value);
+    }
+    return values;
+}
+
 using Handler = int (*)(TavrinRequest*, TavrinResponse*);
 
 // What a result of the device becomes in the answer.
@@ -289,6 +298,17 @@ protected:
 
     void ExpectRequired(Handler handler, const Members& good, const std::vector<ArgumentRule>& rules) {
         for (const ArgumentRule& rule : rules) ExpectRequired(handler, good, rule);
+    }
+
+    // An argument that `good` does not have and need not: nothing is as good as leaving it out, and another
+    // type is refused.
+    void ExpectOptional(Handler handler, const Members& good, const ArgumentRule& rule) {
+        for (const std::string& value : ValuesBut(rule.type)) {
+            if (value != kNullValue) ExpectRefused(handler, Arguments(good.And(rule.name, value)));
+        }
+        EXPECT_EQ(DeviceCalls(handler, Arguments(good.And(rule.name, kNullValue))),
+                  DeviceCalls(handler, Arguments(good)))
+            << rule.name;
     }
 
     // No method answers a call whose arguments cannot be read.

@@ -46,14 +46,8 @@ TEST_F(SetIpConfiguration, NeedsNoHostName) {
               Calls{call + "\"" + longest + "\", 0)"});
 }
 
-// What is no text is no host name.
-TEST_F(SetIpConfiguration, TakesAHostNameOfAnotherTypeForNone) {
-    for (const TypedValue& typed : ValuesOfEveryType()) {
-        if (!typed.types.empty() && typed.types[0] == kText) continue;
-        EXPECT_EQ(DeviceCalls(ProcessSetIpConfiguration, Arguments(good_.With("Hostname", typed.value))),
-                  Calls{R"(rDxSetIpConfiguration("anna", "10.0.0.2", "255.255.0.0", "10.0.0.1", 1, "", 0))"})
-            << typed.value;
-    }
+TEST_F(SetIpConfiguration, RefusesAHostNameThatIsNoText) {
+    ExpectOptional(ProcessSetIpConfiguration, good_.Without("Hostname"), {"Hostname", kText});
 }
 
 TEST_F(SetIpConfiguration, MapsTheAddressMode) {
@@ -198,13 +192,18 @@ TEST_F(SetDeviceAttributes, PassesNullForATextThatIsNotThere) {
         CallsWith({first_.Without("AttributeName").Struct(), second_.Without("AttributeValue").Struct(),
                    first_.Without("AttributeName").Without("AttributeValue").Struct()}),
         Calls{R"(rDxSetDeviceAttributes("anna", (null, "Name", null), ("3", null, null), (1, 0, 1), 3, 4))"});
-    for (const TypedValue& typed : ValuesOfEveryType()) {
-        if (!typed.types.empty() && typed.types[0] == kText) continue;
-        EXPECT_EQ(
-            CallsWith(
-                {first_.With("AttributeName", typed.value).With("AttributeValue", typed.value).Struct()}),
-            Calls{R"(rDxSetDeviceAttributes("anna", (null), (null), (1), 1, 0))"})
-            << typed.value;
+    const Members nothing = first_.With("AttributeName", kNullValue).With("AttributeValue", kNullValue);
+    EXPECT_EQ(CallsWith({nothing.Struct()}),
+              Calls{R"(rDxSetDeviceAttributes("anna", (null), (null), (1), 1, 0))"});
+}
+
+TEST_F(SetDeviceAttributes, RefusesNamesAndValuesThatAreNoTexts) {
+    for (const std::string& value : ValuesBut(kText)) {
+        if (value == kNullValue) continue;
+        ExpectRefused(ProcessSetDeviceAttributes,
+                      ArgumentsWith({first_.With("AttributeName", value).Struct()}));
+        ExpectRefused(ProcessSetDeviceAttributes,
+                      ArgumentsWith({second_.Struct(), first_.With("AttributeValue", value).Struct()}));
     }
 }
 
@@ -498,15 +497,6 @@ protected:
         return DeviceCalls(ProcessUpdateDeviceFirmware, Arguments(arguments));
     }
 
-    // Every value that is not good for a type.
-    static std::vector<std::string> ValuesBut(ArgumentType type) {
-        std::vector<std::string> values;
-        for (const TypedValue& typed : ValuesOfEveryType()) {
-            if (std::ranges::find(typed.types, type) == typed.types.end()) values.push_back(typed.value);
-        }
-        return values;
-    }
-
     const Members required_ = {{"DeviceOwner", TextValue("anna")},
                                {"DownloadUrl", TextValue("http://10.0.0.1/fw?a=1&b=2")},
                                {"FirmwareRev", NumberValue(5)}};
@@ -531,16 +521,11 @@ TEST_F(UpdateDeviceFirmware, NeedsNoSignature) {
               Calls{call_ + "0, \"\", \"" + longest + "\")"});
 }
 
-// What may be left out is left out when it is of another type; a boolean is no integer here.
-TEST_F(UpdateDeviceFirmware, TakesAnOptionalArgumentOfAnotherTypeForNone) {
-    for (const std::string& value : ValuesBut(kInteger)) {
-        EXPECT_EQ(CallsWith(required_.And("IsSigned", value)), Calls{call_ + R"(0, "", ""))"}) << value;
-    }
-    for (const std::string& value : ValuesBut(kText)) {
-        EXPECT_EQ(CallsWith(required_.And("MethodOfTrust", value).And("CaCert", value)),
-                  Calls{call_ + R"(0, "", ""))"})
-            << value;
-    }
+// A boolean is no integer here.
+TEST_F(UpdateDeviceFirmware, RefusesAnOptionalArgumentOfAnotherType) {
+    ExpectOptional(ProcessUpdateDeviceFirmware, required_, {"IsSigned", kInteger});
+    ExpectOptional(ProcessUpdateDeviceFirmware, required_, {"MethodOfTrust", kText});
+    ExpectOptional(ProcessUpdateDeviceFirmware, required_, {"CaCert", kText});
 }
 
 TEST_F(UpdateDeviceFirmware, NeedsARevisionAndPassesAnother) {

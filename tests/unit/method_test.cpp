@@ -60,9 +60,24 @@ TEST(Arguments, GiveTexts) {
     for (const char* const name : {"number", "zero", "float", "true", "false", "null", "array", "struct",
                                    "Text", "tex", "missing", ""}) {
         EXPECT_EQ(arguments.Text(name), nullptr) << name;
-        EXPECT_STREQ(arguments.OptionalText(name), "") << name;
     }
+}
+
+TEST(Arguments, TakeNothingAndANullValueForAbsent) {
+    const CallWith call(kMembers);
+    const Arguments arguments(call);
     EXPECT_STREQ(arguments.OptionalText("text"), "a<b");
+    EXPECT_EQ(arguments.OptionalInteger("number"), -7);
+    for (const char* const name : {"null", "missing", "Text", "tex", ""}) {
+        EXPECT_STREQ(arguments.OptionalText(name), "") << name;
+        EXPECT_EQ(arguments.OptionalInteger(name), 0) << name;
+    }
+    for (const char* const name : {"float", "true", "false", "array", "struct"}) {
+        EXPECT_EQ(arguments.OptionalText(name), nullptr) << name;
+        EXPECT_EQ(arguments.OptionalInteger(name), std::nullopt) << name;
+    }
+    EXPECT_EQ(arguments.OptionalText("number"), nullptr);
+    EXPECT_EQ(arguments.OptionalInteger("text"), std::nullopt);
 }
 
 TEST(Arguments, GiveNoTextThatIsTooLong) {

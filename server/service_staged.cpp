@@ -58,6 +58,12 @@ enum ServiceStatus : int {
     kFollowUpRefused = -5
 };
 
+// An assertion of ServeClientInStages, whose steps are functions of their own: the report names that
+// function, not the step.
+void Check(bool holds, const char* text, unsigned int line = __builtin_LINE()) {
+    if (!holds) __assert_fail(text, __FILE__, line, "void* ServeClientInStages(ServiceCall*)");
+}
+
 // The buffers of one service, on the serving thread's stack.
 struct Buffers {
     char output[SERVICE_BUFFER_SIZE];
@@ -163,14 +169,14 @@ private:
         snprintf(command, sizeof command, "%s&SvcTicket=%lu",
                  handled == 0 ? "vsFollowUpSuccess" : "vsFollowUpFailure", ticket);
         const int status = SendFollowUp(command, body);
-        RDX_CHECK(request_ != nullptr, "pReq != __null");
+        Check(request_ != nullptr, "pReq != __null");
         return status;
     }
 
     int SendFollowUp(const char* command, const char* body);
 
     int Respond(const Page& page) {
-        RDX_CHECK(page.body != nullptr, "szBody != __null");
+        Check(page.body != nullptr, "szBody != __null");
         HttpResponse* response = nullptr;
         const int built = CreateHttpResponse(&response, page.status, kContentType, page.body,
                                              static_cast<unsigned int>(std::strlen(page.body)));
@@ -241,9 +247,8 @@ int StagedService::SendFollowUp(const char* command, const char* body) {
     FollowUpRequest followUp;
     HttpRequest& stFollowUpRqst = followUp.request;
     if (BuildTavrinRequestExt(&stFollowUpRqst, host.c_str(), command, body, 1) != 0) return kNotBuilt;
-    RDX_CHECK(kUriSize > std::strlen(stFollowUpRqst.pszUri),
-              "sizeof( szUri ) > strlen( stFollowUpRqst.pszUri )");
-    RDX_CHECK(*stFollowUpRqst.pszUri == '/', "*p == '/'");
+    Check(kUriSize > std::strlen(stFollowUpRqst.pszUri), "sizeof( szUri ) > strlen( stFollowUpRqst.pszUri )");
+    Check(*stFollowUpRqst.pszUri == '/', "*p == '/'");
     OwnedText uri = RewriteUri(stFollowUpRqst.pszUri);
     if (!uri) return kNotBuilt;
     std::free(stFollowUpRqst.pszUri);
@@ -253,9 +258,9 @@ int StagedService::SendFollowUp(const char* command, const char* body) {
     AdminConnection admin;
     if (!admin.Open()) return kNotConnected;
     HttpResponse* pRsp = nullptr;
-    RDX_CHECK(pRsp == nullptr, "pRsp == __null");
+    Check(pRsp == nullptr, "pRsp == __null");
     if (SendHttpRequest(admin.Get(), &stFollowUpRqst, &pRsp) != 0) return kNotFollowedUp;
-    RDX_CHECK(pRsp != nullptr, "pRsp != __null");
+    Check(pRsp != nullptr, "pRsp != __null");
     const OwnedResponse response(pRsp);
     return response->usStatusCode == 200 ? 0 : kFollowUpRefused;
 }

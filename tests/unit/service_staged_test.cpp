@@ -1391,6 +1391,13 @@ TEST_F(ServingThreadTest, AssertsThreadsAtItsEnd) {
         StagedAssertion("PrimaryThreadID() != 0L"));
 }
 
+// What a step asserts is reported as the whole function's, in the same words by every compiler.
+auto StepsAssertion(const std::string& text) {
+    return testing::AllOf(
+        HasSubstr(kSource + ":"s),
+        HasSubstr(": void* ServeClientInStages(ServiceCall*): Assertion `" + text + "' failed."));
+}
+
 TEST_F(ServingThreadTest, AssertsTheFollowUpsUri) {
     const auto build = [](const std::string& uri) {
         replaced.build = [uri](HttpRequest* request) {
@@ -1399,12 +1406,9 @@ TEST_F(ServingThreadTest, AssertsTheFollowUpsUri) {
         };
         StatusOfFollowUp();
     };
-    const auto assertion = [](const char* text) {
-        return testing::AllOf(HasSubstr(kSource), HasSubstr("Assertion `"s + text + "' failed."));
-    };
     EXPECT_DEATH(build("/" + std::string(511, 'x')),
-                 assertion("sizeof( szUri ) > strlen( stFollowUpRqst.pszUri )"));
-    EXPECT_DEATH(build("Tavrin"), assertion("*p == '/'"));
+                 StepsAssertion("sizeof( szUri ) > strlen( stFollowUpRqst.pszUri )"));
+    EXPECT_DEATH(build("Tavrin"), StepsAssertion("*p == '/'"));
     const CaptureStdout quiet;
     build("/" + std::string(510, 'x')); // fits
 }
@@ -1433,7 +1437,7 @@ TEST_F(ServingThreadTest, AssertsAnAnswerThatWasAnnounced) {
     const test::Listener listener;
     uiAdminServerPort = static_cast<unsigned>(listener.Port());
     replaced.sendRequest = [] { return 0; };
-    EXPECT_DEATH(StatusOfFollowUp(), HasSubstr("Assertion `pRsp != __null' failed."));
+    EXPECT_DEATH(StatusOfFollowUp(), StepsAssertion("pRsp != __null"));
 }
 
 // --- FinalizeRequest -----------------------------------------------------------------------------------

@@ -180,6 +180,19 @@ public:
     int Port() const { return port_; }
     unsigned long Passes() { return counters_.Get().passes; }
 
+    // What the process that runs the loop holds.
+    unsigned long ResidentKilobytes() {
+        const long page = sysconf(_SC_PAGESIZE);
+        unsigned long size = 0;
+        unsigned long resident = 0;
+        std::ifstream(ProcessFolder() / "statm") >> size >> resident;
+        return resident * static_cast<unsigned long>(page) / 1024;
+    }
+    long Descriptors() {
+        const std::filesystem::directory_iterator entries(ProcessFolder() / "fd");
+        return std::distance(begin(entries), end(entries));
+    }
+
     // Processor time of the process that runs the loop, in seconds.
     double ProcessorTime() {
         clockid_t clock;
@@ -190,6 +203,10 @@ public:
     }
 
 private:
+    std::filesystem::path ProcessFolder() {
+        return "/proc/" + std::to_string(counters_.Get().process.load());
+    }
+
     static void Limit(rlim_t descriptors) {
         rlimit limit{};
         getrlimit(RLIMIT_NOFILE, &limit);
@@ -201,6 +218,7 @@ private:
         const std::string file = folder_ / "tnd.ini";
         std::ofstream(file) << "[HTTP]\nServicePort=" << port_ << "\nMethodsAllowed=GET, POST\n";
         setenv(rdx::bench::kCountersVariable, counters_.Path().c_str(), 1);
+        setenv("RDX_SIM_STATE", "", 1); // in memory alone
         setenv("LD_PRELOAD", setup.countingLibrary.c_str(), 1);
         const int silence = open("/dev/null", O_WRONLY | O_CLOEXEC);
         dup2(silence, STDOUT_FILENO);
@@ -232,9 +250,15 @@ const std::string kArguments =
     "<?xml version='1.0'?><!DOCTYPE wddxPacket SYSTEM 'wddx_0100.dtd'><wddxPacket version='1.0'><header/>"
     "<data><struct><var name='version'><number>1</number></var></struct></data></wddxPacket>";
 
-const std::string kCall = "POST /rDx?FunctionName=rdxGetVersion HTTP/1.1\r\nHost: localhost\r\n"
-                          "Content-type: text/xml\r\nContent-length: " +
-                          std::to_string(kArguments.size()) + "\r\n\r\n" + kArguments;
+std::string MakeCall(const std::string& method) {
+    return "POST /rDx?FunctionName=" + method +
+           " HTTP/1.1\r\nHost: localhost\r\n"
+           "Content-type: text/xml\r\nContent-length: " +
+           std::to_string(kArguments.size()) + "\r\n\r\n" + kArguments;
+}
+
+const std::string kVersionCall = MakeCall("rdxGetVersion");
+const std::string kStatusCall = MakeCall("rdxGetDeviceStatus");
 
 // A kept-alive connection that calls and reads whole answers.
 class Caller {
@@ -247,8 +271,8 @@ public:
     Caller& operator=(const Caller&) = delete;
 
     // The whole answer, or nothing when there was none within two seconds.
-    std::string Call() {
-        if (send(socket_, kCall.data(), kCall.size(), MSG_NOSIGNAL) != static_cast<ssize_t>(kCall.size()))
+    std::string Call(const std::string& call = kVersionCall) {
+        if (send(socket_, call.data(), call.size(), MSG_NOSIGNAL) != static_cast<ssize_t>(call.size()))
             return {};
         std::string answer;
         while (!IsWhole(answer)) {
@@ -317,6 +341,13 @@ Figures CallAtOnce(Server& server, int clients, double seconds) {
     });
 }
 
+// One client that asks for the device's status `count` times.
+Figures AskForStatus(Server& server, unsigned long count) {
+    return Measure(server, 1, [count](Caller& caller, int, const auto& note) {
+        for (unsigned long i = 0; i < count; ++i) note(IsGood(caller.Call(kStatusCall)));
+    });
+}
+
 // Calls that arrive at random moments, `rate` a second in all: a Poisson process on each connection. A call
 // that arrives while its connection is busy is sent as soon as it is free, and none is left out.
 Figures CallAtRandom(Server& server, int connections, double rate, double seconds) {
@@ -378,6 +409,32 @@ void MeasureRandomArrivals(const Setup& setup, double seconds) {
     PrintRow(name.c_str(), CallAtRandom(server, kConnections, rate, seconds), "none failed");
 }
 
+// The first calls are not counted: they make what is made once, such as the threads' stacks, and the floor
+// has nothing to make.
+void MeasureStatusCalls(const Setup& setup) {
+    constexpr unsigned long kWarmUp = 500;
+    constexpr unsigned long kCalls = 10'000;
+    std::string answer;
+    std::printf("\n%-28s %9s %9s %12s %11s %11s %6s %6s\n", "10000 status calls, 1 client", "failed",
+                "ans/pass", "us CPU/call", "KB before", "KB after", "descr.", "after");
+    for (const int threads : {1, 4, 0}) {
+        Server server(setup, threads, answer);
+        if (threads != 0) answer = Caller(server.Port()).Call(kStatusCall);
+        AskForStatus(server, kWarmUp);
+        const unsigned long before = server.ResidentKilobytes();
+        const long descriptors = server.Descriptors();
+        const Figures figures = AskForStatus(server, kCalls);
+        const double answers = static_cast<double>(figures.answers);
+        const std::string name = threads != 0 ? std::to_string(threads) + " thread(s)" : "floor";
+        std::printf("%-28s %9lu %9.3f %12.1f %11lu %11lu %6ld %6ld  %s\n", name.c_str(), figures.failures,
+                    answers / static_cast<double>(std::max(figures.passes, 1UL)),
+                    figures.processorSeconds * 1e6 / std::max(answers, 1.0), before,
+                    server.ResidentKilobytes(), descriptors, server.Descriptors(),
+                    threads != 0 ? "at most one descriptor more" : "");
+        std::fflush(stdout);
+    }
+}
+
 void MeasureIdlePass(const Setup& setup) {
     std::printf("\n%-44s %9s %12s\n", "idle loop", "passes", "us CPU/pass");
     struct Row {
@@ -422,6 +479,7 @@ int main(int argc, char** argv) {
     PrintHead();
     MeasureKeepAlive(setup, answer);
     MeasureRandomArrivals(setup, 12 * setup.seconds);
+    MeasureStatusCalls(setup);
     MeasureIdlePass(setup);
     return 0;
 }

@@ -1,6 +1,7 @@
 #!/bin/bash
-# The README's first command: script/server builds, serves, prints a call that works, refuses a busy port,
-# ends with an interrupt and leaves nothing behind.
+# The README's first command: script/server builds, serves, prints calls that work, refuses a busy port, ends
+# with an interrupt and leaves nothing behind. Its user demo is there wherever the system allows it, for root
+# and for an ordinary user, and never touches the machine's own users.
 #
 #   server_test.sh SOURCE [BUILD]      BUILD: another build that must have come to the same library
 set -eu
@@ -16,8 +17,12 @@ fail() {
     echo "FAILED: $*" >&2
     exit 1
 }
-export TMPDIR=$work/tmp
+export TMPDIR=$work/tmp XDG_STATE_HOME=$work/state
+unset RDX_SIM_STATE RDX_SIM_SCENARIO RDX_SIM_CALLS
 mkdir "$TMPDIR"
+# The machine's users as they are now; their file is not readable for everybody.
+users() { cat /etc/shadow /etc/passwd 2>/dev/null | cksum; stat -c '%i %s %Y %Z %a %u:%g' /etc/shadow /etc/passwd; }
+users_before=$(users)
 
 for port in 0 65536 abc 080 -1 ''; do
     script/server --port "$port" >"$work/log" 2>&1 && fail "port '$port' was accepted"
@@ -31,29 +36,127 @@ if [ -n "${2:-}" ]; then
     cmake --build "$2" --target rDxsH >"$work/log" 2>&1 || fail "$(cat "$work/log")"
     cmp build/server/librDxsH.so "$2/librDxsH.so" || fail "two builds differ"
 fi
-for _ in 1 2 3 4 5 6 7 8 9 10; do
-    port=$((10000 + RANDOM % 10000))
-    script/server --port "$port" >"$work/log" 2>&1 &
-    server=$!
-    until grep -q '^  curl ' "$work/log" || ! kill -0 "$server" 2>/dev/null; do sleep 0.1; done
-    ! grep -q '^  curl ' "$work/log" || break
-done
-call=$(grep '^  curl ' "$work/log") || fail "no call: $(cat "$work/log")"
+
+# start [COMMAND...]: the script in `tree`, run by the command, on a free port; sets server and port.
+tree=.
+start() {
+    for _ in 1 2 3 4 5 6 7 8 9 10; do
+        port=$((10000 + RANDOM % 10000))
+        "$@" "$tree/script/server" --port "$port" >"$work/log" 2>&1 &
+        server=$!
+        until grep -q '^The device keeps\|^  Next' "$work/log" || ! kill -0 "$server" 2>/dev/null; do sleep 0.1; done
+        ! grep -q '^  curl ' "$work/log" || return 0
+    done
+    fail "script/server does not start: $(cat "$work/log")"
+}
+
+# stop: ends it with an interrupt, after which nothing of it is left. What the script started as took every
+# signal from then on.
+stop() {
+    [ "$(cat "/proc/$server/comm")" = rdxhttpd ] || fail "the script is in the way of signals"
+    kill -INT "$server"
+    wait "$server" || fail "an interrupt ended it with $?"
+    server=
+    for _ in $(seq 1 100); do
+        [ -n "$(ls -A "$TMPDIR")" ] || break
+        sleep 0.1
+    done
+    [ -z "$(ls -A "$TMPDIR")" ] || fail "left behind: $(ls -A "$TMPDIR")"
+}
+
+# status USER:PASSWORD METHOD: the HTTP status of a call without arguments.
+status() {
+    curl --noproxy '*' -s -o "$work/body" -w '%{http_code}' -u "$1" "http://127.0.0.1:$port/rDx?FunctionName=$2" \
+        --data "<wddxPacket version='1.0'><header/><data><struct></struct></data></wddxPacket>"
+}
+
+# expect_refusals: nobody gets in but the user demo, if at all.
+expect_refusals() {
+    local credentials
+    for credentials in demo:wrong demo: : root: root:demo nobody:demo; do
+        [ "$(status "$credentials" rdxAllocateDevice)" = 401 ] || fail "$credentials is let in"
+    done
+}
+
+# expect_demo_user: the second printed call works, and a wrong password does not.
+expect_demo_user() {
+    second=$(grep '^  curl .*-u demo:demo' "$work/log") || fail "no call with a user: $(cat "$work/log")"
+    sh -c "$second" >"$work/answer" || fail "the printed call does not work: $second"
+    grep -q "<var name='code'><number>0</number></var>" "$work/answer" || fail "$(cat "$work/answer")"
+    [ "$(status demo:demo rdxReleaseDevice)" = 400 ] || fail "demo is not let in" # arguments are missing
+    expect_refusals
+}
+
+# expect_no_demo_user: it says so, says why, and serves what needs no user.
+expect_no_demo_user() {
+    grep -q '^All methods but that one and rdxGetDeviceStatus are refused with status 401' "$work/log" ||
+        fail "$(cat "$work/log")"
+    grep -qx "  $1" "$work/log" || fail "no reason: $(cat "$work/log")"
+    ! grep -q '^  curl .*-u' "$work/log" || fail "a call that cannot work is shown: $(cat "$work/log")"
+    [ "$(status demo:demo rdxGetDeviceStatus)" = 200 ] || fail "the status is refused"
+    [ "$(status demo:demo rdxAllocateDevice)" = 401 ] || fail "demo is let in"
+    expect_refusals
+}
+
+# allows_namespaces [COMMAND...]: true when what the command runs can put a file over another for itself.
+allows_namespaces() {
+    "$@" unshare -m mount --bind /etc/passwd /etc/shadow 2>/dev/null ||
+        "$@" unshare -rm mount --bind /etc/passwd /etc/shadow 2>/dev/null
+}
+
+start
+call=$(grep -m 1 '^  curl ' "$work/log") || fail "no call: $(cat "$work/log")"
 sh -c "$call" >"$work/answer" || fail "the printed call does not work: $call"
 grep -q "<var name='version'><number>100</number></var>" "$work/answer" || fail "$(cat "$work/answer")"
 # The README shows the same call, on the usual port, and its answer.
 grep -qxF "    \$ ${call#  }" <(sed "s/127.0.0.1:8080/127.0.0.1:$port/" README.md) || fail "README: $call"
 grep -qxF "    $(cat "$work/answer")" README.md || fail "README: $(cat "$work/answer")"
 
+if allows_namespaces; then
+    expect_demo_user
+    grep -qxF "    \$ ${second#  }" <(sed "s/127.0.0.1:8080/127.0.0.1:$port/" README.md) || fail "README: $second"
+    grep -qxF "    $(cat "$work/answer")" README.md || fail "README: $(cat "$work/answer")"
+    grep -q "^owner = \"Workstation 1\"" "$XDG_STATE_HOME/rdx-sim.state" || fail "the device forgets its owner"
+else
+    expect_no_demo_user '..*'
+    echo "not tried: the user demo, for this system allows no namespaces"
+fi
+
 script/server --port "$port" >"$work/second" 2>&1 && fail "a busy port was accepted"
 grep -q "port $port is in use" "$work/second" || fail "$(cat "$work/second")"
+stop
 
-kill -INT "$server"
-wait "$server" || fail "an interrupt ended it with $?"
-server=
-for _ in $(seq 1 100); do
-    [ -n "$(ls -A "$TMPDIR")" ] || break
-    sleep 0.1
-done
-[ -z "$(ls -A "$TMPDIR")" ] || fail "left behind: $(ls -A "$TMPDIR")"
+# Where the system refuses.
+mkdir "$work/bin"
+printf '#!/bin/sh\necho "unshare: not on this machine" >&2\nexit 1\n' >"$work/bin/unshare"
+chmod 755 "$work/bin/unshare"
+start env PATH="$work/bin:$PATH"
+expect_no_demo_user 'unshare: not on this machine'
+stop
+
+# An ordinary user, who finds everything built. Where nothing is to be built, nothing may be missing either.
+as_nobody=(setpriv --reuid=65534 --regid=65534 --clear-groups)
+chmod 711 "$work"
+tree=$work/tree
+mkdir -p "$tree/build" "$work/nobody"
+cp -R script "$tree"
+mkdir "$tree/build/server"
+cp build/server/*.so build/server/rdxhttpd "$tree/build/server"
+printf '#!/bin/sh\n' >"$work/bin/cmake"
+chmod 755 "$work/bin/cmake"
+rm "$work/bin/unshare"
+if [ "$(id -u)" -ne 0 ] || ! "${as_nobody[@]}" test -r "$tree/script/server"; then
+    echo "not tried: another user, which only root can become"
+elif ! allows_namespaces "${as_nobody[@]}"; then
+    echo "not tried: an ordinary user's own database, for this system allows no namespaces"
+else
+    chown -R 65534:65534 "$work/nobody" "$TMPDIR"
+    start "${as_nobody[@]}" env PATH="$work/bin:$PATH" XDG_STATE_HOME="$work/nobody/state"
+    [ "$(stat -c %u "/proc/$server")" = 65534 ] || fail "the server runs as another user"
+    expect_demo_user
+    [ "$(stat -c %u "$work/nobody/state/rdx-sim.state")" = 65534 ] || fail "no state of the user's own"
+    stop
+fi
+
+[ "$(users)" = "$users_before" ] || fail "the machine's own users were touched"
 echo "served, answered, refused a busy port and ended"

@@ -1,0 +1,132 @@
+#!/bin/bash
+# script/demo: the story of two workstations, on real connections to a server with credentials. It ends well,
+# leaves nothing behind, and notices each answer that is not as the story says.
+#
+#   demo_test.sh SOURCE SERVER      SERVER: the rdxhttpd to run it with
+#
+# Ends with 77, which stands for a skipped test, where the system gives the server no user.
+set -eu
+cd "$1"
+server=$2
+work=$(mktemp -d "${TMPDIR:-/tmp}/rdx-demo-test.XXXXXX")
+trap 'rm -rf "$work"' EXIT
+fail() {
+    echo "FAILED: $*" >&2
+    exit 1
+}
+export TMPDIR=$work/tmp
+unset RDX_SIM_STATE RDX_SIM_SCENARIO RDX_SIM_CALLS
+# The handler runs only where the server holds no lock, which the thread sanitizer cannot know.
+export TSAN_OPTIONS="report_signal_unsafe=0 ${TSAN_OPTIONS:-}"
+mkdir "$TMPDIR" "$work/bin"
+chmod 711 "$work"
+
+# demo STATUS [OPTION...]: runs the demo, which has to end with the status and leave nothing behind; `as`
+# runs it as somebody else.
+as=()
+demo() {
+    local expected=$1 result=0
+    "${as[@]}" script/demo --server "$server" "${@:2}" </dev/null >"$work/out" 2>"$work/errors" || result=$?
+    [ "$result" -eq "$expected" ] || fail "it ended with $result: $(tail -n 40 "$work/out" "$work/errors")"
+    [ -z "$(ls -A "$TMPDIR")" ] || fail "left behind: $(ls -A "$TMPDIR")"
+}
+
+# says MESSAGE: the demo has said this, with a next step, and has not praised itself.
+says() {
+    grep -qF "$1" "$work/errors" || fail "'$1' is not in: $(cat "$work/errors")"
+    grep -q '^  Next: ' "$work/errors" || fail "no next step: $(cat "$work/errors")"
+    ! grep -q 'as the story says' "$work/out" || fail "it ends well all the same: $1"
+}
+
+# notices FUNCTION KEY=VALUE MESSAGE: with this scenario the demo fails with this message. Begins to find out;
+# the demos wait for their devices most of the time.
+begun=()
+notices() {
+    (
+        work=$work/$1
+        TMPDIR=$work/tmp
+        mkdir -p "$TMPDIR"
+        printf '[%s]\n%s\n' "$1" "$2" >"$work/scenario.ini"
+        demo 1 --scenario "$work/scenario.ini"
+        says "script/demo: $3"
+    ) &
+    begun+=($!)
+}
+
+# allows_namespaces [COMMAND...]: true when what the command runs can put a file over another for itself.
+allows_namespaces() {
+    "$@" unshare -m mount --bind /etc/passwd /etc/shadow 2>/dev/null ||
+        "$@" unshare -rm mount --bind /etc/passwd /etc/shadow 2>/dev/null
+}
+
+script/demo --unknown >"$work/out" 2>&1 && fail "an unknown option was accepted"
+script/demo --scenario /nowhere >"$work/out" 2>&1 && fail "a missing scenario was accepted"
+grep -q "there is no file '/nowhere'" "$work/out" || fail "$(cat "$work/out")"
+
+printf '#!/bin/sh\necho "unshare: not on this machine" >&2\nexit 1\n' >"$work/bin/unshare"
+chmod 755 "$work/bin/unshare"
+as=(env PATH="$work/bin:$PATH")
+demo 1
+says 'the system gives the server no shadow database of its own: unshare: not on this machine.'
+as=()
+
+if ! allows_namespaces; then
+    echo "skipped: this system allows no namespaces, so that the server can know no user"
+    exit 77
+fi
+
+demo 0
+tail -n 1 "$work/out" | grep -qE '^[1-9][0-9]+ calls, [1-9][0-9]+ values checked: all as the story says\.$' ||
+    fail "$(tail "$work/out")"
+for method in rdxGetVersion rdxGetDeviceStatus rdxGetVehicleStatus rdxAllocateDevice rdxReleaseDevice \
+    rdxInitiateCfgRequest rdxSetIpConfiguration rdxSetDeviceAttributes rdxRunDeviceSelfTest \
+    rdxUpdateDeviceFirmware; do
+    grep -qE "^Workstation [12] calls $method( |$)" "$work/out" || fail "$method is not shown"
+done
+! grep -q $'\e' "$work/out" || fail "colours, though there is no terminal"
+[ ! -s "$work/errors" ] || fail "$(cat "$work/errors")"
+
+# An answer that is otherwise is noticed where it comes.
+notices rDxGetOwner 'owner = Somebody' \
+    "rdxAllocateDevice, called by Workstation 2: Status/params/0/DeviceOwner is 'Somebody' and should be 'Workstation 1'."
+notices rDxAllocateDevice 'result = 3' \
+    "rdxAllocateDevice, called by Workstation 1: Status/code is '42101' and should be '0'."
+notices rDxSetDeviceAttributes 'result = 0' \
+    "rdxSetDeviceAttributes, called by Workstation 2: Status/code is '0' and should be '42020'."
+notices rdxGetDeviceAttributes 'count = 0' \
+    "rdxGetDeviceStatus, called by Workstation 1: the attribute Location is 'missing' and should be 'Bay 7'."
+notices rDxRunDeviceSelfTest 'end_reason = 9070' \
+    "rdxGetDeviceStatus, called by Workstation 1: SelftestStatus/code is '42502' and should be '0'."
+notices rDxGetVehicleStatus 'terminal30 = 12701' \
+    "rdxGetVehicleStatus, called by Workstation 1: Voltage/Terminal_30 is '12701' and should lie between 12300 and 12700."
+notices rDxSetIpConfiguration 'reboot_required = 0' \
+    "rdxSetIpConfiguration, called by Workstation 1: RebootRequired is 'false' and should be 'true'."
+notices rDxUpdateDeviceFirmware 'new_revision = 5000' \
+    "rdxGetDeviceStatus, called by Workstation 1: FirmwareRev is '5000' and should be '4712'."
+notices rDxGetActiveIpConf 'ip_address = 192.168.0.10' \
+    "rdxGetDeviceStatus, called by Workstation 1: IpAddress is '192.168.0.10' and should be '192.168.7.20'."
+notices rDxReleaseDevice 'result = 0' \
+    "rdxReleaseDevice, called by Workstation 2: Status/code is '0' and should be '42020'."
+for one in "${begun[@]}"; do wait "$one" || fail "see above"; done
+
+# A server that does not come up.
+server=/bin/false demo 1
+says 'the server did not start.'
+
+# Somebody presses Enter before each call.
+yes '' | script/demo --step --server "$server" >"$work/out" 2>"$work/errors" || fail "$(cat "$work/errors")"
+[ "$(grep -c '^\[Enter\]' "$work/out")" -eq "$(grep -c '^Workstation [12] calls rdx' "$work/out")" ] ||
+    fail "it does not wait once for each call"
+
+# An ordinary user.
+as_nobody=(setpriv --reuid=65534 --regid=65534 --clear-groups)
+if [ "$(id -u)" -ne 0 ] || ! "${as_nobody[@]}" test -x "$server" -a -x script/demo 2>/dev/null; then
+    echo "not tried: another user, which only root can become"
+elif ! allows_namespaces "${as_nobody[@]}"; then
+    echo "not tried: an ordinary user, for this system allows them no namespaces"
+else
+    chown 65534 "$TMPDIR"
+    as=("${as_nobody[@]}")
+    demo 0
+fi
+echo "the story is told, and its answers are checked"

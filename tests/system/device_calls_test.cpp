@@ -165,12 +165,13 @@ TEST_F(DeviceCalls, CombineTheEnforcementOfAllAttributes) {
 }
 
 TEST_F(DeviceCalls, CarryAttributesWithoutNameOrValueAsNull) {
-    const std::string bare =
-        "<struct><var name='IsPersistent'><number>7</number></var><var name='EnforceReg'>"
-        "<boolean value='true'/></var></struct>";
-    EXPECT_EQ(CallOf("rdxSetDeviceAttributes", AttributesPacket({bare})),
-              R"(rDxSetDeviceAttributes owner="Workstation 7" names=[null] values=[null] persistence=[7])"
-              " count=1 enforce=1");
+    const std::string flags = "<var name='IsPersistent'><number>7</number></var>"
+                              "<var name='EnforceReg'><boolean value='true'/></var></struct>";
+    const std::string null = "<struct><var name='AttributeName'><null/></var>"
+                             "<var name='AttributeValue'><null/></var>";
+    EXPECT_EQ(CallOf("rdxSetDeviceAttributes", AttributesPacket({"<struct>" + flags, null + flags})),
+              R"(rDxSetDeviceAttributes owner="Workstation 7" names=[null,null] values=[null,null])"
+              " persistence=[7,7] count=2 enforce=1");
     EXPECT_EQ(CallOf("rdxSetDeviceAttributes", AttributesPacket({})),
               R"(rDxSetDeviceAttributes owner="Workstation 7" names=[] values=[] persistence=[] count=0)"
               " enforce=0");
@@ -279,6 +280,8 @@ constexpr Argument kArguments[] = {
     {"rdxSetIpConfiguration", "Hostname", kText, false},
     {"rdxSetDeviceAttributes", "DeviceOwner", kText},
     {"rdxSetDeviceAttributes", "SlpAttributes", kArray},
+    {"rdxSetDeviceAttributes", "AttributeName", kText, false},
+    {"rdxSetDeviceAttributes", "AttributeValue", kText, false},
     {"rdxSetDeviceAttributes", "IsPersistent", kNumber | kFlag},
     {"rdxSetDeviceAttributes", "EnforceReg", kNumber | kFlag},
     {"rdxRunDeviceSelfTest", "DeviceOwner", kText},

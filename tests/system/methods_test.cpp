@@ -5,6 +5,7 @@
 #include "tests/system/curl_client.h"
 #include "tests/system/device_server.h"
 #include "tests/system/messages.h"
+#include "tests/system/modes.h"
 
 #include <algorithm>
 #include <climits>
@@ -367,7 +368,7 @@ std::string Filled(std::string golden, const std::string& answer, long earliest,
 
 // --- Answers --------------------------------------------------------------------------------------------
 
-class Answers : public testing::TestWithParam<std::string> {
+class Answers : public testing::TestWithParam<std::tuple<std::string, int>> {
 protected:
     void SetUp() override {
         if (!CanReplaceShadow()) GTEST_SKIP() << "no private mounts";
@@ -382,7 +383,7 @@ protected:
         EXPECT_EQ(answer.head + answer.body, AnswerText("200 OK", Filled(golden, answer.body, earliest)));
     }
 
-    DeviceServer server_;
+    DeviceServer server_{{.threads = std::get<1>(GetParam())}};
     std::unique_ptr<CurlClient> curl_;
 };
 
@@ -392,13 +393,14 @@ std::vector<std::string> AnsweredNames() {
     return names;
 }
 
-INSTANTIATE_TEST_SUITE_P(Of, Answers, testing::ValuesIn(AnsweredNames()),
-                         [](const auto& row) { return row.param; });
+INSTANTIATE_TEST_SUITE_P(
+    Of, Answers, testing::Combine(testing::ValuesIn(AnsweredNames()), testing::Values(1, kSeveralThreads)),
+    [](const auto& row) { return std::get<0>(row.param) + ModeName(std::get<1>(row.param)); });
 
 TEST_P(Answers, AreByteForByteWhatTheirFilesHold) {
     int asked = 0;
     for (const Row& row : AllRows()) {
-        if (row.method != GetParam()) continue;
+        if (row.method != std::get<0>(GetParam())) continue;
         SCOPED_TRACE(row.golden + "\n" + row.scenario + row.packet);
         server_.Play(kEveryday + row.scenario);
         const std::string packet = row.packet.empty() ? Arguments(row.method) : row.packet;
@@ -450,6 +452,39 @@ TEST(GoldenFiles, HoldTheCodesOfTheTable) {
                                    "</number></var><var name='params'><array length='1'>" + DetailText(code) +
                                    "</array></var></struct></var>";
         EXPECT_EQ(CountOf(status, Golden(code.method, FileOf(code))), 1) << code.method << FileOf(code);
+    }
+}
+
+// The table's rows that no result of the method's own function leads to.
+TEST(GoldenFiles, HoldTheCodesThatAreNoResults) {
+    struct Other {
+        const char* method;
+        const char* golden;
+        const char* text;
+    };
+    constexpr Other kOthers[] = {
+        {"rdxUnknown", "0",
+         "<var name='Status'><struct><var name='code'><number>42010</number></var><var name='msg'>"
+         "<number>9003</number></var><var name='params'><null/></var></struct></var>"},
+        {"rdxRunDeviceSelfTest", "selftest_not_asked",
+         "<var name='SelftestStatus'><struct><var name='code'><number>42501</number></var><var name='msg'>"
+         "<number>9061</number></var><var name='params'><array length='1'><struct><var name='Reason'>"
+         "<number>9061</number></var></struct></array></var></struct></var>"},
+        {"rdxRunDeviceSelfTest", "selftest_unknown",
+         "<var name='SelftestStatus'><struct><var name='code'><number>42501</number></var><var name='msg'>"
+         "<number>9061</number></var><var name='params'><array length='1'><null/></array></var></struct>"},
+        {"rdxRunDeviceSelfTest", "reason_reported",
+         "<var name='SelftestStatus'><struct><var name='code'><number>42502</number></var><var name='msg'>"
+         "<number>9070</number></var><var name='params'><array length='1'><null/></array></var></struct>"},
+        {"rdxGetDeviceStatus", "selftest_not_asked",
+         "<var name='SelftestStatus'><struct><var name='code'><number>42501</number></var><var name='msg'>"
+         "<number>9061</number></var><var name='params'><null/></var></struct></var>"},
+        {"rdxGetDeviceStatus", "reason_reported",
+         "<var name='SelftestStatus'><struct><var name='code'><number>42502</number></var><var name='msg'>"
+         "<number>9070</number></var><var name='params'><null/></var></struct></var>"},
+    };
+    for (const Other& other : kOthers) {
+        EXPECT_EQ(CountOf(other.text, Golden(other.method, other.golden)), 1) << other.method << other.golden;
     }
 }
 

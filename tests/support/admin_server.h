@@ -1,9 +1,9 @@
 // The administration server of junior mode: it takes follow-ups over the loopback interface, one connection
-// at a time, and answers each with the same bytes.
+// at a time, and answers each with the same bytes, until it is told others.
 #ifndef RDX_TESTS_SUPPORT_ADMIN_SERVER_H
 #define RDX_TESTS_SUPPORT_ADMIN_SERVER_H
 
-#include "tests/support/loopback.h"
+#include "tests/support/listener.h"
 
 #include <atomic>
 #include <cstdlib>
@@ -18,8 +18,9 @@ namespace rdx::test {
 
 class AdminServer {
 public:
-    // What becomes of a connection behind the answer: closed; or left open until the peer closes it.
-    enum class Then { Close, StayOpen };
+    // What becomes of a connection behind the answer: closed; or left open until the peer closes it. A
+    // refused one is closed when it was accepted, nothing is read or answered.
+    enum class Then { Close, StayOpen, Refuse };
 
     struct FollowUp {
         std::string peer;    // "address:port"
@@ -28,7 +29,7 @@ public:
 
     // `tail` is how many bytes come behind a request's announced body.
     explicit AdminServer(std::string answer, Then then = Then::Close, std::size_t tail = 0)
-        : answer_(std::move(answer)), then_(then), tail_(tail), thread_([this] { Run(); }) {}
+        : tail_(tail), answer_(std::move(answer)), then_(then), thread_([this] { Run(); }) {}
     ~AdminServer() {
         stopped_ = true;
         shutdown(listener_.Socket(), SHUT_RDWR);
@@ -40,6 +41,13 @@ public:
 
     int Port() const { return listener_.Port(); }
 
+    // What becomes of the connections from now on.
+    void AnswerWith(std::string answer, Then then = Then::Close) {
+        const std::lock_guard lock(mutex_);
+        answer_ = std::move(answer);
+        then_ = then;
+    }
+
     // The connections so far on which a request has arrived, or which were closed before.
     std::vector<FollowUp> FollowUps() const {
         const std::lock_guard lock(mutex_);
@@ -49,8 +57,8 @@ public:
     // The request of the only connection so far.
     std::string Request() const {
         const std::vector<FollowUp> followUps = FollowUps();
-        EXPECT_EQ(followUps.size(), 1U);
-        return followUps.empty() ? "" : followUps[0].request;
+        return followUps.size() == 1 ? followUps[0].request
+                                     : std::to_string(followUps.size()) + " connections";
     }
 
     // Closes the current connection, answered or not.
@@ -69,7 +77,7 @@ private:
             SetConnection(connection);
             Serve(connection, peer);
             SetConnection(-1);
-            close(connection);
+            close(connection); // what has not been read makes this a reset
         }
     }
 
@@ -79,16 +87,23 @@ private:
     }
 
     void Serve(int connection, const sockaddr_in& peer) {
-        const std::string request = ReceiveRequest(connection);
+        const std::string request = WhatNow().second == Then::Refuse ? "" : ReceiveRequest(connection);
+        const auto [answer, then] = WhatNow();
         {
             const std::lock_guard lock(mutex_);
             followUps_.push_back({NameOf(peer), request});
         }
-        send(connection, answer_.data(), answer_.size(), MSG_NOSIGNAL);
-        if (then_ == Then::Close) shutdown(connection, SHUT_WR);
+        if (then == Then::Refuse) return;
+        send(connection, answer.data(), answer.size(), MSG_NOSIGNAL);
+        if (then == Then::Close) shutdown(connection, SHUT_WR);
         std::string rest; // closing before the peer does would reset what it has not read
         while (Receive(connection, rest)) {
         }
+    }
+
+    std::pair<std::string, Then> WhatNow() const {
+        const std::lock_guard lock(mutex_);
+        return {answer_, then_};
     }
 
     std::string ReceiveRequest(int connection) const {
@@ -121,12 +136,12 @@ private:
         return std::string(address) + ":" + std::to_string(ntohs(peer.sin_port));
     }
 
-    std::string answer_;
-    Then then_;
     std::size_t tail_;
     Listener listener_;
     std::atomic<bool> stopped_ = false;
     mutable std::mutex mutex_; // guards what follows
+    std::string answer_;
+    Then then_;
     std::vector<FollowUp> followUps_;
     int connection_ = -1;
     std::thread thread_; // last: it uses all of the above

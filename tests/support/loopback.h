@@ -1,15 +1,13 @@
-// TCP over the loopback interface: a listening socket on a free port and clients of it.
+// Clients of a listening socket on the loopback interface.
 #ifndef RDX_TESTS_SUPPORT_LOOPBACK_H
 #define RDX_TESTS_SUPPORT_LOOPBACK_H
 
 #include "tests/support/eventually.h"
+#include "tests/support/listener.h"
 
 #include <gtest/gtest.h>
 
-#include <arpa/inet.h>
 #include <cerrno>
-#include <cstdlib>
-#include <netinet/in.h>
 #include <poll.h>
 #include <string>
 #include <string_view>
@@ -18,45 +16,6 @@
 #include <utility>
 
 namespace rdx::test {
-
-inline sockaddr_in LoopbackAddress(int port) {
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_port = htons(static_cast<unsigned short>(port));
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    return address;
-}
-
-// The port that a socket is bound to.
-inline int LocalPort(int socket) {
-    sockaddr_in address{};
-    socklen_t size = sizeof address;
-    if (getsockname(socket, reinterpret_cast<sockaddr*>(&address), &size) != 0) std::abort();
-    return ntohs(address.sin_port);
-}
-
-// A listening socket with the options of the server's own: closing what it accepts resets the connection.
-class Listener {
-public:
-    Listener() : socket_(socket(AF_INET, SOCK_STREAM, 0)) {
-        const sockaddr_in address = LoopbackAddress(0);
-        const linger atOnce{1, 0};
-        if (setsockopt(socket_, SOL_SOCKET, SO_LINGER, &atOnce, sizeof atOnce) != 0 ||
-            bind(socket_, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0 ||
-            listen(socket_, 64) != 0) {
-            std::abort();
-        }
-    }
-    ~Listener() { close(socket_); }
-    Listener(const Listener&) = delete;
-    Listener& operator=(const Listener&) = delete;
-
-    int Socket() const { return socket_; }
-    int Port() const { return LocalPort(socket_); }
-
-private:
-    int socket_;
-};
 
 // A port that was free a moment ago.
 inline int FreePort() { return Listener().Port(); }

@@ -84,7 +84,8 @@ succeeds
 means 'The device has been asked to enter a configuration mode.'
 
 call one rdxUpdateDeviceFirmware "$(text DeviceOwner "${name[one]}")" \
-    "$(text DownloadUrl "http://${address[one]}/firmware.bin")" "$(number FirmwareRev 1)" "$(number IsSigned 0)"
+    "$(text DownloadUrl "http://${address[one]}/firmware.bin")" "$(number FirmwareRev 1)" \
+    "$(number IsSigned 0)"
 succeeds
 means 'The device has taken the update and installs it.'
 
@@ -94,8 +95,8 @@ means "The firmware is revision $((firmware + 1)) now. The address still is the 
 
 restart_device
 user='' call one rdxGetDeviceStatus
-expect Status/code=0 IpAddress=192.168.7.20 Netmask=255.255.255.128 DefaultGateway=192.168.7.1 DhcpMode=41203 \
-    FirmwareRev=$((firmware + 1)) IsAllocated=1 DeviceOwner="${name[one]}"
+expect Status/code=0 IpAddress=192.168.7.20 Netmask=255.255.255.128 DefaultGateway=192.168.7.1 \
+    DhcpMode=41203 FirmwareRev=$((firmware + 1)) IsAllocated=1 DeviceOwner="${name[one]}"
 expect_attribute Location 'Bay 7' true
 expect_no_attribute Note
 means 'The new address is in use. What was to be kept is there, and the owner still has the device.'

@@ -67,7 +67,7 @@ printf '#!/bin/sh\necho "unshare: not on this machine" >&2\nexit 1\n' >"$work/bi
 chmod 755 "$work/bin/unshare"
 as=(env PATH="$work/bin:$PATH")
 demo 1
-says 'the system gives the server no shadow database of its own: unshare: not on this machine.'
+says 'the system gives the server no shadow database of its own for the user demo: unshare: not on this machine.'
 as=()
 
 if ! allows_namespaces; then

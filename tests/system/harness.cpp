@@ -248,35 +248,46 @@ TemporaryFolder::~TemporaryFolder() {
     std::filesystem::remove_all(path_, ignored);
 }
 
-PortReservation::PortReservation() {
+PortReservation::PortReservation(int count) {
     std::random_device random;
     const int last = std::max(FirstEphemeralPort(), 12000);
-    std::uniform_int_distribution<int> ports(last - 10000, last - 1);
+    std::uniform_int_distribution<int> ports(last - 10000, last - count);
     for (int attempt = 0; attempt < 1000; ++attempt) {
-        if (Take(ports(random))) return;
+        if (Take(ports(random), count)) return;
     }
     std::abort();
 }
 
-PortReservation::~PortReservation() { close(lock_); }
+PortReservation::~PortReservation() { GiveBack(); }
+
+void PortReservation::GiveBack() {
+    for (const int lock : locks_) close(lock);
+    locks_.clear();
+}
+
+bool PortReservation::Take(int first, int count) {
+    for (int port = first; port < first + count; ++port) {
+        if (Take(port)) continue;
+        GiveBack();
+        return false;
+    }
+    port_ = first;
+    return true;
+}
 
 // Holds the port by a name that only one process can bind, since the port itself must stay free.
 bool PortReservation::Take(int port) {
-    lock_ = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    const int lock = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
     sockaddr_un name = {};
     name.sun_family = AF_UNIX;
     const std::string text = "rdx-test-port-" + std::to_string(port);
     std::memcpy(name.sun_path + 1, text.data(), text.size());
     const auto length = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + 1 + text.size());
-    if (bind(lock_, reinterpret_cast<sockaddr*>(&name), length) == 0 && IsFree(port)) {
-        port_ = port;
-        return true;
-    }
-    close(lock_);
-    return false;
+    locks_.push_back(lock);
+    return bind(lock, reinterpret_cast<sockaddr*>(&name), length) == 0 && IsFree(port);
 }
 
-Server::Server(ServerOptions options) : options_(std::move(options)) {
+Server::Server(ServerOptions options) : options_(std::move(options)), port_(options_.ports) {
     WriteSettings(options_.settings);
     if (!options_.shadow.empty()) WriteFile(folder_.Path() + "/shadow", options_.shadow);
 }

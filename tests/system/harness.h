@@ -57,21 +57,24 @@ private:
     std::string path_;
 };
 
-// A TCP port that no other test uses while the reservation lives.
+// TCP ports in a row that no other test uses while the reservation lives.
 class PortReservation {
 public:
-    PortReservation();
+    explicit PortReservation(int count = 1);
     ~PortReservation();
     PortReservation(const PortReservation&) = delete;
     PortReservation& operator=(const PortReservation&) = delete;
 
+    // The first of them.
     int Port() const { return port_; }
 
 private:
+    bool Take(int first, int count);
     bool Take(int port);
+    void GiveBack();
 
     int port_ = 0;
-    int lock_ = -1;
+    std::vector<int> locks_;
 };
 
 // How a process ended.
@@ -92,6 +95,7 @@ struct ServerOptions {
     bool ownNetwork = false;               // a network of its own with only a loopback
     int heldDescriptors = 0;               // descriptors that the host holds before it starts the server
     Host host = Host::kPlain;
+    int ports = 1; // ports in a row that are this server's; it listens on the first
 };
 
 class Server {

@@ -1,6 +1,6 @@
 #!/bin/bash
 # The example clients, each against a real server and against one that does everything wrong; and what
-# docs/protocol.md shows: its first calls, and its requests as they go over the wire.
+# docs/protocol.md says and shows: its statements, its first calls, its requests as they go over the wire.
 #
 #   clients_test.sh SOURCE BUILD      BUILD: where rdxhttpd and its libraries lie
 set -eu
@@ -37,7 +37,7 @@ serve() {
         port=$((20000 + RANDOM % 10000))
         ! in_use "$port" || continue
         printf '%s\n' '[HTTP]' "ServicePort=$port" 'MethodsAllowed=GET, POST' "$@" >"$work/server.ini"
-        "${with_demo_user[@]}" "$build/rdxhttpd" -c "$work/server.ini" -mt 4 >"$work/log" 2>&1 &
+        "${with_demo_user[@]}" "$build/rdxhttpd" -c "$work/server.ini" -mt 16 >"$work/log" 2>&1 &
         server=$!
         until in_use "$port"; do
             kill -0 "$server" 2>/dev/null || continue 2
@@ -223,6 +223,25 @@ done
 kill "$other"
 wait "$other" 2>/dev/null || true
 other=
+
+# What the document says of requests, and of those that end the server.
+serve
+statements() { python3 tests/package/statements.py "$port" docs/protocol.md "$@"; }
+[ -z "$no_demo_user" ] && user=demo || user=''
+statements "$user" || fail "a statement of docs/protocol.md"
+stop
+ended=0
+while serve; do
+    result=0
+    statements "$ended" || result=$?
+    kill -KILL "$server" 2>/dev/null || true
+    wait "$server" 2>/dev/null || true
+    server=
+    [ "$result" -ne 77 ] || break
+    [ "$result" -eq 0 ] && grep -q Assertion "$work/log" || fail "a request that ends the server, by docs/protocol.md"
+    ended=$((ended + 1))
+done
+[ "$ended" -eq 9 ] || fail "$ended requests that end the server"
 
 # The document's requests, each followed by the answer's first line, byte for byte where the document shows it.
 cat >"$work/wire.py" <<'END'

@@ -259,6 +259,7 @@ def exchange(request):
             answer += connection.recv(65536)
         return answer
 
+document = re.sub(r"<!-- begin .*?<!-- end -->", "", document, flags=re.DOTALL)  # other tests have those
 messages = re.findall(r"```http\n(.*?)\n```", document, re.DOTALL)
 requests = 0
 for message, following in zip(messages, messages[1:] + [""]):

@@ -34,7 +34,7 @@ clients=("$work/call" examples/call.py examples/call.sh)
 serve() {
     rm -f "$RDX_SIM_STATE" "$RDX_SIM_SCENARIO"
     for _ in 1 2 3 4 5 6 7 8 9 10; do
-        port=$((20000 + RANDOM % 10000))
+        port=$((10000 + RANDOM % 10000))
         ! in_use "$port" || continue
         printf '%s\n' '[HTTP]' "ServicePort=$port" 'MethodsAllowed=GET, POST' "$@" >"$work/server.ini"
         "${with_demo_user[@]}" "$build/rdxhttpd" -c "$work/server.ini" -mt 16 >"$work/log" 2>&1 &
@@ -43,7 +43,8 @@ serve() {
             kill -0 "$server" 2>/dev/null || continue 2
             sleep 0.05
         done
-        return 0
+        sleep 0.1 # another program may have been faster to take the port
+        ! kill -0 "$server" 2>/dev/null || return 0
     done
     fail "no server: $(cat "$work/log")"
 }

@@ -2,6 +2,7 @@
  *
  *   call HOST PORT METHOD PACKET [USER:PASSWORD]      PACKET: a file with the arguments, "-" for standard
  * input
+ *   cc examples/call.c -o call                        builds it
  *
  * Prints the HTTP status and the body. The exit status tells what came of the call:
  *   0  the device did it: status 200, code 0        3  there was no whole answer

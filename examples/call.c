@@ -1,11 +1,11 @@
 /* Calls a method of the server with nothing but the system's sockets, and prints the answer.
  *
- *   call HOST PORT METHOD PACKET [USER:PASSWORD]      PACKET: a file with the arguments, "-" for standard
- * input
- *   cc examples/call.c -o call                        builds it
+ *   cc examples/call.c -o call
+ *   ./call HOST PORT METHOD PACKET [USER:PASSWORD]
  *
- * Prints the HTTP status and the body. The exit status tells what came of the call:
- *   0  the device did it: status 200, code 0        3  there was no whole answer
+ * PACKET is a file with the arguments, "-" standard input. Prints the HTTP status and the body. The exit
+ * status tells what came of the call:
+ *   0  the device did it: status 200, code 0         3  there was no whole answer
  *   1  the device did not: status 200, another code  4  the call was not made: wrong arguments
  *   2  the server refused it: another status
  *

@@ -160,8 +160,8 @@ STATEMENTS = [
     ("each with a value in quotes as above", with_packet(
         b"<?xml version='1.0' encoding='UTF-8'?><!DOCTYPE wddxPacket PUBLIC \"a\" \"http://a/b\">" + VERSION), "200"),
     ("each with a value in quotes as above", with_packet(b"<!DOCTYPE wddxPacket>" + VERSION), "400"),
-    ("Nothing behind `</wddxPacket>` is looked at", with_packet(VERSION + b"<junk"), "400"),
-    ("Nothing behind `</wddxPacket>` is looked at", with_packet(VERSION + b"junk<junk>"), "200"),
+    ("is ignored, unless it ends within a tag", with_packet(VERSION + b"<junk"), "400"),
+    ("What stands behind `</wddxPacket>` is ignored", with_packet(VERSION + b"junk<junk>"), "200"),
     ("There are no comments", with_packet(b"<!-- a -->" + VERSION), "400"),
     ("There are no comments", with_members(b"<!-- a -->"), "400"),
     ("no CDATA sections", with_members(member(b"<string><![CDATA[a]]></string>")), "400"),

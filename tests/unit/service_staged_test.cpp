@@ -16,6 +16,7 @@
 #include "tests/support/guarded.h"
 #include "tests/support/handlers.h"
 #include "tests/support/loopback.h"
+#include "tests/support/serving.h"
 #include "tests/support/threads.h"
 
 #include <gmock/gmock.h>
@@ -28,8 +29,6 @@
 #include <cstring>
 #include <dirent.h>
 #include <functional>
-#include <map>
-#include <mutex>
 #include <optional>
 #include <pthread.h>
 #include <string>
@@ -37,22 +36,13 @@
 #include <sys/socket.h>
 #include <thread>
 #include <unistd.h>
-#include <utility>
 #include <vector>
 
 namespace {
 
 using namespace rdx;
 using namespace std::string_literals;
-using test::AdminServer;
-using test::Assertion;
-using test::CallsOf;
-using test::CaptureStdout;
-using test::Client;
-using test::Eventually;
-using test::FailCall;
-using test::GuardedBytes;
-using test::WithoutTimes;
+using namespace rdx::test;
 using testing::HasSubstr;
 using testing::Not;
 
@@ -82,26 +72,6 @@ std::optional<Connect> lastConnect;
 std::string lastFunction;  // of BuildTavrinRequestExt
 int mallocsBeforeBuilding; // made when BuildTavrinRequestExt was last called
 
-// Serving threads that have come to their end.
-std::atomic<int> threadsEnded = 0;
-
-// True as soon as no serving thread is left; what they did has happened before then.
-bool ServingThreadsEnd() { return test::OtherThreadsEnd() && threadsEnded >= 0; }
-
-// How often each descriptor was closed.
-std::mutex closedMutex;
-std::map<int, int> closed;
-
-int TimesClosed(int descriptor) {
-    const std::lock_guard lock(closedMutex);
-    return closed[descriptor];
-}
-
-void ForgetClosed(int descriptor) {
-    const std::lock_guard lock(closedMutex);
-    closed.erase(descriptor);
-}
-
 } // namespace
 
 extern "C" {
@@ -109,8 +79,6 @@ int __real_rDxHandler(HttpRequest*, char*, unsigned long*, unsigned char*);
 int __wrap_rDxHandler(HttpRequest*, char*, unsigned long*, unsigned char*);
 int __real_ConsumeHttpRequest(int, HttpRequest**);
 int __wrap_ConsumeHttpRequest(int, HttpRequest**);
-int __real_CloseSocket(int);
-int __wrap_CloseSocket(int);
 int __real_SendSocket(int, const void*, int);
 int __wrap_SendSocket(int, const void*, int);
 int __real_CreateClntSocketExt(const char*, unsigned short, const char*, unsigned short, int*);
@@ -119,8 +87,6 @@ int __real_BuildTavrinRequestExt(HttpRequest*, const char*, const char*, const c
 int __wrap_BuildTavrinRequestExt(HttpRequest*, const char*, const char*, const char*, unsigned char);
 int __real_SendHttpRequest(int, HttpRequest*, HttpResponse**);
 int __wrap_SendHttpRequest(int, HttpRequest*, HttpResponse**);
-[[noreturn]] void __real_pthread_exit(void*);
-[[noreturn]] void __wrap_pthread_exit(void*);
 
 int __wrap_rDxHandler(HttpRequest* request, char* out, unsigned long* length, unsigned char* terminate) {
     return replaced.handler ? replaced.handler(request, out, length, terminate)
@@ -129,14 +95,6 @@ int __wrap_rDxHandler(HttpRequest* request, char* out, unsigned long* length, un
 
 int __wrap_ConsumeHttpRequest(int socket, HttpRequest** request) {
     return replaced.consume ? replaced.consume(request) : __real_ConsumeHttpRequest(socket, request);
-}
-
-int __wrap_CloseSocket(int socket) {
-    {
-        const std::lock_guard lock(closedMutex);
-        ++closed[socket];
-    }
-    return __real_CloseSocket(socket);
 }
 
 int __wrap_SendSocket(int socket, const void* data, int length) {
@@ -162,47 +120,13 @@ int __wrap_BuildTavrinRequestExt(HttpRequest* request, const char* host, const c
 int __wrap_SendHttpRequest(int socket, HttpRequest* request, HttpResponse** response) {
     return replaced.sendRequest ? replaced.sendRequest() : __real_SendHttpRequest(socket, request, response);
 }
-
-void __wrap_pthread_exit(void* result) {
-    ++threadsEnded;
-    __real_pthread_exit(result);
-}
 }
 
 namespace {
 
 // --- texts ---------------------------------------------------------------------------------------------
 
-constexpr unsigned char kFlags[] = {0, 1};
-constexpr ThreadID kNone = static_cast<ThreadID>(-1);
-
-constexpr const char* kInvalidPage = "<HTML><BODY>Invalid Request</BODY></HTML>";
-constexpr const char* kBadPage = "<HTML><BODY>Bad Request</BODY></HTML>";
-constexpr const char* kUnauthorizedPage = "<HTML><BODY>Unauthorized</BODY></HTML>";
-constexpr const char* kNotFoundPage = "<HTML><BODY>Not Found</BODY></HTML>";
-constexpr const char* kNotAllowedPage = "<HTML><BODY>Method not allowed</BODY></HTML>";
-constexpr const char* kErrorPage = "<HTML><BODY>Internal Server Error</BODY></HTML>";
-constexpr const char* kNoResourcesPage = "<HTML><BODY>Out of Resources</BODY></HTML>";
-
-std::string Answer(const std::string& status, const std::string& body, const std::string& challenge = "") {
-    std::string answer = "HTTP/1.1 " + status +
-                         "\r\n"
-                         "Date: Tue, 30 April 2002 12:08:00 GMT\r\n"
-                         "Last-modified: Tue, 30 April 2002 12:08:00 GMT\r\n"
-                         "Accept-Ranges: bytes\r\n"
-                         "Server: Halvor Dx httpd/0.1\r\n" +
-                         challenge + "Content-type: text/html\r\n";
-    if (!body.empty()) answer += "Content-length: " + std::to_string(body.size()) + "\r\n";
-    return answer + "\r\n" + body;
-}
-
-const std::string kOk = "200 OK";
 const std::string kBadAnswer = Answer("400 Bad Request", kBadPage);
-const std::string kUnauthorizedAnswer =
-    Answer("401 Unauthorized", kUnauthorizedPage, "WWW-Authenticate: BASIC realm=\"Tavrin\"\r\n");
-const std::string kNotFoundAnswer = Answer("404 Not found", kNotFoundPage);
-const std::string kNotAllowedAnswer = Answer("405 Not implemented", kNotAllowedPage);
-const std::string kErrorAnswer = Answer("500 Internal Server Error", kErrorPage);
 const std::string kNoResourcesAnswer = Answer("503 Not implemented", kNoResourcesPage);
 
 // The packet that acknowledges a ticket.
@@ -228,10 +152,6 @@ std::string Acknowledge(const std::string& ticket) {
            "</wddxPacket>\n";
 }
 
-std::string Get(const std::string& uri, const std::string& connection = "keep-alive") {
-    return "GET " + uri + " HTTP/1.1\r\nConnection: " + connection + "\r\n\r\n";
-}
-
 const std::string kTicketUri = "/rDx?SvcTicket=42";
 const std::string kTicketAnswer = Answer(kOk, Acknowledge("42"));
 
@@ -252,36 +172,12 @@ std::string FollowUp(const std::string& command, const std::string& body) {
 // What it answers.
 const std::string kTaken = "HTTP/1.1 200 OK\r\nServer: a\r\nContent-length: 5\r\n\r\ntaken";
 
-// What a good request prints while it is read from a socket that is not TCP's.
-constexpr const char* kRead = "\nParsing: method ok (1)\nParseHttpMethodLine ok";
-
 std::string Consumed(int result) {
     return "\nServeClientInStages 2 ConsumeHttpRequest=" + std::to_string(result);
 }
 
-// A piece of the trace that is printed when the verbosity is above a level.
-struct Trace {
-    int above;
-    std::string text;
-};
-constexpr int kAlways = -1;
-constexpr int kProgress = VERBOSITY_WARN;
-constexpr int kDetail = VERBOSITY_LOG;
 constexpr std::array kVerbosities = {VERBOSITY_NONE, VERBOSITY_FATAL, VERBOSITY_ERROR,
                                      VERBOSITY_WARN, VERBOSITY_LOG,   VERBOSITY_ALL};
-
-std::string TraceAt(int verbosity, const std::vector<Trace>& traces) {
-    std::string text;
-    for (const Trace& trace : traces) {
-        if (verbosity > trace.above) text += trace.text;
-    }
-    return text;
-}
-
-std::string ThreadLine(const std::string& label, const std::string& message, long number) {
-    return "\n[TIME]," + label + ": " + message + " (" + std::to_string(number) +
-           ") [tid=" + std::to_string(CurrentThreadID()) + "]";
-}
 
 std::string StringLine(const std::string& message, const std::string& value) {
     return "\n[TIME],ServeClientInStages(): " + message + " <" + value + ">";
@@ -350,70 +246,6 @@ private:
     }
 
     int localPort_ = 0;
-};
-
-// A handler that answers with this text.
-auto Answering(const std::string& text) {
-    return [text](HttpRequest*, char* out, unsigned long* length, unsigned char*) {
-        *length = text.copy(out, *length);
-        return 0;
-    };
-}
-
-// A handler that fails, or refuses the request, with this result.
-auto Failing(int result) {
-    return [result](HttpRequest*, char*, unsigned long*, unsigned char*) { return result; };
-}
-
-// A connection in service on the calling thread, which is the primary one.
-class Serving {
-public:
-    Serving() {
-        int ends[2];
-        if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends) != 0) std::abort();
-        client_ = ends[1];
-        call.hSocket = ends[0];
-        ForgetClosed(call.hSocket); // of an earlier connection of that number
-        call.iSvcStatus = SERVICE_RUNNING;
-        call.hThreadId = CurrentThreadID();
-        call.pFdSet = &watched;
-    }
-    ~Serving() {
-        if (TimesClosed(call.hSocket) == 0) close(call.hSocket);
-        CloseClient();
-    }
-    Serving(const Serving&) = delete;
-    Serving& operator=(const Serving&) = delete;
-
-    void Send(std::string_view bytes) const {
-        ASSERT_EQ(send(client_, bytes.data(), bytes.size(), 0), static_cast<ssize_t>(bytes.size()));
-    }
-
-    void EndSending() const { shutdown(client_, SHUT_WR); }
-
-    void CloseClient() {
-        if (client_ >= 0) close(std::exchange(client_, -1));
-    }
-
-    // What has been sent to the client since this was last asked.
-    std::string Received() const {
-        std::string received;
-        char piece[4096];
-        ssize_t count;
-        while ((count = recv(client_, piece, sizeof piece, MSG_DONTWAIT)) > 0) {
-            received.append(piece, static_cast<std::size_t>(count));
-        }
-        return received;
-    }
-
-    bool IsWatched() const { return FD_ISSET(call.hSocket, &watched); }
-    bool IsClosed() const { return TimesClosed(call.hSocket) == 1; }
-
-    ServiceCall call{};
-    fd_set watched{};
-
-private:
-    int client_;
 };
 
 // Serves a request and gives the service's status.

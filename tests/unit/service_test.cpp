@@ -13,6 +13,7 @@
 #include "tests/support/faults.h"
 #include "tests/support/loopback.h"
 #include "tests/support/request.h"
+#include "tests/support/serving.h"
 #include "tests/support/threads.h"
 
 #include <gmock/gmock.h>
@@ -24,8 +25,6 @@
 #include <cstddef>
 #include <fcntl.h>
 #include <functional>
-#include <map>
-#include <mutex>
 #include <optional>
 #include <regex>
 #include <semaphore>
@@ -36,12 +35,7 @@
 namespace {
 
 using namespace rdx;
-using test::CallsOf;
-using test::CaptureStdout;
-using test::Client;
-using test::Eventually;
-using test::FailCall;
-using test::WithoutTimes;
+using namespace rdx::test;
 using testing::HasSubstr;
 using testing::Not;
 
@@ -57,26 +51,6 @@ struct Replaced {
 };
 Replaced replaced;
 
-// Serving threads that have come to their end.
-std::atomic<int> threadsEnded = 0;
-
-// True as soon as no serving thread is left; what they did has happened before then.
-bool ServingThreadsEnd() { return test::OtherThreadsEnd() && threadsEnded >= 0; }
-
-// How often each descriptor was closed.
-std::mutex closedMutex;
-std::map<int, int> closed;
-
-int TimesClosed(int descriptor) {
-    const std::lock_guard lock(closedMutex);
-    return closed[descriptor];
-}
-
-void ForgetClosed() {
-    const std::lock_guard lock(closedMutex);
-    closed.clear();
-}
-
 } // namespace
 
 extern "C" {
@@ -84,14 +58,10 @@ int __real_rDxHandler(HttpRequest*, char*, unsigned long*, unsigned char*);
 int __wrap_rDxHandler(HttpRequest*, char*, unsigned long*, unsigned char*);
 int __real_IsClientGranted(void);
 int __wrap_IsClientGranted(void);
-int __real_CloseSocket(int);
-int __wrap_CloseSocket(int);
 int __real_select(int, fd_set*, fd_set*, fd_set*, timeval*);
 int __wrap_select(int, fd_set*, fd_set*, fd_set*, timeval*);
 int __real_usleep(useconds_t);
 int __wrap_usleep(useconds_t);
-[[noreturn]] void __real_pthread_exit(void*);
-[[noreturn]] void __wrap_pthread_exit(void*);
 int __real_ThreadCreate(void* (*)(void*), void*, ThreadID*);
 int __wrap_ThreadCreate(void* (*)(void*), void*, ThreadID*);
 
@@ -100,20 +70,7 @@ int __wrap_rDxHandler(HttpRequest* request, char* out, unsigned long* length, un
                             : __real_rDxHandler(request, out, length, terminate);
 }
 
-void __wrap_pthread_exit(void* result) {
-    ++threadsEnded;
-    __real_pthread_exit(result);
-}
-
 int __wrap_IsClientGranted() { return replaced.granted ? replaced.granted() : __real_IsClientGranted(); }
-
-int __wrap_CloseSocket(int socket) {
-    {
-        const std::lock_guard lock(closedMutex);
-        ++closed[socket];
-    }
-    return __real_CloseSocket(socket);
-}
 
 int __wrap_select(int count, fd_set* read, fd_set* write, fd_set* except, timeval* timeout) {
     return replaced.select ? replaced.select(count, read, timeout)
@@ -147,67 +104,11 @@ static_assert(SERVICE_BUFFER_SIZE == 129 * 1024);
 
 // --- texts ---------------------------------------------------------------------------------------------
 
-constexpr unsigned char kFlags[] = {0, 1};
-constexpr ThreadID kNone = static_cast<ThreadID>(-1);
-
-constexpr const char* kInvalidPage = "<HTML><BODY>Invalid Request</BODY></HTML>";
-constexpr const char* kUnauthorizedPage = "<HTML><BODY>Unauthorized</BODY></HTML>";
-constexpr const char* kNotFoundPage = "<HTML><BODY>Not Found</BODY></HTML>";
-constexpr const char* kNotAllowedPage = "<HTML><BODY>Method not allowed</BODY></HTML>";
-constexpr const char* kErrorPage = "<HTML><BODY>Internal Server Error</BODY></HTML>";
-
-std::string Answer(const std::string& status, const std::string& body, const std::string& challenge = "") {
-    std::string answer = "HTTP/1.1 " + status +
-                         "\r\n"
-                         "Date: Tue, 30 April 2002 12:08:00 GMT\r\n"
-                         "Last-modified: Tue, 30 April 2002 12:08:00 GMT\r\n"
-                         "Accept-Ranges: bytes\r\n"
-                         "Server: Halvor Dx httpd/0.1\r\n" +
-                         challenge + "Content-type: text/html\r\n";
-    if (!body.empty()) answer += "Content-length: " + std::to_string(body.size()) + "\r\n";
-    return answer + "\r\n" + body;
-}
-
-const std::string kOk = "200 OK";
-const std::string kChallenge = "WWW-Authenticate: BASIC realm=\"Tavrin\"\r\n";
-const std::string kUnauthorizedAnswer = Answer("401 Unauthorized", kUnauthorizedPage, kChallenge);
-const std::string kNotFoundAnswer = Answer("404 Not found", kNotFoundPage);
-const std::string kErrorAnswer = Answer("500 Internal Server Error", kErrorPage);
-
-std::string Get(const std::string& uri, const std::string& connection = "keep-alive") {
-    return "GET " + uri + " HTTP/1.1\r\nConnection: " + connection + "\r\n\r\n";
-}
-
 constexpr const char* kVersionArguments =
     "<wddxPacket version='1.0'><header/><data><struct><var name='version'><number>1</number></var></struct>"
     "</data></wddxPacket>";
 
-// What a good request prints while it is read from a socket that is not TCP's.
-constexpr const char* kRead = "\nParsing: method ok (1)\nParseHttpMethodLine ok";
-
-// A piece of the trace that is printed when the verbosity is above a level.
-struct Trace {
-    int above;
-    std::string text;
-};
-constexpr int kAlways = -1;
-constexpr int kProgress = VERBOSITY_WARN;
-constexpr int kDetail = VERBOSITY_LOG;
 constexpr std::array kVerbosities = {VERBOSITY_NONE, VERBOSITY_WARN, VERBOSITY_LOG, VERBOSITY_ALL};
-
-std::string TraceAt(int verbosity, const std::vector<Trace>& traces) {
-    std::string text;
-    for (const Trace& trace : traces) {
-        if (verbosity > trace.above) text += trace.text;
-    }
-    return text;
-}
-
-std::string ThreadLine(const std::string& label, const std::string& message, long number,
-                       unsigned long thread) {
-    return "\n[TIME]," + label + ": " + message + " (" + std::to_string(number) +
-           ") [tid=" + std::to_string(thread) + "]";
-}
 
 // The assertion's report: a compiler may write the signature "T* F(U*)" as "T *F(U *)".
 auto Report(const std::string& signature, const std::string& text) {
@@ -249,19 +150,6 @@ private:
         StoreShared(mtPrimaryThread, kNone);
     }
 };
-
-// A handler that answers with this text.
-auto Answering(const std::string& text) {
-    return [text](HttpRequest*, char* out, unsigned long* length, unsigned char*) {
-        *length = text.copy(out, *length);
-        return 0;
-    };
-}
-
-// A handler that fails, or refuses the request, with this result.
-auto Failing(int result) {
-    return [result](HttpRequest*, char*, unsigned long*, unsigned char*) { return result; };
-}
 
 // --- the handler table ---------------------------------------------------------------------------------
 
@@ -410,68 +298,6 @@ TEST_F(HandleRequestTest, ReachesTheDeviceService) {
 }
 
 // --- a slot served on the test's own thread ------------------------------------------------------------
-
-// A connection in service on the calling thread, which is the primary one.
-class Serving {
-public:
-    Serving() {
-        int ends[2];
-        if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends) != 0) std::abort();
-        client_ = ends[1];
-        Take(ends[0]);
-        call.iSvcStatus = SERVICE_RUNNING;
-        call.hThreadId = CurrentThreadID();
-        call.pFdSet = &watched;
-    }
-    ~Serving() {
-        if (TimesClosed(call.hSocket) == 0) close(call.hSocket);
-        CloseClient();
-    }
-    Serving(const Serving&) = delete;
-    Serving& operator=(const Serving&) = delete;
-
-    // Serves this connection instead.
-    void Replace(int socket) {
-        close(call.hSocket);
-        Take(socket);
-    }
-
-    void Send(std::string_view bytes) const {
-        ASSERT_EQ(send(client_, bytes.data(), bytes.size(), 0), static_cast<ssize_t>(bytes.size()));
-    }
-
-    void EndSending() const { shutdown(client_, SHUT_WR); }
-
-    void CloseClient() {
-        if (client_ >= 0) close(std::exchange(client_, -1));
-    }
-
-    // What has been sent to the client so far.
-    std::string Received() const {
-        std::string received;
-        char piece[4096];
-        ssize_t count;
-        while ((count = recv(client_, piece, sizeof piece, MSG_DONTWAIT)) > 0) {
-            received.append(piece, static_cast<std::size_t>(count));
-        }
-        return received;
-    }
-
-    bool IsWatched() const { return FD_ISSET(call.hSocket, &watched); }
-    bool IsClosed() const { return TimesClosed(call.hSocket) == 1; }
-
-    ServiceCall call{};
-    fd_set watched{};
-
-private:
-    void Take(int socket) {
-        call.hSocket = socket;
-        const std::lock_guard lock(closedMutex);
-        closed.erase(socket); // of an earlier connection of that number
-    }
-
-    int client_;
-};
 
 // Serves a request and gives the service's status.
 long Serve(Serving& serving) { return reinterpret_cast<std::intptr_t>(ServeClient(&serving.call)); }
@@ -2090,11 +1916,8 @@ TEST_F(RunHttpServerTest, ClosesAConnectionOnceThatIsPutBackWhileTheLoopEnds) {
         EXPECT_EQ(loop.Join(), 0);
         for (Client& client : clients) EXPECT_EQ(client.ReceiveAll(), Answer(kOk, ""));
         EXPECT_TRUE(ServingThreadsEnd());
-        {
-            const std::lock_guard lock(closedMutex);
-            EXPECT_EQ(closed.size(), 4U);
-            for (const auto& [socket, times] : closed) EXPECT_EQ(times, 1) << socket;
-        }
+        EXPECT_EQ(TimesClosed().size(), 4U);
+        for (const auto& [socket, times] : TimesClosed()) EXPECT_EQ(times, 1) << socket;
         ForgetClosed();
     }
 }

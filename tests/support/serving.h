@@ -1,0 +1,177 @@
+// Serving in tests: a connection in service on the test's own thread, what it is answered, what it traces.
+//
+// The tests that use this have CloseSocket and pthread_exit replaced by the ones of serving.cpp, which count.
+#ifndef RDX_TESTS_SUPPORT_SERVING_H
+#define RDX_TESTS_SUPPORT_SERVING_H
+
+#include "common/config.h"
+#include "common/mt.h"
+#include "server/service.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <map>
+#include <string>
+#include <string_view>
+#include <sys/select.h>
+#include <sys/socket.h>
+#include <unistd.h>
+#include <utility>
+#include <vector>
+
+namespace rdx::test {
+
+// True as soon as no serving thread is left; what they did has happened before then.
+bool ServingThreadsEnd();
+
+// How often CloseSocket was called for each descriptor, or for one, since that was forgotten.
+std::map<int, int> TimesClosed();
+int TimesClosed(int descriptor);
+void ForgetClosed(int descriptor);
+void ForgetClosed();
+
+// --- texts ---------------------------------------------------------------------------------------------
+
+inline constexpr unsigned char kFlags[] = {0, 1};
+inline constexpr ThreadID kNone = static_cast<ThreadID>(-1);
+
+inline constexpr const char* kInvalidPage = "<HTML><BODY>Invalid Request</BODY></HTML>";
+inline constexpr const char* kBadPage = "<HTML><BODY>Bad Request</BODY></HTML>";
+inline constexpr const char* kUnauthorizedPage = "<HTML><BODY>Unauthorized</BODY></HTML>";
+inline constexpr const char* kNotFoundPage = "<HTML><BODY>Not Found</BODY></HTML>";
+inline constexpr const char* kNotAllowedPage = "<HTML><BODY>Method not allowed</BODY></HTML>";
+inline constexpr const char* kErrorPage = "<HTML><BODY>Internal Server Error</BODY></HTML>";
+inline constexpr const char* kNoResourcesPage = "<HTML><BODY>Out of Resources</BODY></HTML>";
+
+// The whole answer.
+inline std::string Answer(const std::string& status, const std::string& body,
+                          const std::string& challenge = "") {
+    std::string answer = "HTTP/1.1 " + status +
+                         "\r\n"
+                         "Date: Tue, 30 April 2002 12:08:00 GMT\r\n"
+                         "Last-modified: Tue, 30 April 2002 12:08:00 GMT\r\n"
+                         "Accept-Ranges: bytes\r\n"
+                         "Server: Halvor Dx httpd/0.1\r\n" +
+                         challenge + "Content-type: text/html\r\n";
+    if (!body.empty()) answer += "Content-length: " + std::to_string(body.size()) + "\r\n";
+    return answer + "\r\n" + body;
+}
+
+inline const std::string kOk = "200 OK";
+inline const std::string kChallenge = "WWW-Authenticate: BASIC realm=\"Tavrin\"\r\n";
+inline const std::string kInvalidAnswer = Answer("400 Bad Request", kInvalidPage);
+inline const std::string kUnauthorizedAnswer = Answer("401 Unauthorized", kUnauthorizedPage, kChallenge);
+inline const std::string kNotFoundAnswer = Answer("404 Not found", kNotFoundPage);
+inline const std::string kNotAllowedAnswer = Answer("405 Not implemented", kNotAllowedPage);
+inline const std::string kErrorAnswer = Answer("500 Internal Server Error", kErrorPage);
+
+inline std::string Get(const std::string& uri, const std::string& connection = "keep-alive") {
+    return "GET " + uri + " HTTP/1.1\r\nConnection: " + connection + "\r\n\r\n";
+}
+
+// What a good request prints while it is read from a socket that is not TCP's.
+inline constexpr const char* kRead = "\nParsing: method ok (1)\nParseHttpMethodLine ok";
+
+// A piece of the trace that is printed when the verbosity is above a level.
+struct Trace {
+    int above;
+    std::string text;
+};
+inline constexpr int kAlways = -1;
+inline constexpr int kProgress = VERBOSITY_WARN;
+inline constexpr int kDetail = VERBOSITY_LOG;
+
+inline std::string TraceAt(int verbosity, const std::vector<Trace>& traces) {
+    std::string text;
+    for (const Trace& trace : traces) {
+        if (verbosity > trace.above) text += trace.text;
+    }
+    return text;
+}
+
+inline std::string ThreadLine(const std::string& label, const std::string& message, long number,
+                              unsigned long thread = CurrentThreadID()) {
+    return "\n[TIME]," + label + ": " + message + " (" + std::to_string(number) +
+           ") [tid=" + std::to_string(thread) + "]";
+}
+
+// --- handlers and connections ----------------------------------------------------------------------------
+
+// A handler that answers with this text.
+inline auto Answering(const std::string& text) {
+    return [text](HttpRequest*, char* out, unsigned long* length, unsigned char*) {
+        *length = text.copy(out, *length);
+        return 0;
+    };
+}
+
+// A handler that fails, or refuses the request, with this result.
+inline auto Failing(int result) {
+    return [result](HttpRequest*, char*, unsigned long*, unsigned char*) { return result; };
+}
+
+// A connection in service on the calling thread, which is the primary one.
+class Serving {
+public:
+    Serving() {
+        int ends[2];
+        if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends) != 0) std::abort();
+        client_ = ends[1];
+        Take(ends[0]);
+        call.iSvcStatus = SERVICE_RUNNING;
+        call.hThreadId = CurrentThreadID();
+        call.pFdSet = &watched;
+    }
+    ~Serving() {
+        if (TimesClosed(call.hSocket) == 0) close(call.hSocket);
+        CloseClient();
+    }
+    Serving(const Serving&) = delete;
+    Serving& operator=(const Serving&) = delete;
+
+    // Serves this connection instead.
+    void Replace(int socket) {
+        close(call.hSocket);
+        Take(socket);
+    }
+
+    void Send(std::string_view bytes) const {
+        ASSERT_EQ(send(client_, bytes.data(), bytes.size(), 0), static_cast<ssize_t>(bytes.size()));
+    }
+
+    void EndSending() const { shutdown(client_, SHUT_WR); }
+
+    void CloseClient() {
+        if (client_ >= 0) close(std::exchange(client_, -1));
+    }
+
+    // What has been sent to the client so far.
+    std::string Received() const {
+        std::string received;
+        char piece[4096];
+        ssize_t count;
+        while ((count = recv(client_, piece, sizeof piece, MSG_DONTWAIT)) > 0) {
+            received.append(piece, static_cast<std::size_t>(count));
+        }
+        return received;
+    }
+
+    bool IsWatched() const { return FD_ISSET(call.hSocket, &watched); }
+    bool IsClosed() const { return TimesClosed(call.hSocket) == 1; }
+
+    ServiceCall call{};
+    fd_set watched{};
+
+private:
+    void Take(int socket) {
+        call.hSocket = socket;
+        ForgetClosed(socket); // of an earlier connection of that number
+    }
+
+    int client_;
+};
+
+} // namespace rdx::test
+
+#endif

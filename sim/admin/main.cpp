@@ -79,7 +79,8 @@ public:
 
     void Add(const std::string& title, const std::string& body) {
         const std::string entry = title + ", " + std::to_string(body.size()) + " bytes\n" + body + "\n\n";
-        std::cout << entry << std::flush;
+        // Beside a server, whose lines have their line feeds in front.
+        std::cout << "\nrdxadmin: " << entry << std::flush;
         if (file_.is_open()) file_ << entry << std::flush;
     }
 

@@ -42,6 +42,7 @@ drifts() {
 
 golden=tests/system/golden
 drifts 'an answer' yes $golden/rdxGetVersion/0.xml 's/100/101/'
+drifts 'a message' yes $golden/junior/follow_up.http 's/vsFollowUpSuccess/vsFollowUp/'
 drifts 'arguments' yes $golden/rdxAllocateDevice/arguments.xml 's/10\.0\.0\.7/10.0.0.8/'
 drifts 'a broken answer' no $golden/rdxGetVersion/0.xml 's/<\/struct>//'
 drifts 'a code' yes rDxsd/ownership.cpp 's/42101, 9002/42101, 9003/'

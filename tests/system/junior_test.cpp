@@ -428,12 +428,20 @@ TEST_P(Junior, SurvivesEveryAnswerOfTheAdministrationServer) {
     EXPECT_TRUE(server.process.WaitForDescriptors(descriptors));
 }
 
+std::string Repeated(const std::string& text, int times) {
+    std::string all;
+    for (int i = 0; i < times; ++i) all += text;
+    return all;
+}
+
 // What the reader of answers takes for impossible ends the server, as it does for requests: a header line
 // without a colon, and a status line of five characters. The client has its acknowledge all the same.
 TEST_P(Junior, EndsByAnAnswerThatBreaksAPrecondition) {
     const std::pair<std::string, std::string> rows[] = {
         {"HTTP/1.1 200 OK\r\nServer: a\r\nContent-le", "Assertion `pcolon != __null' failed."},
         {"HTTP/\r\n\r\n", "Assertion `len < (q - p)' failed."},
+        {"HTTP/1.1 200 OK\r\n" + Repeated("Vary: *\r\n", 9) + "\r\n",
+         "Assertion `pResponse->ucNumOfResponseHeaders <= 8' failed."},
     };
     for (const auto& [answer, assertion] : rows) {
         JuniorServer server(GetParam(), answer);
@@ -443,6 +451,21 @@ TEST_P(Junior, EndsByAnAnswerThatBreaksAPrecondition) {
         ASSERT_TRUE(ending);
         EXPECT_EQ(ending->signal, SIGABRT);
         EXPECT_EQ(CountOf(assertion, server.process.Errors()), 1) << server.process.Errors();
+    }
+}
+
+// So does an address that stands for any.
+TEST_P(Junior, EndsByAnAddressThatStandsForAny) {
+    JuniorServer here(GetParam(), kTaken, AdminServer::Then::Close, {"ServiceAddr=0.0.0.0"});
+    ASSERT_TRUE(here.Start());
+    JuniorServer there(GetParam());
+    ASSERT_TRUE(there.process.Start({"-as", "0.0.0.0:" + std::to_string(there.admin.Port())}));
+    for (JuniorServer* server : {&here, &there}) {
+        EXPECT_EQ(Ask(server->Port(), Ticketed("42")).text, Acknowledge("42"));
+        const auto ending = server->process.WaitForEnd();
+        ASSERT_TRUE(ending);
+        EXPECT_EQ(ending->signal, SIGABRT);
+        EXPECT_EQ(CountOf("Assertion `ulAddr != 0L' failed.", server->process.Errors()), 1);
     }
 }
 

@@ -258,6 +258,32 @@ TEST_P(Junior, PostsTheStatusOfTheDevice) {
     EXPECT_TRUE(body.ends_with("</wddxPacket>"));
 }
 
+TEST_P(Junior, PostsALongResultWhole) {
+    const TemporaryFolder folder;
+    const std::string scenario = folder.Path() + "/scenario.ini";
+    const std::string value(100, 'v');
+    std::string attributes = "[rdxGetDeviceAttributes]\n";
+    for (int i = 0; i < 300; ++i) {
+        attributes += "attribute = \"a" + std::to_string(i) + "\" \"" + value + "\" persistent\n";
+    }
+    WriteFile(scenario, attributes);
+    const AdminServer admin(kTaken);
+    Server server({.settings = {"AuthInfo=dXNlcjpwYXNz"},
+                   .threads = GetParam(),
+                   .environment = {{"RDX_SIM_SCENARIO", scenario}},
+                   .ports = 2});
+    ASSERT_TRUE(server.Start({"-as", "127.0.0.1:" + std::to_string(admin.Port())}));
+    const std::string packet = Packet("<struct><var name='version'><number>1</number></var></struct>");
+    EXPECT_EQ(Ask(server.Port(), Ticketed("1", "rdxGetDeviceStatus", packet)).text, Acknowledge("1"));
+    ASSERT_TRUE(Eventually([&] { return admin.FollowUps().size() == 1; }));
+    const std::string request = admin.Request();
+    const std::string body = request.substr(request.find("\r\n\r\n") + 4);
+    EXPECT_EQ(request, FollowUp("vsFollowUpSuccess", "1", body));
+    EXPECT_GT(body.size(), 80000U);
+    EXPECT_EQ(CountOf(value, body), 300);
+    EXPECT_TRUE(body.ends_with("</wddxPacket>"));
+}
+
 TEST_P(Junior, SendsTheTerminatorBehindAcknowledgeAndFollowUp) {
     JuniorServer server(GetParam(), kTaken + "END", AdminServer::Then::Close, {"SendEOT=1", "EOTString=END"});
     ASSERT_TRUE(server.Start());

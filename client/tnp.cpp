@@ -3,6 +3,7 @@
 #include "common/check.h"
 #include "common/config.h"
 #include "common/memory.h"
+#include "common/owned_messages.h"
 #include "common/shared.h"
 #include "common/text.h"
 
@@ -41,24 +42,6 @@ int AddHeaders(HttpRequest& request, const char* host, std::size_t argumentsLeng
     }
     return 0;
 }
-
-// The contents of a request that lives on the stack, released at the end of a scope.
-struct RequestContents {
-    HttpRequest request{};
-
-    RequestContents() = default;
-    ~RequestContents() { FreeHttpRequest(&request); }
-    RequestContents(const RequestContents&) = delete;
-    RequestContents& operator=(const RequestContents&) = delete;
-};
-
-struct DeleteResponse {
-    void operator()(HttpResponse* response) const {
-        FreeHttpResponse(response);
-        std::free(response);
-    }
-};
-using OwnedResponse = std::unique_ptr<HttpResponse, DeleteResponse>;
 
 // Copies as much of the answer's body as fits: QueryTavrinExt's result.
 int CopyAnswer(const HttpResponse& response, char* buffer, unsigned int* size) {
@@ -104,12 +87,12 @@ int QueryTavrinExt(int sock, const char* pszHost, const char* /*pszUnused*/, con
     RDX_CHECK(*pszArgs != '\0', "strlen( pszArgs ) != 0");
     RDX_CHECK(pBuf != nullptr, "pBuf != __null");
     RDX_CHECK(*puiBufsiz > 0, "*puiBufsiz > 0");
-    RequestContents call;
+    rdx::ScopedRequest call;
     const int built = BuildTavrinRequestExt(&call.request, pszHost, pszFunction, pszArgs, ucClose);
     if (built != 0) return built;
     HttpResponse* response = nullptr;
     const int sent = SendHttpRequest(sock, &call.request, &response);
-    const OwnedResponse owner(response);
+    const rdx::OwnedResponse owner(response);
     return sent != 0 ? sent : CopyAnswer(*response, pBuf, puiBufsiz);
 }
 

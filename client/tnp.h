@@ -3,7 +3,8 @@
  *
  * The caller connects the socket beforehand and closes it afterwards. Texts are NUL-terminated and stay the
  * caller's; function names are sent as they are, unencoded. Calls may run on several threads at once, each on
- * records and a socket of its own. The credentials sent are `szAuthInfo`; without any nothing can be sent.
+ * records and a socket of its own. The credentials sent are `szAuthInfo`; while it is empty sending fails
+ * with -3.
  * A program that does not ignore the signal SIGPIPE is ended by it when the other server closes early.
  */
 #ifndef RDX_CLIENT_TNP_H

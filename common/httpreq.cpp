@@ -6,6 +6,7 @@
 #include "common/log_lines.h"
 #include "common/memory.h"
 #include "common/method_names.h"
+#include "common/owned_messages.h"
 #include "common/portability_sockets.h"
 #include "common/request_lists.h"
 #include "common/shared.h"
@@ -40,15 +41,6 @@ constexpr Version kVersions[] = {{"1.1", 11, 1}, {"1.0", 10, 0}};
 
 constexpr std::string_view kBlank = " ";
 constexpr std::string_view kBlanks = " \t";
-
-// A request under construction: whoever gives up on it frees contents and record.
-struct RequestDelete {
-    void operator()(HttpRequest* request) const {
-        FreeHttpRequest(request);
-        std::free(request);
-    }
-};
-using OwnedRequest = std::unique_ptr<HttpRequest, RequestDelete>;
 
 // A word of the request line up to the first byte of `end`, which is left unread. None when there is no such
 // byte, or when the word is too long.
@@ -169,7 +161,7 @@ void NotePeer(int sock, HttpRequest& request) {
 int ConsumeHttpRequest(int sock, HttpRequest** ppRequest) {
     RDX_CHECK(ppRequest != nullptr, "ppRequest != __null");
     *ppRequest = nullptr;
-    OwnedRequest request(rdx::AllocateZeroed<HttpRequest>().release());
+    rdx::OwnedRequest request(rdx::AllocateZeroed<HttpRequest>().release());
     if (!request) return kInternalError;
     if (const int result = ReadHttpReqHeaders(sock, request.get()); result != 0) return result;
     if (const int result = ReadPostData(sock, request.get()); result != 0) return result;

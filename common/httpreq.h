@@ -68,7 +68,7 @@ typedef struct HttpRequest {
  * Reads a whole request from a connected socket: request line, headers, body, credentials, peer.
  *
  * A connection that closes, or a line that is empty, before anything else arrives is accepted too: the
- * request then has a null `pszUri` and no headers (kept: the callers tell the two by it).
+ * request then has a null `pszUri` and no headers (kept: the callers look at it).
  *
  *   sock       the socket
  *   ppRequest  out: the new request, which the caller owns; null on every failure

@@ -29,6 +29,9 @@ namespace {
 constexpr std::size_t kUriSize = 512;   // bytes of a follow-up's URI, the NUL included
 constexpr std::size_t kTicketSize = 64; // bytes of a ticket as a text, the NUL included
 
+// Bytes of a follow-up's command: the longer word, "&SvcTicket=", a 64-bit number and the NUL.
+constexpr std::size_t kCommandSize = 17 + 11 + 20 + 1;
+
 constexpr char kAcknowledge[] = "<?xml version='1.0'?>\n"
                                 "<!DOCTYPE wddxPacket SYSTEM 'wddx_0100.dtd'>\n"
                                 "<wddxPacket version='1.0'>\n"
@@ -165,7 +168,7 @@ private:
             LogString("ServeClientInStages()", "body is", body);
         }
         if (request_->ucKeepAlive == 1) slot_.ucKeepAlive = 1;
-        char command[kTicketSize];
+        char command[kCommandSize];
         snprintf(command, sizeof command, "%s&SvcTicket=%lu",
                  handled == 0 ? "vsFollowUpSuccess" : "vsFollowUpFailure", ticket);
         const int status = SendFollowUp(command, body);
@@ -185,21 +188,11 @@ private:
     }
 
     ServiceCall& slot_;
-    ServiceCall copy_; // the connection goes on by it when the slot is already somebody else's business
+    ServiceCall copy_; // the slot as it was at the start: what the connection is kept or closed by
     Buffers& buffers_;
     OwnedRequest request_;
     ServerHandler handler_ = nullptr;
     int status_ = kNothingRead;
-};
-
-// The follow-up request, released at the end of a scope.
-struct FollowUpRequest {
-    HttpRequest request{};
-
-    FollowUpRequest() = default;
-    ~FollowUpRequest() { FreeHttpRequest(&request); }
-    FollowUpRequest(const FollowUpRequest&) = delete;
-    FollowUpRequest& operator=(const FollowUpRequest&) = delete;
 };
 
 // A connection to the administration server, closed at the end of a scope.
@@ -212,7 +205,8 @@ public:
     AdminConnection(const AdminConnection&) = delete;
     AdminConnection& operator=(const AdminConnection&) = delete;
 
-    // Follow-ups share the local port, so that at most one to an administration server is under way.
+    // Follow-ups share the local port. One that starts while another is under way fails, and its result is
+    // lost (kept).
     bool Open() {
         const SharedText local(szConfigSvcAddr);
         const SharedText admin(szAdminServerHost);
@@ -244,7 +238,7 @@ OwnedText RewriteUri(const char* uri) {
 
 int StagedService::SendFollowUp(const char* command, const char* body) {
     const SharedText host(szAdminServerHost);
-    FollowUpRequest followUp;
+    ScopedRequest followUp;
     HttpRequest& stFollowUpRqst = followUp.request;
     if (BuildTavrinRequestExt(&stFollowUpRqst, host.c_str(), command, body, 1) != 0) return kNotBuilt;
     Check(kUriSize > std::strlen(stFollowUpRqst.pszUri), "sizeof( szUri ) > strlen( stFollowUpRqst.pszUri )");
@@ -285,8 +279,7 @@ void* ServeClientInStages(ServiceCall* pArgs) {
 }
 
 int FinalizeRequest(HttpRequest* pReq, HttpResponse* pRsp, int iRspStatus, char* pRspBuf, int iSvcStat,
-                    ServiceCall* pSvc, ServiceCall* pArgs, unsigned char ucKeepAlive) {
-    static_cast<void>(pArgs);
+                    ServiceCall* pSvc, ServiceCall* /*pArgs*/, unsigned char ucKeepAlive) {
     OwnedRequest request(pReq);
     OwnedResponse response(pRsp);
     const int client = pSvc->hSocket;
@@ -297,8 +290,8 @@ int FinalizeRequest(HttpRequest* pReq, HttpResponse* pRsp, int iRspStatus, char*
         RDX_CHECK(pRsp != nullptr, "pRsp != __null");
         const int length = SerializeHttpResponse(pRsp, pRspBuf, SERVICE_BUFFER_SIZE);
         iSvcStat = length < 0 ? kNotSerialised : SendSocket(client, pRspBuf, length);
-        if (iSvcStat >= 0 && VerbosityAbove(VERBOSITY_WARN)) {
-            LogThread("FinalizeRequest()", "sent bytes successfully", iSvcStat);
+        if (length >= 0 && VerbosityAbove(VERBOSITY_WARN)) {
+            LogThread("FinalizeRequest()", "sent bytes successfully", iSvcStat); // kept: a failure as well
         }
     }
     RDX_CHECK(iSvcStat != 0, "iSvcStat != 0");
@@ -318,6 +311,6 @@ int GenerateAcknowledge(char* pBuf, unsigned int uiBufsize, unsigned long ulTick
     const char* const szWddx = kAcknowledge;
     RDX_CHECK(uiBufsize > std::strlen(szWddx) + 8, "uiBufsize > (strlen( szWddx ) + 8)");
     RDX_CHECK(pBuf != nullptr, "pBuf != __null");
-    const int length = snprintf(pBuf, uiBufsize, kAcknowledge, ulTicket);
-    return std::min(length, static_cast<int>(uiBufsize) - 1);
+    const auto length = static_cast<unsigned int>(snprintf(pBuf, uiBufsize, kAcknowledge, ulTicket));
+    return static_cast<int>(std::min(length, uiBufsize - 1));
 }

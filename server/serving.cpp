@@ -8,26 +8,16 @@
 #include "server/slots.h"
 
 #include <cstdint>
-#include <cstdlib>
 
 namespace rdx {
 
-void DeleteRequest::operator()(HttpRequest* request) const {
-    FreeHttpRequest(request);
-    std::free(request);
-}
-
-void DeleteResponse::operator()(HttpResponse* response) const {
-    FreeHttpResponse(response);
-    std::free(response);
-}
-
 int ReadRequest(int socket, OwnedRequest& request) {
     constexpr int kNobodyThere = 0;
+    const bool gone = PeerHasClosed(socket);
     HttpRequest* read = nullptr;
     const int result = ConsumeHttpRequest(socket, &read);
     request.reset(read);
-    if (!request || request->pszUri != nullptr || !PeerHasClosed(socket)) return result;
+    if (!gone || !request || request->pszUri != nullptr) return result;
     request.reset();
     return kNobodyThere;
 }

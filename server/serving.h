@@ -2,9 +2,8 @@
 #ifndef RDX_SERVER_SERVING_H
 #define RDX_SERVER_SERVING_H
 
+#include "common/owned_messages.h"
 #include "server/service.h"
-
-#include <memory>
 
 namespace rdx {
 
@@ -18,18 +17,8 @@ inline constexpr const char* kNotAllowedPage = "<HTML><BODY>Method not allowed</
 inline constexpr const char* kInternalErrorPage = "<HTML><BODY>Internal Server Error</BODY></HTML>";
 inline constexpr const char* kOutOfResourcesPage = "<HTML><BODY>Out of Resources</BODY></HTML>";
 
-struct DeleteRequest {
-    void operator()(HttpRequest* request) const;
-};
-using OwnedRequest = std::unique_ptr<HttpRequest, DeleteRequest>;
-
-struct DeleteResponse {
-    void operator()(HttpResponse* response) const;
-};
-using OwnedResponse = std::unique_ptr<HttpResponse, DeleteResponse>;
-
-// Reads a request: ConsumeHttpRequest's result, or 0 when the peer closed before it sent one. That would look
-// like a request that begins with an empty line, which is answered; here nobody is left to answer.
+// Reads a request: ConsumeHttpRequest's result, or 0 when the peer closed before it sent anything. That would
+// look like a request that begins with an empty line, which is answered; here nobody asked.
 int ReadRequest(int socket, OwnedRequest& request);
 
 // True when per-connection and per-thread tracing is wanted.

@@ -43,10 +43,10 @@ void AddUnreadableRequests(std::vector<Row>& rows) {
 
 // Bytes that stop before anything was asked.
 void AddEmptyRequests(std::vector<Row>& rows) {
-    rows.push_back({{kClosed, 404}, "nothing at all", ""});
-    rows.push_back({{kClosed, 404}, "a lone carriage return", "\r"});
-    rows.push_back({{kClosed, 404}, "an empty line", "\r\n"});
-    rows.push_back({{kClosed, 404}, "an empty line that ends in a line feed", "\n"});
+    rows.push_back({{kClosed}, "nothing at all", ""});
+    rows.push_back({{404}, "a lone carriage return", "\r"});
+    rows.push_back({{404}, "an empty line", "\r\n"});
+    rows.push_back({{404}, "an empty line that ends in a line feed", "\n"});
     rows.push_back({{404}, "an empty line before a request", "\r\n" + VersionCallAndClose()});
     rows.push_back({{400}, "a hundred thousand bytes of one line", std::string(100000, 'A')});
     rows.push_back({{400}, "a hundred thousand NUL bytes", std::string(100000, '\0')});

@@ -320,6 +320,17 @@ TEST_F(OneStageTest, SendsNothingWhenThePeerClosedBeforeARequest) {
     EXPECT_FALSE(serving.IsWatched());
 }
 
+TEST_F(OneStageTest, AnswersAnEmptyFirstLineWhenTheClientHasEndedItsSide) {
+    for (const char* line : {"\r\n", "\n", "\r"}) {
+        const CaptureStdout capture;
+        Serving serving;
+        serving.Send(line);
+        serving.EndSending();
+        EXPECT_EQ(Serve(serving), static_cast<long>(kNotFoundAnswer.size()));
+        EXPECT_EQ(serving.Received(), kNotFoundAnswer);
+    }
+}
+
 TEST_F(OneStageTest, AnswersWhatTheParserRefuses) {
     const struct {
         const char* why;
@@ -363,7 +374,7 @@ TEST_F(OneStageTest, AnswersAFailedReceiveAsAnError) {
     const CaptureStdout capture;
     Serving serving;
     serving.Send(Get("/other"));
-    const FailCall reset("recv", 1, ECONNRESET);
+    const FailCall reset("recv", 2, ECONNRESET); // the first one looks whether anybody is there
     EXPECT_EQ(Serve(serving), static_cast<long>(kErrorAnswer.size()));
     EXPECT_TRUE(reset.Struck());
     EXPECT_EQ(serving.Received(), kErrorAnswer);
@@ -1366,7 +1377,8 @@ TEST_F(FinalizeRequestTest, GivesTheResultOfAFailedSend) {
         EXPECT_TRUE(serving.IsClosed());
         EXPECT_FALSE(serving.IsWatched());
         EXPECT_EQ(WithoutTimes(capture.Text()),
-                  ThreadLine("FinalizeRequest()", "client socket closed", serving.call.hSocket));
+                  ThreadLine("FinalizeRequest()", "sent bytes successfully", result) +
+                      ThreadLine("FinalizeRequest()", "client socket closed", serving.call.hSocket));
     }
 }
 
@@ -1458,6 +1470,13 @@ TEST_F(GenerateAcknowledgeTest, QuotesTheTicket) {
         EXPECT_EQ(GenerateAcknowledge(buffer.begin(), 389, row.ticket), row.length);
         EXPECT_EQ(std::string(buffer.begin()), Acknowledge(row.quoted));
         EXPECT_EQ(std::strlen(buffer.begin()), static_cast<std::size_t>(row.length));
+    }
+}
+
+TEST_F(GenerateAcknowledgeTest, KnowsBuffersOfEverySize) {
+    const GuardedBytes buffer(std::string(389, '#'));
+    for (const unsigned size : {390U, 0x7fffffffU, 0x80000000U, 0xffffffffU}) {
+        EXPECT_EQ(GenerateAcknowledge(buffer.begin(), size, 42), 379) << size;
     }
 }
 

@@ -498,7 +498,7 @@ TEST_F(ServeClientTest, SendsNothingWhenReceivingFailed) {
     const CaptureStdout capture;
     Serving serving;
     serving.Send(Get("/other"));
-    const FailCall reset("recv", 1, ECONNRESET);
+    const FailCall reset("recv", 2, ECONNRESET); // the first one looks whether anybody is there
     EXPECT_EQ(Serve(serving), -1);
     EXPECT_TRUE(reset.Struck());
     EXPECT_EQ(serving.Received(), "");
@@ -513,6 +513,18 @@ TEST_F(ServeClientTest, FindsNothingForAnEmptyFirstLine) {
         EXPECT_EQ(Serve(serving, line), static_cast<long>(kNotFoundAnswer.size()));
         EXPECT_EQ(serving.Received(), kNotFoundAnswer);
         EXPECT_EQ(capture.Text(), "ServeClient: HTTP_NOT_FOUND\nServeClientDone: Socket closed");
+    }
+}
+
+// A client that has nothing more to say still wants to hear.
+TEST_F(ServeClientTest, AnswersAnEmptyFirstLineWhenTheClientHasEndedItsSide) {
+    for (const char* line : {"\r\n", "\n", "\r"}) {
+        const CaptureStdout capture;
+        Serving serving;
+        serving.Send(line);
+        serving.EndSending();
+        EXPECT_EQ(Serve(serving), static_cast<long>(kNotFoundAnswer.size()));
+        EXPECT_EQ(serving.Received(), kNotFoundAnswer);
     }
 }
 

@@ -9,7 +9,7 @@ enum HandlerCode : int {
     kAnswered = 0,
     kBadCall = 400,
     kNotAuthorised = -401,
-    kBodyTooLong = -3,
+    kBodyTooLong = -3, // also what an unknown method says of arguments that are no structure
     kNoResult = -4,
     kUnknownStatus = -5,
     kNotAssigned = -6

@@ -1,7 +1,7 @@
 #include "rDxsd/device_info.h"
 
 #include "common/text.h"
-#include "rDxsd/method.h"
+#include "rDxsd/device_text.h"
 #include "rDxsd/rDxsd.h"
 
 #include <algorithm>

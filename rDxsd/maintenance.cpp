@@ -21,8 +21,10 @@ constexpr Outcome kSetIpOutcomes[] = {
 };
 
 constexpr Outcome kSetAttributesOutcomes[] = {
-    {1, 42301, 9011, Detail::kReason},         {2, 42020, 9012, Detail::kOwner}, // owned by another
-    {3, 42301, 9002, Detail::kReason},         {-1, 42301, 9052, Detail::kReason},
+    {1, 42301, 9011, Detail::kReason},
+    {2, 42020, 9012, Detail::kOwner}, // owned by another
+    {3, 42301, 9002, Detail::kReason},
+    {-1, 42301, 9052, Detail::kReason}, // a failure of its own only here
     {kAnyOther, 42301, 9051, Detail::kReason},
 };
 
@@ -68,18 +70,18 @@ int AddressMode(int dhcpMode) {
 // The attributes of a call as the device library takes them. The texts stay the arguments'.
 class AttributeLists {
 public:
-    // False when an element is no attribute, or memory is short.
-    bool Read(WddxValue* array) {
+    // 0, or the handler's code when an element is no attribute or memory is short.
+    int Read(WddxValue* array) {
         const auto size = static_cast<std::size_t>(std::max(wddxGetArraySize(array), 0));
         names_.reset(static_cast<char**>(std::calloc(size + 1, sizeof(char*))));
         values_.reset(static_cast<char**>(std::calloc(size + 1, sizeof(char*))));
         persistence_.reset(static_cast<int*>(std::calloc(size + 1, sizeof(int))));
-        if (!names_ || !values_ || !persistence_) return false;
+        if (!names_ || !values_ || !persistence_) return kNotAssigned;
         while (count_ < static_cast<int>(size)) {
-            if (!ReadElement(wddxGetArrayElem(array, count_))) return false;
+            if (!ReadElement(wddxGetArrayElem(array, count_))) return kBadCall;
             ++count_;
         }
-        return true;
+        return 0;
     }
 
     int Set(const char* owner) {
@@ -155,7 +157,8 @@ int ProcessSetDeviceAttributes(TavrinRequest* call, TavrinResponse* result) {
     const char* const owner = arguments.Text("DeviceOwner");
     WddxValue* const array = arguments.Array("SlpAttributes");
     AttributeLists attributes;
-    if (owner == nullptr || array == nullptr || !attributes.Read(array)) return kBadCall;
+    if (owner == nullptr || array == nullptr) return kBadCall;
+    if (const int failure = attributes.Read(array); failure != 0) return failure;
     const int done = attributes.Set(owner);
     return Answer(FindOutcome(kSetAttributesOutcomes, done)).Assign(result, "rdxSetDeviceAttributes");
 }
@@ -175,7 +178,9 @@ int ProcessRunDeviceSelfTest(TavrinRequest* call, TavrinResponse* result) {
     OwnedValue params = MakeParams(started, "");
     const SelfTestState state = AskSelfTestState();
     const Outcome& own = awaited && !state.known ? kNotAwaited : started;
-    Answer answer(own.code, own.reason, std::move(params)); // kept: the detail is that of the start
+    // Kept: a test that was awaited in vain changes what the status says, and not its detail, which goes on
+    // telling of the start.
+    Answer answer(own.code, own.reason, std::move(params));
     answer.Add("SelftestStatus", MakeSelfTestStatus(state));
     return answer.Assign(result, "rdxRunDeviceSelftest");
 }

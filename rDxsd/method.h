@@ -2,6 +2,7 @@
 #ifndef RDX_RDXSD_METHOD_H
 #define RDX_RDXSD_METHOD_H
 
+#include "rDxsd/device_text.h"
 #include "rDxsd/rDxSvcs.h"
 #include "rDxsd/values.h"
 #include "server/pdata.h"
@@ -38,11 +39,6 @@ public:
 
 private:
     OwnedValue values_;
-};
-
-// A text that the device library fills.
-struct DeviceText {
-    char text[RDX_SVCS_TEXT_SIZE] = "";
 };
 
 // What "params" says about a device's answer.

@@ -63,7 +63,7 @@ RDX_API int rDxReleaseDevice(const char* client, const char* owner, char* releas
 /* The present owner and the client that allocated the device. 0 with both texts filled. */
 RDX_API int rDxGetOwner(char* owner, char* allocatedBy);
 
-/* The name of the device's type into `name` of `size` bytes. */
+/* The name of the device's type into `name` of `size` bytes, the NUL included. */
 RDX_API int rDxGetDeviceType(char* name, int size);
 
 /*
@@ -76,10 +76,11 @@ RDX_API int rDxGetAllocStatus(unsigned long* controlled, char* allocation, char*
 /* The revision of the firmware. */
 RDX_API int rDxGetFirmwareRev(unsigned long* revision);
 
-/* The addresses in use, as dotted texts of at most `size` bytes each. The result is not looked at. */
+/* The addresses in use, as dotted texts of at most `size` bytes each, the NUL included. The result is not
+ * looked at. */
 RDX_API int rDxGetActiveIpConf(char* ipAddress, char* netmask, char* gateway, int size);
 
-/* The name of the network interface into `name` of `size` bytes. */
+/* The name of the network interface into `name` of `size` bytes, the NUL included. */
 RDX_API int rDxGetNetInterface(char* name, int size);
 
 /* The configured way of address assignment. */
@@ -122,12 +123,15 @@ RDX_API int rDxSetDeviceAttributes(const char* owner, char** names, char** value
                                    int count, int enforceRegistration);
 
 /*
- * The attributes as three parallel arrays of `*count` entries, which belong to the device library until
- * they are handed back to rdxFreeDeviceAttributes. A name or value may be null.
+ * The attributes as three parallel arrays of `*count` entries, which belong to the device library and are
+ * handed back to rdxFreeDeviceAttributes after every 0, also when there are none.
+ *   names, values  out: an entry may be null, and so may the array; an attribute without either is skipped
+ *   persistence    out: not 0 for an attribute that outlives a restart; null is as good as all 0
+ *   count          out: 0 or less without attributes
  */
 RDX_API int rdxGetDeviceAttributes(char*** names, char*** values, int** persistence, int* count);
 
-/* Takes back what rdxGetDeviceAttributes gave. */
+/* Takes back what rdxGetDeviceAttributes gave. The result is not looked at. */
 RDX_API int rdxFreeDeviceAttributes(char** names, char** values, int* persistence, int count);
 
 /*

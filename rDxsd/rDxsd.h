@@ -49,7 +49,8 @@ extern RDX_API unsigned int server_start_time;
  *   -4    no handler produced a result
  *   -5    a handler left a status that means nothing here
  *   -6    the result could not be assigned
- *   or a code of GetMultipartCallData or GetStandardCallData
+ *   or a code of GetMultipartCallData or GetStandardCallData; of an unknown method whose arguments cannot be
+ *   read also -2 and -3, as ParseWddxPacketData gives them
  * On failure `out`, `*outLen` and `*outFlag` are untouched.
  */
 RDX_API int rDxHandler(HttpRequest* req, char* out, unsigned long* outLen, unsigned char* outFlag);

@@ -107,32 +107,38 @@ OwnedValue MakeInterfaceUsage(int deviceType, bool controlled, const char* contr
 // The device's attributes, handed back when they are no longer needed.
 class DeviceAttributes {
 public:
-    DeviceAttributes() : known_(rdxGetDeviceAttributes(&names_, &values_, &persistence_, &count_) == 0) {}
+    DeviceAttributes() : result_(rdxGetDeviceAttributes(&names_, &values_, &persistence_, &count_)) {}
     ~DeviceAttributes() {
-        if (known_) rdxFreeDeviceAttributes(names_, values_, persistence_, count_);
+        if (result_ == 0) rdxFreeDeviceAttributes(names_, values_, persistence_, count_);
     }
     DeviceAttributes(const DeviceAttributes&) = delete;
     DeviceAttributes& operator=(const DeviceAttributes&) = delete;
 
-    bool Known() const { return known_; }
+    int Result() const { return result_; } // of the query
 
     // "SlpAttributes". A device without attributes has a null value: there is no array of no elements.
     OwnedValue Make() const {
-        if (!known_ || count_ < 1) return MakeNull();
+        if (result_ != 0 || count_ < 1) return MakeNull();
         OwnedValue array = MakeArray(count_);
         for (int i = 0; i < count_; ++i) {
-            if (names_[i] == nullptr || values_[i] == nullptr) continue; // the element stays null
+            if (At(names_, i) == nullptr || At(values_, i) == nullptr) continue; // the element stays null
             if (!SetElement(array, i, MakeAttribute(i))) return nullptr;
         }
         return array;
     }
 
 private:
+    // A library may leave out an array altogether.
+    template <typename T>
+    static T At(T* array, int i) {
+        return array != nullptr ? array[i] : T{};
+    }
+
     OwnedValue MakeAttribute(int i) const {
         OwnedValue attribute = MakeStruct();
         const bool complete = SetMember(attribute, "AttributeName", MakeText(names_[i])) &&
                               SetMember(attribute, "AttributeValue", MakeText(values_[i])) &&
-                              SetMember(attribute, "IsPersistent", MakeFlag(persistence_[i] != 0));
+                              SetMember(attribute, "IsPersistent", MakeFlag(At(persistence_, i) != 0));
         return complete ? std::move(attribute) : nullptr;
     }
 
@@ -140,7 +146,7 @@ private:
     char** values_ = nullptr;
     int* persistence_ = nullptr;
     int count_ = 0;
-    bool known_;
+    int result_;
 };
 
 // Puts the answer together query by query. A query that fails leaves its key out and shows in "Status".
@@ -148,7 +154,7 @@ class DeviceStatus {
 public:
     void AddType() {
         DeviceText name;
-        if (Failed(rDxGetDeviceType(name.text, sizeof name.text))) return;
+        if (!Note(rDxGetDeviceType(name.text, sizeof name.text))) return;
         type_ = DeviceTypeNumber(name.text);
         Add("DeviceType", MakeInteger(type_));
     }
@@ -158,23 +164,26 @@ public:
         Add("SelftestStatus", MakeStatus(state.code, state.reason, MakeNull()));
     }
 
-    void AddNetwork() {
-        constexpr int kAddressSize = 16;
-        char address[kAddressSize] = "";
-        char netmask[kAddressSize] = "";
-        char gateway[kAddressSize] = "";
+    void AddMachine() {
         DeviceText host;
         if (gethostname(host.text, sizeof host.text) != 0) CopyBounded(host.text, "QurtPc");
         char mac[MAC_ADDRESS_TEXT_SIZE];
         GetMacAddress(mac, sizeof mac);
         Add("Hostname", MakeText(host.text));
         Add("MacAddress", MakeText(mac));
+    }
+
+    void AddNetwork() {
         RDXConf configuration = {RDX_CONF_LENGTH, 0};
-        if (!Failed(rDxGetIpConfiguration(&configuration))) {
+        if (Note(rDxGetIpConfiguration(&configuration))) {
             Add("DhcpMode", MakeInteger(DhcpMode(configuration.iMode)));
         }
-        static_cast<void>(
-            rDxGetActiveIpConf(address, netmask, gateway, kAddressSize)); // kept: what it filled counts
+        constexpr int kAddressSize = 16;
+        char address[kAddressSize + 1] = ""; // a library that fills it to the brim needs no NUL
+        char netmask[kAddressSize + 1] = "";
+        char gateway[kAddressSize + 1] = "";
+        // Kept: what it filled counts, whatever its result.
+        static_cast<void>(rDxGetActiveIpConf(address, netmask, gateway, kAddressSize));
         Add("IpAddress", MakeText(address));
         Add("Netmask", MakeText(netmask));
         Add("DefaultGateway", MakeText(gateway));
@@ -182,8 +191,7 @@ public:
 
     void AddFirmware() {
         unsigned long revision = 0;
-        if (!Failed(rDxGetFirmwareRev(&revision)))
-            Add("FirmwareRev", MakeInteger(static_cast<int>(revision)));
+        if (Note(rDxGetFirmwareRev(&revision))) Add("FirmwareRev", MakeInteger(static_cast<int>(revision)));
     }
 
     void AddAllocation() {
@@ -191,7 +199,7 @@ public:
         DeviceText allocation = {"0"};
         DeviceText owner;
         DeviceText controlledBy;
-        if (Failed(rDxGetAllocStatus(&controlled, allocation.text, owner.text, controlledBy.text, nullptr)))
+        if (!Note(rDxGetAllocStatus(&controlled, allocation.text, owner.text, controlledBy.text, nullptr)))
             return;
         Add("IsAllocated", MakeText(allocation.text));
         Add("DeviceOwner", MakeText(owner.text));
@@ -200,7 +208,7 @@ public:
 
     void AddAttributes() {
         const DeviceAttributes attributes;
-        Failed(attributes.Known() ? 0 : kQueryFailed);
+        Note(attributes.Result());
         Add("SlpAttributes", attributes.Make());
     }
 
@@ -214,9 +222,10 @@ public:
     }
 
 private:
-    bool Failed(int result) {
+    // Remembers how a query of the device went; true when it went well.
+    bool Note(int result) {
         if (result != 0) code_ = kQueryFailed;
-        return result != 0;
+        return result == 0;
     }
 
     OwnedValue answer_ = MakeStruct();
@@ -311,6 +320,7 @@ int ProcessGetDeviceStatus(TavrinRequest* /*call*/, TavrinResponse* result) {
     status.AddType();
     status.Add("UpTime", MakeInteger(UpTime()));
     status.AddSelfTest();
+    status.AddMachine();
     status.AddNetwork();
     status.AddFirmware();
     status.AddAllocation();

@@ -56,8 +56,10 @@ void Put(T* output, const std::optional<T>& value) {
 
 void Put(char* buffer, const std::optional<std::string>& text, std::size_t size = RDX_SVCS_TEXT_SIZE) {
     if (!text) return;
-    if (text->size() >= size) std::abort(); // no library may do that
-    std::memcpy(buffer, text->c_str(), text->size() + 1);
+    if (text->size() > size) std::abort(); // no library may do that
+    std::memcpy(buffer, text->data(), text->size());
+    if (text->size() == size) return; // to the brim, without a NUL
+    buffer[text->size()] = '\0';
     std::fill(buffer + text->size() + 1, buffer + size, '#');
 }
 

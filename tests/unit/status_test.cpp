@@ -439,6 +439,14 @@ TEST_F(DeviceStatus, TakesOtherFailuresLightly) {
                                    "</var></struct></data></wddxPacket>"));
 }
 
+TEST_F(DeviceStatus, ReadsAddressesThatFillTheirBuffers) {
+    const std::string brim(16, '1');
+    device_.outputs.ipAddress = device_.outputs.netmask = device_.outputs.gateway = brim;
+    EXPECT_EQ(Status(), Expected(expected_.With("IpAddress", TextValue(brim))
+                                     .With("Netmask", TextValue(brim))
+                                     .With("DefaultGateway", TextValue(brim))));
+}
+
 TEST_F(DeviceStatus, AnswersThoughTheDeviceFillsNothing) {
     device_.outputs = {};
     device_.outputs.netInterface = "lo";
@@ -510,6 +518,13 @@ TEST_F(DeviceStatus, LeavesIncompleteAttributesNull) {
         ArrayValue({kNullValue, kNullValue, kNullValue, Attribute("d", "4", true), Attribute("", "", false)});
     EXPECT_EQ(Status(), Expected(expected_.With("SlpAttributes", attributes)));
     EXPECT_EQ(device_.Calls().back(), "rdxFreeDeviceAttributes(5)");
+    EXPECT_EQ(device_.Lent(), 0);
+}
+
+TEST_F(DeviceStatus, LeavesAttributesWithoutArraysNull) {
+    device_.outputs.attributeCount = 2;
+    device_.outputs.nullArrays = true;
+    EXPECT_EQ(Status(), Expected(expected_.With("SlpAttributes", ArrayValue({kNullValue, kNullValue}))));
     EXPECT_EQ(device_.Lent(), 0);
 }
 

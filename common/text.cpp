@@ -6,7 +6,7 @@
 namespace rdx {
 namespace {
 
-constexpr std::uint64_t kDecimalCeiling = std::numeric_limits<std::uint32_t>::max();
+constexpr std::uint64_t kDecimalCeiling = std::uint64_t{1} << 32; // above every 32-bit number
 
 struct Decimal {
     bool negative;
@@ -47,9 +47,11 @@ std::int32_t ParseDecimal(std::string_view text) {
 }
 
 std::uint32_t ParseUnsignedDecimal(std::string_view text) {
+    constexpr auto kMost = std::numeric_limits<std::uint32_t>::max();
     const Decimal decimal = ReadDecimal(text);
+    if (decimal.magnitude > kMost) return kMost;
     const auto magnitude = static_cast<std::uint32_t>(decimal.magnitude);
-    return decimal.negative && magnitude != kDecimalCeiling ? 0U - magnitude : magnitude;
+    return decimal.negative ? 0U - magnitude : magnitude;
 }
 
 bool CopyBounded(std::span<char> buffer, std::string_view text) {

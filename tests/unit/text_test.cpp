@@ -39,6 +39,7 @@ TEST(ParseUnsignedDecimal, SaturatesAndNegatesAsStrtoulDoes) {
     EXPECT_EQ(ParseUnsignedDecimal("4294967295"), 4294967295U);
     EXPECT_EQ(ParseUnsignedDecimal("4294967296"), 4294967295U);
     EXPECT_EQ(ParseUnsignedDecimal("-1"), 4294967295U);
+    EXPECT_EQ(ParseUnsignedDecimal("-4294967295"), 1U);
     EXPECT_EQ(ParseUnsignedDecimal("-4294967296"), 4294967295U);
     EXPECT_EQ(ParseUnsignedDecimal("ticket"), 0U);
 }

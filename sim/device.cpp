@@ -58,8 +58,10 @@ Device::Device(std::string statePath, Clock clock)
     : clock_(std::move(clock)), file_(std::move(statePath)), state_(file_.Load()), activeIp_(state_.ip),
       previousRevision_(state_.firmwareRevision), attributes_(state_.attributes) {
     if (TestRuns()) {
-        state_.selfTestEnds = 0;
-        state_.selfTestReason = kInterrupted;
+        State changed = state_;
+        changed.selfTestEnds = 0;
+        changed.selfTestReason = kInterrupted;
+        Commit(std::move(changed));
     }
     if (FindAttribute(attributes_, BuiltInAttribute().name) == attributes_.end()) {
         attributes_.push_back(BuiltInAttribute());

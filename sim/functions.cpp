@@ -377,7 +377,8 @@ int rDxSetDeviceAttributes(const char* owner, char** names, char** values, int* 
                            {"persistence", flagSpan}, {"count", count},    {"enforce", enforceRegistration}};
     return Serve(Function::kSetDeviceAttributes, inputs, [=](const Call& call) {
         return call.Result([&] {
-            if (nameSpan.size() != valueSpan.size() || nameSpan.size() != flagSpan.size())
+            const auto size = static_cast<std::size_t>(std::max(count, 0));
+            if (nameSpan.size() != size || valueSpan.size() != size || flagSpan.size() != size)
                 return int{kFailed};
             return call.device.SetAttributes(Text(owner), TakeAttributes(nameSpan, valueSpan, flagSpan));
         });

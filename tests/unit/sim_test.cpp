@@ -469,6 +469,15 @@ TEST_F(SimulatedDevice, FailsASelfTestThatTheEndOfTheProcessCutShort) {
     EXPECT_EQ(SelfTest(), "0/0") << "this one had ended";
 }
 
+TEST_F(SimulatedDevice, RemembersThatASelfTestWasCutShort) {
+    ASSERT_EQ(Allocate(kMe), 0);
+    EXPECT_EQ(rDxRunDeviceSelfTest(kMe, 0, 0), 0);
+    Start();
+    Pass(5s);
+    Start();
+    EXPECT_EQ(SelfTest(), "42502/9065");
+}
+
 // --- Firmware -------------------------------------------------------------------------------------------
 
 TEST_F(SimulatedDevice, ShowsNewFirmwareLater) {
@@ -547,6 +556,7 @@ TEST_F(SimulatedDevice, RefusesAttributesOfWhichAnArrayIsMissing) {
     EXPECT_EQ(rDxSetDeviceAttributes(kMe, nullptr, texts, flags, 1, 0), -1);
     EXPECT_EQ(rDxSetDeviceAttributes(kMe, texts, nullptr, flags, 1, 0), -1);
     EXPECT_EQ(rDxSetDeviceAttributes(kMe, texts, texts, nullptr, 1, 0), -1);
+    EXPECT_EQ(rDxSetDeviceAttributes(kMe, nullptr, nullptr, nullptr, 3, 0), -1);
     EXPECT_EQ(rDxSetDeviceAttributes(kMe, nullptr, nullptr, nullptr, 0, 0), 0);
     EXPECT_EQ(rDxSetDeviceAttributes(kMe, texts, texts, flags, -1, 0), 0);
     EXPECT_EQ(Attributes(), "Location=Bay 1*, DisplayName=Simulated device");

@@ -1,4 +1,5 @@
-/* Shows a call of another server as an HTML page: request line, headers and arguments as they would be sent. */
+/* Shows a call of another server as an HTML page: request line, headers and arguments as they would be sent.
+ */
 #include "client/tnp.h"
 #include "common/config.h"
 
@@ -12,7 +13,8 @@ int main(int argc, char** argv) {
         fprintf(stderr, "use: %s HOST FUNCTION ARGUMENTS >page.html\n", argv[0]);
         return 1;
     }
-    snprintf(szAuthInfo, sizeof szAuthInfo, "Basic dXNlcjpwYXNz"); /* user:pass; nothing is sent without any */
+    snprintf(szAuthInfo, sizeof szAuthInfo,
+             "Basic dXNlcjpwYXNz"); /* user:pass; nothing is sent without any */
     result = BuildTavrinRequest(&request, argv[1], argv[2], argv[3]);
     if (result == 0) result = SerializeHttpRequest(&request, page, sizeof page, 1);
     FreeHttpRequest(&request);

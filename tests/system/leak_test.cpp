@@ -11,8 +11,6 @@
 namespace rdx::test {
 namespace {
 
-bool HasValgrind() { return std::system("valgrind --version >/dev/null 2>&1") == 0; }
-
 constexpr int kErrorsFound = 99;
 
 ServerOptions UnderValgrind(int threads) {
@@ -54,7 +52,7 @@ std::string Obstacle() {
 #ifdef RDX_TEST_SANITIZED
     return "the sanitizer looks itself";
 #else
-    return HasValgrind() ? "" : "no valgrind";
+    return std::system("valgrind --version >/dev/null 2>&1") == 0 ? "" : "no valgrind";
 #endif
 }
 

@@ -147,6 +147,14 @@ static long long now_ms(void) {
     return (long long)now.tv_sec * 1000 + now.tv_nsec / 1000000;
 }
 
+static void check_port(const char* port) {
+    char* end = NULL;
+    const long number = strtol(port, &end, 10);
+    if (end == port || *end != '\0' || number < 1 || number > 65535) {
+        fail(NOT_CALLED, "'%s' is no port: give a number from 1 to 65535", port);
+    }
+}
+
 /* Waits until the socket is ready; 0 when it is not in time. */
 static int wait_for(int connection, short events, long long deadline) {
     struct pollfd ready = {connection, events, 0};
@@ -314,6 +322,7 @@ int main(int argc, char** argv) {
         fprintf(stderr, "use: %s HOST PORT METHOD PACKET [USER:PASSWORD]\n", argv[0]);
         return NOT_CALLED;
     }
+    check_port(argv[2]);
     check_method(argv[3]);
     packet = read_packet(argv[4]);
     request = make_request(argv[1], argv[2], argv[3], packet, credentials);

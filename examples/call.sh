@@ -32,8 +32,9 @@ case $method in
 esac
 [ ${#method} -le 32 ] || fail 4 "'$method' is no method's name: give 1 to 32 letters"
 case $port in
-'' | *[!0-9]* | ??????*) fail 4 "'$port' is no port: give a number from 1 to 65535" ;;
+'' | *[!0-9]* | ??????*) port=0 ;;
 esac
+[ "$port" -ge 1 ] && [ "$port" -le 65535 ] || fail 4 "'$2' is no port: give a number from 1 to 65535"
 
 work=$(mktemp -d "${TMPDIR:-/tmp}/call.XXXXXX") || fail 4 "no folder for temporary files"
 trap 'rm -rf "$work"' EXIT

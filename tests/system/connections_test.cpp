@@ -220,6 +220,25 @@ TEST_P(Idle, ServersHoldNothingOfAThousandCalls) {
     EXPECT_TRUE(server.WaitForDescriptors(descriptors));
 }
 
+// The first of them opens a socket to ask the system about its network, which all others use as well.
+TEST_P(Idle, ServersHoldOneSocketOfAThousandStatusCalls) {
+    constexpr int kCalls = 1000;
+    Server server({.threads = GetParam()});
+    ASSERT_TRUE(server.Start());
+    ASSERT_EQ(Ask(server.Port(), VersionCallAndClose()).status, 200);
+    const int descriptors = server.DescriptorsWhenClosed();
+    const std::string call = Call("rdxGetDeviceStatus", VersionPacket());
+    Connection client(server.Port());
+    for (int i = 0; i < kCalls; ++i) {
+        client.Send(call);
+        ASSERT_EQ(client.ReadAnswer().status, 200) << i;
+    }
+    EXPECT_TRUE(server.WaitForServingThreads(0));
+    EXPECT_LE(server.Descriptors(), descriptors + 2);
+    client.Close();
+    EXPECT_TRUE(server.WaitForDescriptors(descriptors + 1));
+}
+
 TEST_P(Idle, ConnectionsThatTheirClientClosesLeaveNothingBehind) {
     Server server({.threads = GetParam()});
     ASSERT_TRUE(server.Start());

@@ -128,6 +128,9 @@ void LimitCoreFiles() {
     setrlimit(RLIMIT_CORE, &none);
 }
 
+// Memory is given out in small pages, so that what a test reads of it grows with what is used.
+void RefuseHugePages() { prctl(PR_SET_THP_DISABLE, 1, 0, 0, 0); }
+
 std::vector<char*> Pointers(std::vector<std::string>& texts) {
     std::vector<char*> pointers;
     for (std::string& text : texts) pointers.push_back(text.data());
@@ -135,14 +138,24 @@ std::vector<char*> Pointers(std::vector<std::string>& texts) {
     return pointers;
 }
 
-std::vector<std::string> Environment(const std::vector<std::pair<std::string, std::string>>& changes) {
+using Variables = std::vector<std::pair<std::string, std::string>>;
+
+bool Names(const Variables& variables, const std::string& name) {
+    return std::ranges::any_of(variables, [&](const auto& variable) { return variable.first == name; });
+}
+
+// Each server has a device of its own, in memory and as it is by itself, unless the test says otherwise.
+void IsolateDevice(Variables& changes) {
+    for (const char* name : {"RDX_SIM_STATE", "RDX_SIM_SCENARIO", "RDX_SIM_CALLS"}) {
+        if (!Names(changes, name)) changes.emplace_back(name, "");
+    }
+}
+
+std::vector<std::string> Environment(const Variables& changes) {
     std::vector<std::string> all;
     for (char** entry = environ; *entry != nullptr; ++entry) {
         const std::string text = *entry;
-        const std::string name = text.substr(0, text.find('='));
-        const bool changed = std::any_of(changes.begin(), changes.end(),
-                                         [&](const auto& change) { return change.first == name; });
-        if (!changed) all.push_back(text);
+        if (!Names(changes, text.substr(0, text.find('=')))) all.push_back(text);
     }
     for (const auto& [name, value] : changes) all.push_back(name + "=" + value);
     return all;
@@ -174,6 +187,28 @@ int EntriesOf(const std::string& folder) {
     }
     closedir(entries);
     return count;
+}
+
+// The parent of a process, the second word behind the name in /proc/PID/stat.
+pid_t ParentOf(const std::string& pid) {
+    const std::string stat = ReadFile("/proc/" + pid + "/stat");
+    const std::size_t name = stat.rfind(')');
+    if (name == std::string::npos) return -1;
+    std::istringstream words(stat.substr(name + 1));
+    char state = 0;
+    pid_t parent = -1;
+    words >> state >> parent;
+    return parent;
+}
+
+// A child of the process, or -1.
+pid_t ChildOf(pid_t parent) {
+    for (const auto& entry : std::filesystem::directory_iterator("/proc")) {
+        const std::string name = entry.path().filename();
+        if (name.find_first_not_of("0123456789") != std::string::npos) continue;
+        if (ParentOf(name) == parent) return std::stoi(name);
+    }
+    return -1;
 }
 
 // The end of a text, which tells the most about a failure.
@@ -328,11 +363,11 @@ void Server::Spawn(const std::vector<std::string>& arguments) {
     ending_.reset();
     for (const char* name : {"/output", "/errors"}) std::filesystem::remove(folder_.Path() + name);
     std::vector<std::string> words = CommandLine(arguments);
-    auto changes = options_.environment;
+    Variables changes = options_.environment;
+    IsolateDevice(changes);
     changes.emplace_back("RDX_TEST_HELD_DESCRIPTORS", std::to_string(options_.heldDescriptors));
     // The handler runs only where the server holds no lock, which the thread sanitizer cannot know.
     const char* sanitizer = std::getenv("TSAN_OPTIONS");
-    changes.emplace_back("RDX_SIM_STATE", ""); // each server a device of its own, in memory
     changes.emplace_back("TSAN_OPTIONS",
                          "report_signal_unsafe=0 " + std::string(sanitizer == nullptr ? "" : sanitizer));
     std::vector<std::string> variables = Environment(changes);
@@ -350,6 +385,7 @@ void Server::Spawn(const std::vector<std::string>& arguments) {
     setpgid(0, 0);
     ResetSignals();
     LimitCoreFiles();
+    RefuseHugePages();
     Redirect(folder_.Path() + "/output", STDOUT_FILENO);
     Redirect(folder_.Path() + "/errors", STDERR_FILENO);
     if (!Isolate(shadow, options_.ownNetwork)) _exit(kSetUpFailed);
@@ -396,6 +432,8 @@ void Server::End() {
     pid_ = -1;
 }
 
+pid_t Server::ServingPid() const { return options_.host == Host::kRdxhttpd ? ChildOf(pid_) : pid_; }
+
 bool Server::WaitForLoop(int count) {
     return Eventually([&] { return CountOf(kLoopStarted, Output()) >= count; });
 }
@@ -406,7 +444,7 @@ bool Server::WaitForServingThreads(int count) const {
 #else
     const int others = 1;
 #endif
-    const std::string folder = "/proc/" + std::to_string(pid_) + "/task";
+    const std::string folder = "/proc/" + std::to_string(ServingPid()) + "/task";
     return Eventually([&] { return EntriesOf(folder) == others + count; });
 }
 
@@ -414,7 +452,7 @@ bool Server::WaitForDescriptors(int count) const {
     return Eventually([&] { return Descriptors() == count; });
 }
 
-int Server::Descriptors() const { return EntriesOf("/proc/" + std::to_string(pid_) + "/fd"); }
+int Server::Descriptors() const { return EntriesOf("/proc/" + std::to_string(ServingPid()) + "/fd"); }
 
 int Server::DescriptorsWhenClosed() const {
     WaitForOutput("ServeClientDone: Socket closed");

@@ -134,6 +134,10 @@ public:
 
     int Port() const { return port_.Port(); }
     pid_t Pid() const { return pid_; }
+
+    // The process that serves: rdxhttpd's child, any other host itself.
+    pid_t ServingPid() const;
+
     const std::string& Folder() const { return folder_.Path(); }
     std::string ConfigurationPath() const { return folder_.Path() + "/tnd.ini"; }
 

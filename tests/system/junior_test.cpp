@@ -17,26 +17,22 @@ const std::string kBadPage = "<HTML><BODY>Bad Request</BODY></HTML>";
 // Beside an exchange that is recorded, these are what the administration server answers.
 const std::string kTaken = "HTTP/1.1 200 OK\r\nServer: a\r\nContent-length: 5\r\n\r\ntaken";
 
+// A message of the recorded exchange, with what varies in its place.
+std::string Recorded(const std::string& name, const std::string& placeholder, const std::string& by) {
+    std::string text = ReadFile(std::string(RDX_TEST_GOLDEN) + "/junior/" + name + ".http");
+    const std::size_t at = text.find(placeholder);
+    if (at != std::string::npos) text.replace(at, placeholder.size(), by);
+    return text;
+}
+
+std::string Recorded(const std::string& name, int port) {
+    return Recorded(name, "{Port}", std::to_string(port));
+}
+
+// The acknowledge of another ticket than the recorded one; its length is that of a whole answer again.
 std::string Acknowledge(const std::string& ticket) {
-    return AnswerText("200 OK", "<?xml version='1.0'?>\n"
-                                "<!DOCTYPE wddxPacket SYSTEM 'wddx_0100.dtd'>\n"
-                                "<wddxPacket version='1.0'>\n"
-                                "<header>\n"
-                                "    <comment>acknowledge from Tavrin</comment>\n"
-                                "</header>\n"
-                                "<data>\n"
-                                "    <struct>\n"
-                                "        <var name='Return'>\n"
-                                "            <number>0</number>\n"
-                                "        </var>\n"
-                                "        <var name='ServiceTicket'>\n"
-                                "            <string>TND-ST_" +
-                                    ticket +
-                                    "</string>\n"
-                                    "        </var>\n"
-                                    "    </struct>\n"
-                                    "</data>\n"
-                                    "</wddxPacket>\n");
+    const std::string recorded = Recorded("acknowledge", ">TND-ST_42<", ">TND-ST_" + ticket + "<");
+    return AnswerText("200 OK", recorded.substr(recorded.find("\r\n\r\n") + 4));
 }
 
 std::string FollowUp(const std::string& command, const std::string& ticket, const std::string& body) {
@@ -137,14 +133,6 @@ class Junior : public OwnServer {};
 RDX_IN_BOTH_MODES(Junior);
 
 // --- the recorded exchange -----------------------------------------------------------------------------
-
-std::string Recorded(const std::string& name, int port) {
-    std::string text = ReadFile(std::string(RDX_TEST_GOLDEN) + "/junior/" + name + ".http");
-    const std::string placeholder = "{Port}";
-    const std::size_t at = text.find(placeholder);
-    if (at != std::string::npos) text.replace(at, placeholder.size(), std::to_string(port));
-    return text;
-}
 
 TEST_P(Junior, ExchangesWhatIsRecorded) {
     JuniorServer server(GetParam(), Recorded("answer", 0));
@@ -602,11 +590,17 @@ TEST_P(Junior, LosesNoResultWhenCallsComeOneByOne) {
     EXPECT_TRUE(server.process.WaitForDescriptors(descriptors));
 }
 
+class ManyTickets : public testing::TestWithParam<Host> {};
+INSTANTIATE_TEST_SUITE_P(ServedBy, ManyTickets, testing::Values(Host::kPlain, Host::kRdxhttpd),
+                         [](const auto& host) {
+                             return host.param == Host::kPlain ? "APlainHost" : "Rdxhttpd";
+                         });
+
 // All follow-ups leave from one port for one other, so that one alone can be under way: the kernel refuses
 // those that meet it. Nobody but the administration server misses them.
-TEST(ManyTickets, AreAllAcknowledgedAndPostedAtMostOnce) {
+TEST_P(ManyTickets, AreAllAcknowledgedAndPostedAtMostOnce) {
     constexpr int kCalls = 32;
-    JuniorServer server(kCalls + 8);
+    JuniorServer server(kCalls + 8, kTaken, AdminServer::Then::Close, {}, GetParam());
     ASSERT_TRUE(server.Start());
     ExpectAFollowUp(server, "1000");
     const int descriptors = server.DescriptorsWhenIdle();
@@ -639,9 +633,9 @@ TEST(ManyTickets, AreAllAcknowledgedAndPostedAtMostOnce) {
     EXPECT_TRUE(server.process.WaitForDescriptors(descriptors));
 }
 
-TEST(ManyTickets, AreAcknowledgedWhileTheAdministrationServerIsSilent) {
+TEST_P(ManyTickets, AreAcknowledgedWhileTheAdministrationServerIsSilent) {
     constexpr int kThreads = 8;
-    JuniorServer server(kThreads, "", AdminServer::Then::StayOpen);
+    JuniorServer server(kThreads, "", AdminServer::Then::StayOpen, {}, GetParam());
     ASSERT_TRUE(server.Start());
     for (int call = 0; call < 20; ++call) {
         const std::string ticket = std::to_string(call);

@@ -5,7 +5,6 @@
 #include "tests/system/messages.h"
 
 #include <csignal>
-#include <filesystem>
 #include <sstream>
 
 namespace rdx::test {
@@ -18,28 +17,6 @@ ServerOptions RdxhttpdBehind(const std::string& setUp) {
     ServerOptions options = Rdxhttpd();
     options.wrapper = {"/bin/sh", "-c", setUp + "; exec \"$@\"", "sh"};
     return options;
-}
-
-// The parent of a process, the second word behind the name in /proc/PID/stat.
-pid_t ParentOf(const std::string& pid) {
-    const std::string stat = ReadFile("/proc/" + pid + "/stat");
-    const std::size_t name = stat.rfind(')');
-    if (name == std::string::npos) return -1;
-    std::istringstream words(stat.substr(name + 1));
-    char state = 0;
-    pid_t parent = -1;
-    words >> state >> parent;
-    return parent;
-}
-
-// The process that runs the server of an rdxhttpd, or -1.
-pid_t ChildOf(pid_t host) {
-    for (const auto& entry : std::filesystem::directory_iterator("/proc")) {
-        const std::string name = entry.path().filename();
-        if (name.find_first_not_of("0123456789") != std::string::npos) continue;
-        if (ParentOf(name) == host) return std::stoi(name);
-    }
-    return -1;
 }
 
 void ExpectEnd(Server& server, int status, const std::string& words) {
@@ -88,7 +65,7 @@ TEST(RdxhttpdProcesses, TakeNoNoticeOfAQuit) {
 TEST(RdxhttpdProcesses, SayWhichSignalEndedTheServer) {
     Server server(Rdxhttpd());
     ASSERT_TRUE(server.Start());
-    const pid_t child = ChildOf(server.Pid());
+    const pid_t child = server.ServingPid();
     ASSERT_GT(child, 0);
     kill(child, SIGKILL);
     ExpectEnd(server, 1, "\nrdxhttpd: the server was ended by signal 9 (Killed).\n");
@@ -106,7 +83,7 @@ TEST(RdxhttpdProcesses, EndTheServerInOrderWhenTheParentIsKilled) {
 TEST(RdxhttpdProcesses, HaveDescriptorsBeyondThoseThatAreWatched) {
     Server server(RdxhttpdBehind("ulimit -Sn 256"));
     ASSERT_TRUE(server.Start());
-    std::istringstream limits(ReadFile("/proc/" + std::to_string(ChildOf(server.Pid())) + "/limits"));
+    std::istringstream limits(ReadFile("/proc/" + std::to_string(server.ServingPid()) + "/limits"));
     int soft = 0;
     for (std::string line; std::getline(limits, line);) {
         if (line.starts_with("Max open files")) soft = std::stoi(line.substr(sizeof "Max open files"));

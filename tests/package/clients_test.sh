@@ -4,23 +4,10 @@
 #
 #   clients_test.sh SOURCE BUILD      BUILD: where rdxhttpd and its libraries lie
 set -eu
+. "$(dirname "$0")/common.sh"
 cd "$1"
 build=$2
-. script/common.sh
 . script/serving.sh
-work=$(mktemp -d "${TMPDIR:-/tmp}/rdx-clients.XXXXXX")
-server=
-other=
-finish() {
-    [ -z "$server" ] || kill -KILL "$server" 2>/dev/null || true
-    [ -z "$other" ] || kill -KILL "$other" 2>/dev/null || true
-    rm -rf "$work"
-}
-trap finish EXIT
-fail() {
-    echo "FAILED: $*" >&2
-    exit 1
-}
 unset RDX_SIM_CALLS
 export RDX_SIM_STATE="$work/device.state" RDX_SIM_SCENARIO="$work/scenario.ini"
 golden=tests/system/golden
@@ -34,7 +21,7 @@ clients=("$work/call" examples/call.py examples/call.sh)
 serve() {
     rm -f "$RDX_SIM_STATE" "$RDX_SIM_SCENARIO"
     for _ in 1 2 3 4 5 6 7 8 9 10; do
-        port=$((10000 + RANDOM % 10000))
+        choose_port
         ! in_use "$port" || continue
         printf '%s\n' '[HTTP]' "ServicePort=$port" 'MethodsAllowed=GET, POST' "$@" >"$work/server.ini"
         "${with_demo_user[@]}" "$build/rdxhttpd" -c "$work/server.ini" -mt 16 >"$work/log" 2>&1 &
@@ -82,6 +69,16 @@ answered() {
 
 # What every client does alike.
 try_client() {
+    try_answers
+    try_long_answer
+    try_failure_of_the_device
+    try_longest_packet
+    try_refusals
+    try_wrong_use
+}
+
+# An answer is printed whole, wherever the packet comes from.
+try_answers() {
     call 0 rdxGetVersion
     answered '200 OK'
     # The whole output: the status, the packet, a line end.
@@ -92,7 +89,9 @@ try_client() {
     call 0 rdxGetDeviceStatus
     answered '200 OK' 0 0
     expect 0 localhost "$port" rdxGetDeviceStatus "$golden/rdxGetDeviceStatus/arguments.xml"
+}
 
+try_long_answer() {
     printf '[rdxGetDeviceAttributes]\n' >"$work/scenario"
     for i in 1 2 3 4 5 6 7 8 9 10; do
         printf 'attribute = "%s" "%012000d<&>" persistent\n' "$i" 0 >>"$work/scenario"
@@ -100,24 +99,36 @@ try_client() {
     mv "$work/scenario" "$RDX_SIM_SCENARIO"
     call 0 rdxGetDeviceStatus
     [ "$(wc -c <"$work/answer")" -gt 120000 ] || fail "$client cuts a long answer off"
+    rm "$RDX_SIM_SCENARIO"
+}
+
+try_failure_of_the_device() {
     printf '[rDxGetDeviceType]\nresult = 1\n' >"$work/scenario"
     mv "$work/scenario" "$RDX_SIM_SCENARIO"
     call 1 rdxGetDeviceStatus
     answered '200 OK' -1 0
     rm "$RDX_SIM_SCENARIO"
+}
 
+try_longest_packet() {
     { cat "$golden/rdxGetVersion/arguments.xml" && printf '%065536d' 0; } | head -c 65536 >"$work/longest"
     call 0 rdxGetVersion "$work/longest"
     echo >>"$work/longest"
     call 4 rdxGetVersion "$work/longest"
+}
 
+try_refusals() {
     call 2 rdxAllocateDevice
     answered '401 Unauthorized'
     call 2 rdxGetVersion "$golden/rdxReleaseDevice/arguments.xml"
     answered '400 Bad Request'
     call 2 rdxAllocateDevice "$golden/rdxAllocateDevice/arguments.xml" demo:wrong
     answered '401 Unauthorized'
+}
 
+# What cannot be called is not tried, and a port where nobody listens is told from it.
+try_wrong_use() {
+    local nowhere wrong
     call 4 ''
     call 4 'rdxGetVersion&x=' "$golden/rdxGetVersion/arguments.xml"
     call 4 "$(printf 'x%.0s' $(seq 33))" "$golden/rdxGetVersion/arguments.xml"
@@ -129,7 +140,12 @@ try_client() {
     expect 4
     expect 4 127.0.0.1 "$port" rdxGetVersion
     expect 4 127.0.0.1 "$port" rdxGetVersion "$golden/rdxGetVersion/arguments.xml" a:b c
-    expect 3 127.0.0.1 1 rdxGetVersion "$golden/rdxGetVersion/arguments.xml"
+    for wrong in 0 65536 x; do
+        expect 4 127.0.0.1 "$wrong" rdxGetVersion "$golden/rdxGetVersion/arguments.xml"
+    done
+    nowhere=$((port + 1))
+    while in_use "$nowhere"; do nowhere=$((nowhere + 1)); done
+    expect 3 127.0.0.1 "$nowhere" rdxGetVersion "$golden/rdxGetVersion/arguments.xml"
 }
 
 # What needs the user demo.
@@ -172,19 +188,31 @@ import socket, sys
 folder = sys.argv[1]
 server = socket.create_server(("127.0.0.1", 0))
 open(folder + "/port", "w").write(str(server.getsockname()[1]))
-while True:
-    connection, _ = server.accept()
+
+def receive(connection):
+    more = connection.recv(65536)
+    if not more:
+        raise ConnectionError("the client's connection ended within its request")
+    return more
+
+def serve(connection):
     request = b""
     while b"\r\n\r\n" not in request:
-        request += connection.recv(65536)
+        request += receive(connection)
     head, body = request.split(b"\r\n\r\n", 1)
     length = int([line.split(b":")[1] for line in head.split(b"\r\n") if line.lower().startswith(b"content-length:")][0])
     while len(body) < length:
-        body += connection.recv(65536)
+        body += receive(connection)
     open(folder + "/head", "wb").write(head.replace(b"\r\n", b"\n") + b"\n")
     open(folder + "/body", "wb").write(body)
     connection.sendall(open(folder + "/reply", "rb").read())
-    connection.close()
+
+while True:
+    with server.accept()[0] as connection:
+        try:
+            serve(connection)
+        except ConnectionError as error:
+            print("other.py:", error, file=sys.stderr)
 END
 python3 "$work/other.py" "$work" &
 other=$!
@@ -249,15 +277,20 @@ cat >"$work/wire.py" <<'END'
 import re, socket, sys
 port, document = int(sys.argv[1]), open(sys.argv[2], encoding="utf-8").read()
 
+def receive(connection):
+    more = connection.recv(65536)
+    assert more, "the server's connection ended within its answer"
+    return more
+
 def exchange(request):
     with socket.create_connection(("127.0.0.1", port), timeout=20) as connection:
         connection.sendall(request)
-        answer = connection.recv(65536)
+        answer = receive(connection)
         while b"\r\n\r\n" not in answer:
-            answer += connection.recv(65536)
+            answer += receive(connection)
         length = int(re.search(rb"Content-length: (\d+)", answer)[1])
         while len(answer.split(b"\r\n\r\n", 1)[1]) < length:
-            answer += connection.recv(65536)
+            answer += receive(connection)
         return answer
 
 document = re.sub(r"<!-- begin .*?<!-- end -->", "", document, flags=re.DOTALL)  # other tests have those
@@ -317,5 +350,5 @@ if [ -z "$no_demo_user" ]; then
     [ "$tried" -eq 4 ] || fail "$tried calls tried"
 fi
 stop
-echo "three clients called, and understood what went wrong"
-[ -z "$no_demo_user" ] || echo "without the user demo, whom the system does not allow: $no_demo_user"
+[ -z "$no_demo_user" ] || leave_out "the calls of the user demo ($no_demo_user)"
+end "three clients called, and understood what went wrong"

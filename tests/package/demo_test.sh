@@ -4,16 +4,12 @@
 #
 #   demo_test.sh SOURCE SERVER      SERVER: the rdxhttpd to run it with
 #
-# Ends with 77, which stands for a skipped test, where the system gives the server no user.
+# Ends with 77, which stands for a skipped test, where the system gives the server no user, or an ordinary user no
+# server.
 set -eu
+. "$(dirname "$0")/common.sh"
 cd "$1"
-server=$2
-work=$(mktemp -d "${TMPDIR:-/tmp}/rdx-demo-test.XXXXXX")
-trap 'rm -rf "$work"' EXIT
-fail() {
-    echo "FAILED: $*" >&2
-    exit 1
-}
+program=$2
 export TMPDIR=$work/tmp
 unset RDX_SIM_STATE RDX_SIM_SCENARIO RDX_SIM_CALLS
 # The handler runs only where the server holds no lock, which the thread sanitizer cannot know.
@@ -26,7 +22,7 @@ chmod 711 "$work"
 as=()
 demo() {
     local expected=$1 result=0
-    "${as[@]}" script/demo --server "$server" "${@:2}" </dev/null >"$work/out" 2>"$work/errors" || result=$?
+    "${as[@]}" script/demo --server "$program" "${@:2}" </dev/null >"$work/out" 2>"$work/errors" || result=$?
     [ "$result" -eq "$expected" ] || fail "it ended with $result: $(tail -n 40 "$work/out" "$work/errors")"
     [ -z "$(ls -A "$TMPDIR")" ] || fail "left behind: $(ls -A "$TMPDIR")"
 }
@@ -53,12 +49,6 @@ notices() {
     begun+=($!)
 }
 
-# allows_namespaces [COMMAND...]: true when what the command runs can put a file over another for itself.
-allows_namespaces() {
-    "$@" unshare -m mount --bind /etc/passwd /etc/shadow 2>/dev/null ||
-        "$@" unshare -rm mount --bind /etc/passwd /etc/shadow 2>/dev/null
-}
-
 script/demo --unknown >"$work/out" 2>&1 && fail "an unknown option was accepted"
 script/demo --scenario /nowhere >"$work/out" 2>&1 && fail "a missing scenario was accepted"
 grep -q "there is no file '/nowhere'" "$work/out" || fail "$(cat "$work/out")"
@@ -71,8 +61,8 @@ says 'the system gives the server no shadow database of its own for the user dem
 as=()
 
 if ! allows_namespaces; then
-    echo "skipped: this system allows no namespaces, so that the server can know no user"
-    exit 77
+    leave_out "the story, whose server would know no user"
+    end
 fi
 
 demo 0
@@ -110,23 +100,22 @@ notices rDxReleaseDevice 'result = 0' \
 for one in "${begun[@]}"; do wait "$one" || fail "see above"; done
 
 # A server that does not come up.
-server=/bin/false demo 1
+program=/bin/false demo 1
 says 'the server did not start.'
 
 # Somebody presses Enter before each call.
-yes '' | script/demo --step --server "$server" >"$work/out" 2>"$work/errors" || fail "$(cat "$work/errors")"
+yes '' | script/demo --step --server "$program" >"$work/out" 2>"$work/errors" || fail "$(cat "$work/errors")"
 [ "$(grep -c '^\[Enter\]' "$work/out")" -eq "$(grep -c '^Workstation [12] calls rdx' "$work/out")" ] ||
     fail "it does not wait once for each call"
 
 # An ordinary user.
-as_nobody=(setpriv --reuid=65534 --regid=65534 --clear-groups)
-if [ "$(id -u)" -ne 0 ] || ! "${as_nobody[@]}" test -x "$server" -a -x script/demo 2>/dev/null; then
+if [ "$(id -u)" -ne 0 ] || ! "${as_nobody[@]}" test -x "$program" -a -x script/demo 2>/dev/null; then
     echo "not tried: another user, which only root can become"
 elif ! allows_namespaces "${as_nobody[@]}"; then
-    echo "not tried: an ordinary user, for this system allows them no namespaces"
+    leave_out "the story of an ordinary user"
 else
     chown 65534 "$TMPDIR"
     as=("${as_nobody[@]}")
     demo 0
 fi
-echo "the story is told, and its answers are checked"
+end "the story is told, and its answers are checked"

@@ -4,19 +4,9 @@
 #
 #   install_test.sh SOURCE BUILD
 set -eu
+. "$(dirname "$0")/common.sh"
 source=$1
 build=$2
-work=$(mktemp -d "${TMPDIR:-/tmp}/rdx-package.XXXXXX")
-server=
-finish() {
-    [ -z "$server" ] || kill -KILL "$server" 2>/dev/null || true
-    rm -rf "$work"
-}
-trap finish EXIT
-fail() {
-    echo "FAILED: $*" >&2
-    exit 1
-}
 
 cmake --install "$build" --prefix "$work/first" >"$work/log" || fail "$(cat "$work/log")"
 mv "$work/first" "$work/prefix" # nothing may depend on where it was installed first
@@ -50,7 +40,7 @@ g++ -x c -std=c11 -Wall -Wextra -Wpedantic -Werror "$source/examples/host.c" -x 
 # serve PROGRAM: starts it on a free port. A port that is taken ends the program with -9; try another.
 serve() {
     for _ in 1 2 3 4 5 6 7 8 9 10; do
-        port=$((20000 + RANDOM % 10000))
+        choose_port
         printf '[HTTP]\nServicePort=%s\nMethodsAllowed=GET, POST\n' "$port" >"$work/server.ini"
         "$1" -c "$work/server.ini" >"$work/log" 2>&1 &
         server=$!
@@ -75,4 +65,4 @@ for program in "$work/cmake/host" "$work/host" "$prefix/bin/rdxhttpd"; do
 done
 "$work/host" --unknown 1 >"$work/log" && fail "an unknown option was accepted"
 grep -q '^the server ended with -1$' "$work/log" || fail "$(cat "$work/log")"
-echo "installed, found by CMake and pkg-config, and served"
+end "installed, found by CMake and pkg-config, and served"

@@ -4,26 +4,9 @@
 #
 #   junior_test.sh SOURCE
 set -eu
+. "$(dirname "$0")/common.sh"
 cd "$1"
-work=$(mktemp -d "${TMPDIR:-/tmp}/rdx-junior.XXXXXX")
-server=
-finish() {
-    [ -z "$server" ] || kill -TERM "$server" 2>/dev/null || true
-    rm -rf "$work"
-}
-trap finish EXIT
-fail() {
-    echo "FAILED: $*" >&2
-    exit 1
-}
-# await COMMAND...: until it succeeds.
-await() {
-    for _ in $(seq 1 400); do
-        ! "$@" || return 0
-        sleep 0.05
-    done
-    fail "in vain: $*: $(tail -n 40 "$work/log")"
-}
+ended_by=TERM # which the script passes on
 . script/serving.sh
 export TMPDIR=$work/tmp XDG_STATE_HOME=$work/state
 unset RDX_SIM_STATE RDX_SIM_SCENARIO RDX_SIM_CALLS
@@ -38,7 +21,7 @@ grep -q 'give a number from 1 to 65533' "$work/log" || fail "$(cat "$work/log")"
 script/build junior >"$work/log" 2>&1 || fail "$(cat "$work/log")"
 start() {
     for _ in 1 2 3 4 5 6 7 8 9 10; do
-        port=$((10000 + RANDOM % 10000))
+        choose_port
         script/server --junior --port "$port" >"$work/log" 2>&1 &
         server=$!
         await running_or_ready
@@ -108,4 +91,4 @@ fails_to_start() {
 }
 fails_to_start build/server/rdxhttpd /bin/false 'rdxadmin did not start'
 fails_to_start /bin/false build/server/rdxadmin 'the server did not start'
-echo "acknowledged, posted, printed, and ended together"
+end "acknowledged, posted, printed, and ended together"

@@ -4,13 +4,8 @@
 #
 #   protocol_test.sh SOURCE
 set -eu
+. "$(dirname "$0")/common.sh"
 source=$1
-work=$(mktemp -d "${TMPDIR:-/tmp}/rdx-protocol.XXXXXX")
-trap 'rm -rf "$work"' EXIT
-fail() {
-    echo "FAILED: $*" >&2
-    exit 1
-}
 
 "$source/script/protocol" --check || fail "docs/protocol.md is not up to date"
 "$source/script/protocol" --unknown >"$work/log" 2>&1 && fail "an unknown option was accepted"
@@ -79,4 +74,4 @@ drifts 'an example that went' no docs/protocol.md 's/<!-- begin rdxGetVehicleSta
 drifts 'a part without an end' no docs/protocol.md '0,/^<!-- end -->/{/^<!-- end -->/d}'
 drifts 'a part without a packet' no docs/protocol.md 's/<!-- begin rdxReleaseDevice\/1.xml/<!-- begin rdxReleaseDevice\/77.xml/'
 drifts 'a part of another name' no docs/protocol.md 's/<!-- begin codes -->/<!-- begin sodes -->/'
-echo "the protocol's document agrees with the code, and would not go unnoticed if it did not"
+end "the protocol's document agrees with the code, and would not go unnoticed if it did not"

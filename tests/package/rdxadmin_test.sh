@@ -3,33 +3,14 @@
 #
 #   rdxadmin_test.sh PROGRAM
 set -eu
+. "$(dirname "$0")/common.sh"
 program=$1
-work=$(mktemp -d "${TMPDIR:-/tmp}/rdx-admin.XXXXXX")
-admin=
-finish() {
-    [ -z "$admin" ] || kill -KILL "$admin" 2>/dev/null || true
-    rm -rf "$work"
-}
-trap finish EXIT
-fail() {
-    echo "FAILED: $*" >&2
-    exit 1
-}
-
-# await COMMAND...: until it succeeds.
-await() {
-    for _ in $(seq 1 400); do
-        ! "$@" || return 0
-        sleep 0.05
-    done
-    fail "in vain: $*"
-}
 
 # start OPTION...: starts it on a free port, which is then in $url.
 start() {
     : >"$work/output" # of an earlier one
     "$program" --port 0 "$@" >"$work/output" 2>"$work/errors" &
-    admin=$!
+    server=$!
     await grep -q 'listening on port' "$work/output"
     url=http://127.0.0.1:$(sed -n 's/^rdxadmin: listening on port //p' "$work/output")
 }
@@ -38,10 +19,10 @@ ended() { ! kill -0 "$1" 2>/dev/null; }
 
 # stop SIGNAL: ends it, at once and in order.
 stop() {
-    kill "-$1" "$admin"
-    await ended "$admin"
-    wait "$admin" || fail "SIG$1 ended it with $?"
-    admin=
+    kill "-$1" "$server"
+    await ended "$server"
+    wait "$server" || fail "SIG$1 ended it with $?"
+    server=
 }
 
 call() { curl --noproxy '*' -sS --max-time 20 "$@" 2>"$work/complaints"; }
@@ -148,4 +129,4 @@ head -c "$(wc -c <"$work/before")" "$work/record" | cmp - "$work/before" || fail
 start --mode fail
 [ "$(follow_up x -o /dev/null -w '%{http_code}')" = 500 ] || fail "--mode fail"
 stop HUP
-echo "took, recorded, printed and answered in every way"
+end "took, recorded, printed and answered in every way"

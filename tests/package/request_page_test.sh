@@ -3,13 +3,8 @@
 #
 #   request_page_test.sh PROGRAM
 set -eu
+. "$(dirname "$0")/common.sh"
 program=$1
-work=$(mktemp -d "${TMPDIR:-/tmp}/rdx-page.XXXXXX")
-trap 'rm -rf "$work"' EXIT
-fail() {
-    echo "FAILED: $*" >&2
-    exit 1
-}
 
 # parse XPATH: what the page holds there, with blanks for hard blanks.
 parse() {
@@ -60,4 +55,4 @@ long=$(printf 'x%.0s' $(seq 1 66100))
 "$program" example.org "$long" "$long" >"$work/page" 2>"$work/complaints" &&
     fail 'a page that does not fit was written'
 grep -qx 'no page: -2' "$work/complaints" || fail "$(cat "$work/complaints")"
-echo 'a page that an HTML parser reads'
+end 'a page that an HTML parser reads'

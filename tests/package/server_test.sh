@@ -5,18 +5,8 @@
 #
 #   server_test.sh SOURCE [BUILD]      BUILD: another build that must have come to the same library
 set -eu
+. "$(dirname "$0")/common.sh"
 cd "$1"
-work=$(mktemp -d "${TMPDIR:-/tmp}/rdx-server.XXXXXX")
-server=
-finish() {
-    [ -z "$server" ] || kill -KILL "$server" 2>/dev/null || true
-    rm -rf "$work"
-}
-trap finish EXIT
-fail() {
-    echo "FAILED: $*" >&2
-    exit 1
-}
 export TMPDIR=$work/tmp XDG_STATE_HOME=$work/state
 unset RDX_SIM_STATE RDX_SIM_SCENARIO RDX_SIM_CALLS
 mkdir "$TMPDIR"
@@ -41,7 +31,7 @@ fi
 tree=.
 start() {
     for _ in 1 2 3 4 5 6 7 8 9 10; do
-        port=$((10000 + RANDOM % 10000))
+        choose_port
         "$@" "$tree/script/server" --port "$port" >"$work/log" 2>&1 &
         server=$!
         until grep -q '^The device keeps\|^  Next' "$work/log" || ! kill -0 "$server" 2>/dev/null; do sleep 0.1; done
@@ -98,12 +88,6 @@ expect_no_demo_user() {
     expect_refusals
 }
 
-# allows_namespaces [COMMAND...]: true when what the command runs can put a file over another for itself.
-allows_namespaces() {
-    "$@" unshare -m mount --bind /etc/passwd /etc/shadow 2>/dev/null ||
-        "$@" unshare -rm mount --bind /etc/passwd /etc/shadow 2>/dev/null
-}
-
 start
 call=$(grep -m 1 '^  curl ' "$work/log") || fail "no call: $(cat "$work/log")"
 sh -c "$call" >"$work/answer" || fail "the printed call does not work: $call"
@@ -119,7 +103,7 @@ if allows_namespaces; then
     grep -q "^owner = \"Workstation 1\"" "$XDG_STATE_HOME/rdx-sim.state" || fail "the device forgets its owner"
 else
     expect_no_demo_user '..*'
-    echo "not tried: the user demo, for this system allows no namespaces"
+    leave_out "the user demo"
 fi
 
 script/server --port "$port" >"$work/second" 2>&1 && fail "a busy port was accepted"
@@ -135,7 +119,6 @@ expect_no_demo_user 'unshare: not on this machine'
 stop
 
 # An ordinary user, who finds everything built. Where nothing is to be built, nothing may be missing either.
-as_nobody=(setpriv --reuid=65534 --regid=65534 --clear-groups)
 chmod 711 "$work"
 tree=$work/tree
 mkdir -p "$tree/build" "$work/nobody"
@@ -148,7 +131,7 @@ rm "$work/bin/unshare"
 if [ "$(id -u)" -ne 0 ] || ! "${as_nobody[@]}" test -r "$tree/script/server"; then
     echo "not tried: another user, which only root can become"
 elif ! allows_namespaces "${as_nobody[@]}"; then
-    echo "not tried: an ordinary user's own database, for this system allows no namespaces"
+    leave_out "an ordinary user's own database"
 else
     chown -R 65534:65534 "$work/nobody" "$TMPDIR"
     start "${as_nobody[@]}" env PATH="$work/bin:$PATH" XDG_STATE_HOME="$work/nobody/state"
@@ -159,4 +142,4 @@ else
 fi
 
 [ "$(users)" = "$users_before" ] || fail "the machine's own users were touched"
-echo "served, answered, refused a busy port and ended"
+end "served, answered, refused a busy port and ended"

@@ -94,7 +94,8 @@ STATEMENTS = [
     ("A value cannot go on in the next line", request(b"Host: a\r\n b: c\r\n"), "500 ..."),
     ("Without it there is no body", STATUS_CALL + b"Host: a\r\n\r\n", "200"),
     ("`Transfer-Encoding: chunked`",
-     b"POST /rDx?FunctionName=rdxGetVersion HTTP/1.1\r\nTransfer-Encoding: chunked\r\n\r\n", "400"),
+     b"POST /rDx?FunctionName=rdxGetVersion HTTP/1.1\r\nTransfer-Encoding: chunked\r\n\r\n"
+     b"%x\r\n%s\r\n0\r\n\r\n" % (len(VERSION), VERSION), "400 ..."),
     ("A length of 0 is refused with status 400", request(body=b""), "400 ..."),
     ("The server does not send `100 Continue`", request(b"Expect: 100-continue\r\n"), "200"),
     ("the `Content-Type` does not matter", request(b"Content-Type: image/png\r\n"), "200"),

@@ -3,6 +3,7 @@
 #define RDX_TESTS_SUPPORT_METHOD_CALL_H
 
 #include "rDxsd/rDxsd.h"
+#include "tests/support/escaped.h"
 #include "tests/support/fake_device.h"
 #include "tests/support/request.h"
 #include "tests/support/wddx.h"
@@ -17,32 +18,6 @@
 namespace rdx::test {
 
 // Values as they stand in a packet.
-
-inline std::string Escaped(std::string_view text) {
-    std::string escaped;
-    for (const char c : text) {
-        switch (c) {
-        case '&':
-            escaped += "&amp;";
-            break;
-        case '<':
-            escaped += "&lt;";
-            break;
-        case '>':
-            escaped += "&gt;";
-            break;
-        case '"':
-            escaped += "&quot;";
-            break;
-        case '\'':
-            escaped += "&apos;";
-            break;
-        default:
-            escaped += c;
-        }
-    }
-    return escaped;
-}
 
 inline std::string TextValue(std::string_view text) { return "<string>" + Escaped(text) + "</string>"; }
 inline std::string NumberValue(int number) { return "<number>" + std::to_string(number) + "</number>"; }

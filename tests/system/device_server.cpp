@@ -1,5 +1,6 @@
 #include "tests/system/device_server.h"
 
+#include "tests/support/escaped.h"
 #include "tests/system/messages.h"
 
 #include <crypt.h>
@@ -177,31 +178,7 @@ std::string Quoted(std::string_view text) {
     return quoted + "\"";
 }
 
-std::string StringValue(std::string_view text) {
-    std::string value = "<string>";
-    for (const char c : text) {
-        switch (c) {
-        case '&':
-            value += "&amp;";
-            break;
-        case '<':
-            value += "&lt;";
-            break;
-        case '>':
-            value += "&gt;";
-            break;
-        case '"':
-            value += "&quot;";
-            break;
-        case '\'':
-            value += "&apos;";
-            break;
-        default:
-            value += c;
-        }
-    }
-    return value + "</string>";
-}
+std::string StringValue(std::string_view text) { return "<string>" + Escaped(text) + "</string>"; }
 
 std::string NumberValue(int number) { return "<number>" + std::to_string(number) + "</number>"; }
 

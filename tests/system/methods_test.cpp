@@ -11,6 +11,7 @@
 #include <climits>
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <set>
@@ -247,14 +248,13 @@ attribute = null null volatile
 attribute = "" "" volatile
 )";
 
-void AddDeviceStatus(std::vector<Row>& rows) {
-    const auto add = [&](const std::string& golden, const std::string& scenario) {
-        rows.push_back({"rdxGetDeviceStatus", golden, scenario});
-    };
+// Adds a row of rdxGetDeviceStatus.
+using Adder = std::function<void(const std::string& golden, const std::string& scenario)>;
+
+void AddTypes(const Adder& add) {
     const auto addType = [&](const std::string& golden, const std::string& type) {
         add(golden, "[rDxGetDeviceType]\ntype = " + type + "\n");
     };
-    add("0", "");
     addType("0", "Kavo");
     addType("qurt", "QURT");
     addType("qrt", "QRT");
@@ -263,7 +263,9 @@ void AddDeviceStatus(std::vector<Row>& rows) {
     addType("kavo_zr", "kavo_zr");
     for (const char* type : {"KAVO_", "KAV", "\"\"", "untouched", "\" KAVO\""}) addType("type_unknown", type);
     add("type_failed", Result("rDxGetDeviceType", 1));
+}
 
+void AddAddresses(const Adder& add) {
     const std::string mode = "[rDxGetIpConfiguration]\nmode = ";
     add("dhcp_1", mode + "1\n");
     add("dhcp_3", mode + "3\n");
@@ -272,10 +274,10 @@ void AddDeviceStatus(std::vector<Row>& rows) {
     add("active_ip_untouched", "[rDxGetActiveIpConf]\nip_address = untouched\nnetmask = untouched\n"
                                "gateway = untouched\n");
     add("0", Result("rDxGetActiveIpConf", -1));
+    add("interface_missing", "[rDxGetNetInterface]\ninterface = nosuchinterface\n");
+}
 
-    add("firmware_failed", Result("rDxGetFirmwareRev", 1));
-    add("firmware_all_bits_set", "[rDxGetFirmwareRev]\nrevision = -1\n");
-
+void AddAllocations(const Adder& add) {
     const std::string allocation = "[rDxGetAllocStatus]\n";
     const std::string open = allocation + "controlled = 0\nallocation = 0\nowner = \"\"\n";
     add("open", open);
@@ -285,20 +287,37 @@ void AddDeviceStatus(std::vector<Row>& rows) {
         allocation + "allocation = untouched\nowner = untouched\ncontrolling_client = untouched\n");
     add("0", allocation + "controlled = -1\n");
     add("allocation_failed", Result("rDxGetAllocStatus", 1));
+}
 
+void AddAttributes(const Adder& add) {
     add("attributes_failed", Result("rdxGetDeviceAttributes", 1));
     add("attributes_none", "[rdxGetDeviceAttributes]\ncount = 0\n");
     add("attributes_none", "[rdxGetDeviceAttributes]\ncount = -1\n");
     add("attributes_null", kIncompleteAttributes);
     add("0", Result("rdxFreeDeviceAttributes", 1));
+}
 
+void AddSelfTests(const Adder& add) {
     const std::string test = "[rDxGetCurrentSelftestStatus]\n";
     add("selftest_running", test + "code = 42500\n");
     add("selftest_unknown", test + "reason = -1\n");
     add("selftest_not_asked", Result("rDxGetCurrentSelftestStatus", 1));
     add("reason_reported", test + "reason = 9070\n");
+}
+
+void AddDeviceStatus(std::vector<Row>& rows) {
+    const Adder add = [&](const std::string& golden, const std::string& scenario) {
+        rows.push_back({"rdxGetDeviceStatus", golden, scenario});
+    };
+    add("0", "");
+    AddTypes(add);
+    AddAddresses(add);
+    add("firmware_failed", Result("rDxGetFirmwareRev", 1));
+    add("firmware_all_bits_set", "[rDxGetFirmwareRev]\nrevision = -1\n");
+    AddAllocations(add);
+    AddAttributes(add);
+    AddSelfTests(add);
     add("queries_failed", kAllQueriesFail);
-    add("interface_missing", "[rDxGetNetInterface]\ninterface = nosuchinterface\n");
 }
 
 const std::vector<Row>& AllRows() {

@@ -5,7 +5,9 @@
 
 #include <array>
 #include <cstring>
+#include <functional>
 #include <set>
+#include <sstream>
 #include <thread>
 #include <vector>
 
@@ -667,7 +669,7 @@ TEST_F(SimulatedDevice, KeepsNoStateWithoutAPath) {
 
 // --- Record of calls ------------------------------------------------------------------------------------
 
-TEST_F(SimulatedDevice, RecordsWhatReachesIt) {
+void CallEveryFunction() {
     Text a, b, c;
     unsigned long word = 0;
     Measures measures = {};
@@ -698,9 +700,10 @@ TEST_F(SimulatedDevice, RecordsWhatReachesIt) {
     arrays.Get();
     arrays.Free();
     rDxUpdateDeviceFirmware(kMe, "http://10.0.0.7/kavo.bin", kAllBits, 1, "", "");
-    EXPECT_EQ(
-        TakeCalls(),
-        R"(rDxAllocateDevice client="10.0.0.7:40123" owner="Workstation 7" address="10.0.0.7" ports="3000,3001" flag=1
+}
+
+constexpr const char* kRecordOfEveryFunction =
+    R"(rDxAllocateDevice client="10.0.0.7:40123" owner="Workstation 7" address="10.0.0.7" ports="3000,3001" flag=1
 rDxReleaseDevice client="c" owner="x\ny" flag=1
 rDxGetOwner
 rDxGetDeviceType size=4096
@@ -719,7 +722,11 @@ rDxSetDeviceAttributes owner="Workstation 7" names=["Location",null] values=["Ba
 rdxGetDeviceAttributes
 rdxFreeDeviceAttributes count=2
 rDxUpdateDeviceFirmware owner="Workstation 7" url="http://10.0.0.7/kavo.bin" revision=-1 signed=1 method_of_trust="" ca_certificate=""
-)");
+)";
+
+TEST_F(SimulatedDevice, RecordsWhatReachesIt) {
+    CallEveryFunction();
+    EXPECT_EQ(TakeCalls(), kRecordOfEveryFunction);
 }
 
 TEST_F(SimulatedDevice, SaysOnceThatCallsCannotBeRecorded) {
@@ -766,65 +773,99 @@ TEST_F(SimulatedDevice, ServesAWorkstationWhileAnotherAwaitsASelfTest) {
     EXPECT_EQ(during, "42500/0");
 }
 
-TEST_F(SimulatedDevice, IsSafeToCallFromManyThreads) {
-    constexpr int kThreads = 6;
-    constexpr int kRounds = 60;
-    std::atomic<int> held = 0;
-    std::atomic<int> wins = 0;
-    std::vector<std::thread> threads;
-    for (int t = 0; t < kThreads; ++t) {
-        threads.emplace_back([&, t] {
-            const std::string me = "Workstation " + std::to_string(t);
-            for (int round = 0; round < kRounds; ++round) {
-                SelfTest();
-                Revision();
-                Ip();
-                Attributes();
-                if (Allocate(me.c_str()) != 0) continue;
-                ++wins;
-                EXPECT_EQ(++held, 1) << "the device has one owner at a time";
-                EXPECT_EQ(Owner(), me + " by 10.0.0.7:40123");
-                EXPECT_NE(MeasureFor(me.c_str()), 2);
-                EXPECT_EQ(SetAttributes(me.c_str(), {{"Owner", me.c_str(), round % 2}}), 0);
-                EXPECT_EQ(SetIp(me.c_str(), "10.0.0.2"), 0);
-                EXPECT_NE(rDxRunDeviceSelfTest(me.c_str(), 0, 1), 2);
-                EXPECT_NE(Update(me.c_str()), 2);
-                EXPECT_NE(rDxInitiateCfgRequest(me.c_str(), 1), 2);
-                --held;
-                EXPECT_EQ(Release(me.c_str()), 0);
-            }
-        });
+// A device that several workstations use at once, while its scenario changes.
+class SharedDevice : public SimulatedDevice {
+protected:
+    static constexpr int kRounds = 60;
+
+    void Watch() {
+        SelfTest();
+        Revision();
+        Ip();
+        Attributes();
     }
-    threads.emplace_back([&] {
+
+    void UseAsOwner(const char* me, int round) {
+        EXPECT_EQ(++held, 1) << "the device has one owner at a time";
+        EXPECT_EQ(Owner(), std::string(me) + " by 10.0.0.7:40123");
+        EXPECT_NE(MeasureFor(me), 2);
+        EXPECT_EQ(SetAttributes(me, {{"Owner", me, round % 2}}), 0);
+        EXPECT_EQ(SetIp(me, "10.0.0.2"), 0);
+        EXPECT_NE(rDxRunDeviceSelfTest(me, 0, 1), 2);
+        EXPECT_NE(Update(me), 2);
+        EXPECT_NE(rDxInitiateCfgRequest(me, 1), 2);
+        --held;
+        EXPECT_EQ(Release(me), 0);
+    }
+
+    void TakeTurns(const std::string& me) {
+        for (int round = 0; round < kRounds; ++round) {
+            Watch();
+            if (Allocate(me.c_str()) != 0) continue;
+            ++wins;
+            UseAsOwner(me.c_str(), round);
+        }
+    }
+
+    void ChangeTheScenario() {
         for (int round = 0; round < kRounds; ++round) {
             Play(round % 2 == 0 ? "[rDxGetDeviceType]\ntype = QRT\n" : "");
             Text type;
             EXPECT_EQ(rDxGetDeviceType(type.Out(), RDX_SVCS_TEXT_SIZE), 0);
             Pass(1s);
         }
-    });
-    for (std::thread& thread : threads) thread.join();
-    EXPECT_GT(wins, 0);
-    const std::string calls = ReadWhole(paths.calls);
-    std::size_t begin = 0;
-    while (begin < calls.size()) { // no line has been mixed with another
-        EXPECT_TRUE(calls.substr(begin, 3) == "rDx" || calls.substr(begin, 3) == "rdx");
-        begin = calls.find('\n', begin) + 1;
+    }
+
+    std::atomic<int> held = 0;
+    std::atomic<int> wins = 0;
+};
+
+// No line has been mixed with another.
+void ExpectWholeLines(const std::string& calls) {
+    std::istringstream lines(calls);
+    for (std::string line; std::getline(lines, line);) {
+        EXPECT_TRUE(line.starts_with("rDx") || line.starts_with("rdx")) << line;
     }
 }
 
-// Every allocation of every function fails in turn: the function says so, and the device is as it was.
-TEST_F(SimulatedDevice, RefusesACallForWhichMemoryIsShort) {
-    ASSERT_EQ(Allocate(kMe), 0);
+TEST_F(SharedDevice, IsSafeToCallFromManyThreads) {
+    constexpr int kThreads = 6;
+    std::vector<std::thread> threads;
+    for (int t = 0; t < kThreads; ++t) {
+        threads.emplace_back([this, t] { TakeTurns("Workstation " + std::to_string(t)); });
+    }
+    threads.emplace_back([this] { ChangeTheScenario(); });
+    for (std::thread& thread : threads) thread.join();
+    EXPECT_GT(wins, 0);
+    ExpectWholeLines(ReadWhole(paths.calls));
+}
+
+// A device whose functions can each be called again and again, with the same result: 0, or -1 for a failure.
+class ShortOfMemory : public SimulatedDevice {
+protected:
+    // Fails each allocation that the call makes in turn; returns how many there are.
+    int FailEach(const std::function<int()>& call, const char* allocator) {
+        const int before = CallsOf(allocator);
+        EXPECT_EQ(call(), 0);
+        const int count = CallsOf(allocator) - before;
+        for (int nth = 1; nth <= count; ++nth) {
+            FailCall noMemory(allocator, nth);
+            EXPECT_EQ(call(), -1) << nth;
+            EXPECT_TRUE(noMemory.Struck());
+        }
+        EXPECT_EQ(call(), 0) << "the device is as it was";
+        return count;
+    }
+
     Text a, b, c;
     unsigned long word = 0;
     Measures measures = {};
     RDXConf configuration = {RDX_CONF_LENGTH, 0};
     Arrays arrays;
-    char nameText[] = "Location";
-    char valueText[] = "a bay with a rather long name";
-    char* name = nameText;
-    char* value = valueText;
+    std::string nameText = "Location";
+    std::string valueText = "a bay with a rather long name";
+    char* name = nameText.data();
+    char* value = valueText.data();
     int flag = 1;
     const std::vector<std::function<int()>> calls = {
         [&] { return rDxAllocateDevice("c", kHer, "d", "e", a.Out(), b.Out(), 1) == 1 ? 0 : -1; },
@@ -855,21 +896,18 @@ TEST_F(SimulatedDevice, RefusesACallForWhichMemoryIsShort) {
             return result;
         },
     };
+};
+
+// The function says so, and the device is as it was.
+TEST_F(ShortOfMemory, RefusesEveryCall) {
+    ASSERT_EQ(Allocate(kMe), 0);
     int failed = 0;
     for (std::size_t i = 0; i < calls.size(); ++i) {
         for (const char* const allocator : {"malloc", "calloc"}) {
+            SCOPED_TRACE(std::to_string(i) + " " + allocator);
             Play("# " + std::to_string(i) + allocator + "\n"); // so that each round reads it alike
-            ASSERT_EQ(calls[i](), 0) << i;
-            const int before = CallsOf(allocator);
-            ASSERT_EQ(calls[i](), 0) << i;
-            const int count = CallsOf(allocator) - before;
-            for (int nth = 1; nth <= count; ++nth) {
-                FailCall noMemory(allocator, nth);
-                EXPECT_EQ(calls[i](), -1) << i << ' ' << allocator << ' ' << nth;
-                EXPECT_TRUE(noMemory.Struck());
-                ++failed;
-            }
-            ASSERT_EQ(calls[i](), 0) << i << ": the device is as it was";
+            ASSERT_EQ(calls[i](), 0);
+            failed += FailEach(calls[i], allocator);
         }
     }
     EXPECT_GT(failed, 100);

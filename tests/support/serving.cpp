@@ -17,6 +17,8 @@ std::map<int, int> closed;
 
 namespace rdx::test {
 
+// The count is never below 0. It is read for its order: what a thread did before it counted itself has
+// happened for the reader, which the number of the system's threads alone does not promise.
 bool ServingThreadsEnd() { return OtherThreadsEnd() && threadsEnded >= 0; }
 
 std::map<int, int> TimesClosed() {

@@ -213,7 +213,7 @@ std::vector<std::string> OnAMachineNamed(const std::string& name) {
 
 TEST_F(Texts, OfTheMachineComeThroughAsItsName) {
     if (std::system("unshare --uts sh -c 'echo x >/proc/sys/kernel/hostname' 2>/dev/null") != 0) {
-        GTEST_SKIP() << "no private name";
+        GTEST_SKIP() << "only root can give a machine a private name, where the system allows it";
     }
     for (const char* name : {"bay-1", "<&>\"'", "\xc3\xbc-\xe2\x82\xac", "]]>&amp;"}) {
         DeviceServer named({.wrapper = OnAMachineNamed(name)});

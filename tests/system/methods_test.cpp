@@ -1,6 +1,7 @@
 // Every method as a workstation sees it: each row of the status-code table and each case of its own, with a
 // device that does what a scenario says, the whole answer compared byte for byte with its file in golden/.
 
+#include "tests/support/interfaces.h"
 #include "tests/system/client.h"
 #include "tests/system/curl_client.h"
 #include "tests/system/device_server.h"
@@ -10,7 +11,6 @@
 #include <algorithm>
 #include <climits>
 #include <filesystem>
-#include <fstream>
 #include <functional>
 #include <memory>
 #include <optional>
@@ -352,12 +352,7 @@ std::string NameOfTheMachine() {
 }
 
 // The hardware address of an interface, or an empty text.
-std::string AddressOfTheMachine(const std::string& interface) {
-    std::ifstream file("/sys/class/net/" + interface + "/address");
-    std::string address;
-    std::getline(file, address);
-    return address;
-}
+std::string AddressOfTheMachine(const std::string& interface) { return HardwareAddresses()[interface]; }
 
 // The digits that stand for {UpTime} in an answer, if nothing but digits does.
 std::string UpTimeIn(const std::string& answer) {
@@ -532,21 +527,11 @@ protected:
     }
 };
 
-// Interfaces whose hardware address has six bytes.
-std::vector<std::string> Interfaces() {
-    std::vector<std::string> names;
-    for (const auto& entry : std::filesystem::directory_iterator("/sys/class/net")) {
-        const std::string name = entry.path().filename();
-        if (AddressOfTheMachine(name).size() == 17) names.push_back(name);
-    }
-    return names;
-}
-
 TEST_F(OwnFigures, HoldTheAddressOfTheInterfaceThatTheDeviceNames) {
     DeviceServer server;
     ASSERT_TRUE(server.Start());
     EXPECT_EQ(AddressOfTheMachine("lo"), "00:00:00:00:00:00");
-    for (const std::string& name : Interfaces()) {
+    for (const auto& [name, address] : HardwareAddresses()) {
         ExpectAddressOf(server, "[rDxGetNetInterface]\ninterface = " + name + "\n", name);
     }
 }

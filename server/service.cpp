@@ -32,6 +32,15 @@ namespace {
 constexpr ThreadID kNoThread = static_cast<ThreadID>(-1);
 constexpr int kMostDescriptors = FD_SETSIZE; // a descriptor set holds no more
 
+// Descriptors that are left to result files and follow-ups. Connections that took the last one would make
+// `accept` fail, and the loop, which then goes on to its next pass, would never come to serve them again.
+constexpr int kSpareDescriptors = 8;
+
+// Every connection has a lower descriptor than this.
+int ConnectionLimit(int tableSize) {
+    return std::min(kMostDescriptors, tableSize - std::min(kSpareDescriptors, tableSize / 4));
+}
+
 // The slots of the running multi-threaded loop.
 rdx::ServicePool* servicePool = nullptr;
 
@@ -58,7 +67,7 @@ public:
     ServiceLoop(int server, ServiceCall* slots, int slotCount, rdx::ServicePool* pool)
         : server_(server), slots_(slots), slotCount_(slotCount), pool_(pool),
           watched_(pool != nullptr ? pool->Watched() : ownSet_),
-          count_(std::min(getdtablesize(), kMostDescriptors)) {
+          count_(std::min(getdtablesize(), kMostDescriptors)), limit_(ConnectionLimit(getdtablesize())) {
         rdx::AddDescriptor(watched_, server_);
     }
 
@@ -113,7 +122,7 @@ private:
             ReportSocketError("RunHttpServer()", "accept failed");
             return false;
         }
-        if (client >= kMostDescriptors || IsClientGranted() == 0) {
+        if (client >= limit_ || IsClientGranted() == 0) {
             CloseSocket(client);
             return true;
         }
@@ -189,6 +198,7 @@ private:
     fd_set& watched_;             // the listening socket and the idle connections
     fd_set unserved_{};           // connections that found every thread busy
     int count_;                   // descriptors looked at
+    int limit_;                   // a connection with this descriptor or a higher one is closed at once
     timeval timeout_{0, 500'000}; // set once: when it is used up, `select` polls and Pace alone paces
 };
 

@@ -353,18 +353,12 @@ TEST_F(Busy, ServersEndOnASignal) {
     EXPECT_TRUE(unlucky.ClosedByPeer());
 }
 
-TEST_P(Idle, ConnectionsBeyondTheDescriptorSetAreClosedAtOnce) {
-    constexpr int kSetSize = 1024;
-    constexpr int kRoom = 12; // connections that still fit, at most
-    Server server({.threads = GetParam(), .heldDescriptors = kSetSize - kRoom});
-    ASSERT_TRUE(server.Start());
-    ASSERT_EQ(Ask(server.Port(), VersionCallAndClose()).status, 200);
-    const int descriptors = server.DescriptorsWhenClosed();
-
+// Connections that are answered, until one is closed unanswered; `most` at most.
+std::vector<Connection> TakeAllRoom(const Server& server, std::size_t most) {
     std::vector<Connection> kept;
-    while (kept.size() < kRoom) {
+    while (kept.size() < most) {
         Connection client(server.Port());
-        ASSERT_TRUE(client.Connected());
+        EXPECT_TRUE(client.Connected());
         client.Send(VersionCall());
         const Answer answer = client.ReadAnswer();
         if (answer.status == 0) {
@@ -375,20 +369,47 @@ TEST_P(Idle, ConnectionsBeyondTheDescriptorSetAreClosedAtOnce) {
         EXPECT_EQ(answer.text, VersionAnswer());
         kept.push_back(std::move(client));
     }
+    return kept;
+}
+
+// A server has room for some connections, but not for `most`. Those beyond are closed at once, and the others
+// do not suffer.
+void ExpectRoomForLessThan(std::size_t most, Server& server) {
+    ASSERT_TRUE(server.Start());
+    ASSERT_EQ(Ask(server.Port(), VersionCallAndClose()).status, 200);
+    const int descriptors = server.DescriptorsWhenClosed();
+
+    std::vector<Connection> kept = TakeAllRoom(server, most);
     ASSERT_GT(kept.size(), 0U);
-    ASSERT_LT(kept.size(), static_cast<std::size_t>(kRoom));
+    ASSERT_LT(kept.size(), most);
     EXPECT_EQ(server.Descriptors(), descriptors + static_cast<int>(kept.size()));
     for (int i = 0; i < 30; ++i) {
         Connection client(server.Port());
         EXPECT_TRUE(client.ClosedByPeer()) << i;
     }
-    for (Connection& client : kept) { // the others do not suffer
+    for (Connection& client : kept) {
         client.Send(VersionCall());
         EXPECT_EQ(client.ReadAnswer().text, VersionAnswer());
     }
-    kept.clear();
-    ASSERT_TRUE(server.WaitForDescriptors(descriptors));
+    while (!kept.empty()) { // one by one, so that a thread is there for each
+        kept.pop_back();
+        ASSERT_TRUE(server.WaitForDescriptors(descriptors + static_cast<int>(kept.size())));
+    }
     EXPECT_EQ(Ask(server.Port(), VersionCall()).text, VersionAnswer());
+}
+
+TEST_P(Idle, ConnectionsBeyondTheDescriptorSetAreClosedAtOnce) {
+    constexpr int kSetSize = 1024;
+    constexpr int kRoom = 12;
+    Server server({.threads = GetParam(), .heldDescriptors = kSetSize - kRoom});
+    ExpectRoomForLessThan(kRoom, server);
+}
+
+// Connections never take the last descriptor, without which nobody could be accepted any more.
+TEST_P(Idle, ConnectionsBeyondTheDescriptorLimitAreClosedAtOnce) {
+    constexpr int kLimit = 40;
+    Server server({.threads = GetParam(), .wrapper = {"prlimit", "--nofile=" + std::to_string(kLimit)}});
+    ExpectRoomForLessThan(kLimit - 10, server);
 }
 
 } // namespace

@@ -180,6 +180,27 @@ public:
     ServerThread& operator=(const ServerThread&) = delete;
 };
 
+// Notes a signal that comes when the server has ended.
+void NoteSignal(int sig) {
+    if (sig == SIGUSR1) return; // there is nothing to reconfigure
+    rdx::StoreShared(sigerr, sig);
+    rdx::StoreShared(signalled, 1);
+}
+
+// Sees to it at the end of a scope that caught signals are only noted from then on: the windows are gone, and
+// SignalHandler could interrupt the host where it holds a lock of the C library.
+struct SignalsNotedInTheEnd {
+    SignalsNotedInTheEnd() = default;
+    ~SignalsNotedInTheEnd() {
+        struct sigaction action {};
+        action.sa_handler = NoteSignal;
+        sigemptyset(&action.sa_mask);
+        for (const int number : rdx::kCaughtSignals) sigaction(number, &action, nullptr);
+    }
+    SignalsNotedInTheEnd(const SignalsNotedInTheEnd&) = delete;
+    SignalsNotedInTheEnd& operator=(const SignalsNotedInTheEnd&) = delete;
+};
+
 // True when another thread runs the server: the signal is that thread's, which handles it where it waits.
 bool PassToServerThread(int sig) {
     if (rdx::LoadShared(serverThreadKnown) == 0 || pthread_equal(serverThread, pthread_self()) != 0)
@@ -208,6 +229,7 @@ int rdxhttp_main(int argc, char** argv) {
     if (InitSignalHandling() != 0) return RDXHTTP_NO_SIGNALS;
     const rdx::SignalsInWindowsOnly signals;
     const ServerThread thisThread;
+    const SignalsNotedInTheEnd noted;
     if (InitSockLib() != 0) return RDXHTTP_NO_SOCKETS;
     LogProgress("socket library initialized", 0);
     rdx::StoreShared(uiReconfigurations, 0U);

@@ -1032,6 +1032,32 @@ TEST_F(RdxHttpMainTest, RestoresTheLogStreams) {
     }
 }
 
+// The host may hold any lock by then.
+TEST_F(RdxHttpMainTest, OnlyNotesSignalsOnceItHasEnded) {
+    Child child([] {
+        ReplaceAll(VERBOSITY_ALL);
+        replaced.runHttpServer = [](unsigned, unsigned) {
+            raise(SIGUSR1); // waits, for there is no window
+            return 0;
+        };
+        EXPECT_EQ(RunMain({}), 0);
+        EXPECT_EQ(ucReconfigured, 0);
+        const CaptureStdout capture;
+        raise(SIGUSR1);
+        EXPECT_EQ(signalled, 0);
+        for (const int number : {SIGTERM, SIGBUS, SIGSYS, SIGHUP}) {
+            signalled = 0;
+            raise(number);
+            EXPECT_EQ(sigerr, number);
+            EXPECT_EQ(signalled, 1);
+        }
+        EXPECT_EQ(ucReconfigured, 0);
+        EXPECT_EQ(capture.Text(), "");
+        return 0;
+    });
+    EXPECT_EQ(child.Result(), 0);
+}
+
 TEST_F(RdxHttpMainTest, RestoresTheSignalMask) {
     Child child([] {
         ReplaceAll(VERBOSITY_WARN);

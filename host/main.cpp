@@ -18,6 +18,7 @@
 #include <filesystem>
 #include <string_view>
 
+#include <fcntl.h>
 #include <sys/prctl.h>
 #include <sys/resource.h>
 #include <sys/wait.h>
@@ -80,6 +81,16 @@ void RaiseDescriptorLimit() {
     if (getrlimit(RLIMIT_NOFILE, &limit) != 0 || limit.rlim_cur >= kDescriptors) return;
     limit.rlim_cur = std::min(kDescriptors, limit.rlim_max);
     setrlimit(RLIMIT_NOFILE, &limit);
+}
+
+// Opens what the standard streams are without: the server's connections would take their descriptors, and
+// what it prints would go to its clients.
+void OpenStandardStreams() {
+    while (true) {
+        const int descriptor = open("/dev/null", O_RDWR);
+        if (descriptor > STDERR_FILENO) close(descriptor);
+        if (descriptor < 0 || descriptor > STDERR_FILENO) return;
+    }
 }
 
 std::ptrdiff_t CountThreads() {
@@ -150,6 +161,7 @@ int main(int argc, char** argv) {
     if (first == "--help") return std::fputs(kUsage, stdout) >= 0 ? 0 : 1;
     if (first == "--version") return std::puts("rdxhttpd " RDX_VERSION) >= 0 ? 0 : 1;
 
+    OpenStandardStreams();
     RaiseDescriptorLimit();
     sigset_t before;
     const sigset_t held = HoldSignals(&before);

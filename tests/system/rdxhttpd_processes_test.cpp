@@ -6,6 +6,8 @@
 
 #include <csignal>
 #include <sstream>
+#include <string>
+#include <thread>
 
 namespace rdx::test {
 namespace {
@@ -89,6 +91,22 @@ TEST(RdxhttpdProcesses, HaveDescriptorsBeyondThoseThatAreWatched) {
         if (line.starts_with("Max open files")) soft = std::stoi(line.substr(sizeof "Max open files"));
     }
     EXPECT_GT(soft, 1024);
+}
+
+// What the server prints must not go to a client whose connection has a standard stream's descriptor.
+TEST(RdxhttpdProcesses, ServeWithoutStandardStreams) {
+    const TemporaryFolder folder;
+    const std::string pidFile = folder.Path() + "/pid";
+    Server server(RdxhttpdBehind("echo $$ >" + pidFile + "; exec 0<&- 1>&- 2>&-"));
+    server.WriteSettings({"Verbosity=VERBOSITY_ALL"});
+    std::thread running([&] {
+        const auto ending = server.Run({"-c", server.ConfigurationPath(), "-mt", "4"});
+        EXPECT_TRUE(ending && ending->result == 0);
+    });
+    EXPECT_TRUE(Eventually([&] { return Connection(server.Port()).Connected(); }));
+    for (int i = 0; i < 20; ++i) EXPECT_EQ(Ask(server.Port(), VersionCall()).text, VersionAnswer());
+    kill(std::stoi(ReadFile(pidFile)), SIGTERM);
+    running.join();
 }
 
 TEST(RdxhttpdOptions, AreToldOnRequest) {

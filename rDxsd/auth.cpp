@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cerrno>
 #include <crypt.h>
 #include <cstdio>
 #include <cstring>
@@ -56,6 +57,23 @@ public:
     T object;
 };
 
+// Bytes on the heap, wiped after use; none when memory is short.
+class WipedBytes {
+public:
+    explicit WipedBytes(std::size_t size) : bytes_(rdx::AllocateBytes(size)), size_(size) {}
+    ~WipedBytes() {
+        if (bytes_) explicit_bzero(bytes_.get(), size_);
+    }
+    WipedBytes(const WipedBytes&) = delete;
+    WipedBytes& operator=(const WipedBytes&) = delete;
+
+    char* Get() const { return bytes_.get(); }
+
+private:
+    rdx::OwnedText bytes_;
+    std::size_t size_;
+};
+
 struct WipeText {
     void operator()(char* text) const {
         explicit_bzero(text, std::strlen(text));
@@ -100,15 +118,23 @@ bool IsPassword(const char* password, const char* stored) {
     return false;
 }
 
-// An entry of the shadow database is a line of text; a real one has a few hundred bytes.
+// An entry of the shadow database is a line of text; a real one has a few hundred bytes. A longer line, also
+// another user's or a comment, asks for more room.
 constexpr std::size_t kShadowEntrySize = 4096;
+constexpr std::size_t kShadowEntryMax = 1024 * 1024;
 
 bool IsUser(const char* user, const char* password) {
-    Wiped<char[kShadowEntrySize]> text;
-    spwd entry;
-    spwd* found = nullptr;
-    if (getspnam_r(user, &entry, text.object, sizeof text.object, &found) != 0) return false;
-    return found != nullptr && found->sp_pwdp != nullptr && IsPassword(password, found->sp_pwdp);
+    for (std::size_t size = kShadowEntrySize; size <= kShadowEntryMax; size *= 2) {
+        const WipedBytes text(size);
+        if (text.Get() == nullptr) return false;
+        spwd entry;
+        spwd* found = nullptr;
+        const int result = getspnam_r(user, &entry, text.Get(), size, &found);
+        if (result == ERANGE) continue;
+        if (result != 0 || found == nullptr || found->sp_pwdp == nullptr) return false;
+        return IsPassword(password, found->sp_pwdp);
+    }
+    return false;
 }
 
 // True when nobody asked for a copy or the copy was made.

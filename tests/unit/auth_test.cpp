@@ -300,9 +300,23 @@ TEST_F(Credentials, AreRefusedWhenTheDatabaseCannotBeRead) {
     EXPECT_EQ(checked.printed, "");
 }
 
+TEST_F(Credentials, AreFoundBehindALongLine) {
+    const test::FailCall fault("getspnam_r", 1, ERANGE);
+    EXPECT_EQ(Check(Encoded("service:secret")).result, 1);
+    EXPECT_TRUE(fault.Struck());
+}
+
 TEST_F(Credentials, AreRefusedWhenTheEntryIsTooLong) {
-    const test::ShadowEntry user("user", test::Encrypt("secret") + std::string(5000, 'x'));
-    EXPECT_EQ(Check(Encoded("user:secret")).result, 0);
+    const test::ShadowEntry user("user", test::Encrypt("secret") + std::string(2'000'000, 'x'));
+    const Checked checked = Check(Encoded("user:secret"));
+    EXPECT_EQ(checked.result, 0);
+    EXPECT_EQ(checked.printed, "") << "the password was not even tried";
+}
+
+TEST_F(Credentials, AreRefusedWhenMemoryForTheEntryIsShort) {
+    const test::FailCall fault("malloc", 3); // behind the copies of user and password
+    EXPECT_EQ(Check(Encoded("service:secret")).result, 0);
+    EXPECT_TRUE(fault.Struck());
 }
 
 TEST_F(Credentials, AreRefusedWhenNothingComesOfTheEncryption) {

@@ -130,6 +130,7 @@ struct Key {
     std::string_view name;
     ValueReader read;
     Target target;
+    bool relies = false; // on another key: in a file it is switched on when all of it has been read
 };
 
 // A line belongs to the first key that it begins with, so that each must stand before those it begins with
@@ -148,7 +149,7 @@ constexpr bool EachKeyIsReached(std::span<const Key> keys) {
 constexpr Key kHttpKeys[] = {
     {"ClientsAccepted", ReadText, {.text = szClientAddresses, .refused = -2}},
     {"ProtocolVersion", ReadProtocolVersion, {.flag = &ucProtocolVersion}},
-    {"SendEOT", ReadFlag, {.flag = &ucEntityTerminator}},
+    {"SendEOT", ReadFlag, {.flag = &ucEntityTerminator}, true}, // on EOTString
     {"EOTString", ReadText, {.text = szEntityTerminator, .refused = -3}},
     {"AuthRequired", ReadFlag, {.flag = &ucAuthRequired}},
     {"AuthInfo", ReadText, {.text = szConfigAuthInfo, .refused = -4}},
@@ -226,15 +227,29 @@ public:
             return 0;
         }
         if (!inSection_) return 0;
-        if (FindKey(section_.keys, text) != nullptr) return section_.readKey(line);
+        const Key* const key = FindKey(section_.keys, text);
+        if (key != nullptr) return key->relies ? Defer(line) : section_.readKey(line);
         inSection_ = false; // kept: an unknown key ends the section just as another header does
         return 0;
     }
 
+    // Reads what relies on other keys, which threads in service may use at once.
+    void Finish() {
+        if (*deferred_ != '\0') section_.readKey(deferred_);
+    }
+
 private:
+    // A line that fails does so in its place.
+    int Defer(char* line) {
+        if (std::strchr(line, '=') == nullptr) return section_.readKey(line);
+        rdx::CopyBounded(deferred_, line);
+        return 0;
+    }
+
     const Section& section_;
     std::string_view name_;
     bool inSection_ = false;
+    char deferred_[kLineBufferSize] = ""; // the last line of a key that relies on others
 };
 
 struct CloseFile {
@@ -329,9 +344,10 @@ int ReadIniFile(const char* szPath, const char* szSection) {
     if (!file) return -4;
     SectionReader reader(*section, szSection);
     char line[kLineBufferSize];
-    while (fgets(line, sizeof line, file.get()) != nullptr) {
-        if (const int result = reader.Read(line); result != 0) return result;
-    }
+    int result = 0;
+    while (result == 0 && fgets(line, sizeof line, file.get()) != nullptr) result = reader.Read(line);
+    reader.Finish();
+    if (result != 0) return result;
     return feof(file.get()) != 0 ? 0 : -5;
 }
 

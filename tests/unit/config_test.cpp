@@ -4,6 +4,7 @@
 #include "common/shared.h"
 #include "tests/support/assertion.h"
 #include "tests/support/capture.h"
+#include "tests/support/eventually.h"
 #include "tests/support/faults.h"
 #include "tests/support/guarded.h"
 
@@ -883,6 +884,36 @@ TEST_F(IniFile, MayBeReadAgainWhileThreadsReadTheSettings) {
     }
     done = true;
     reader.join();
+}
+
+// Threads in service take the terminator's text for given once it is switched on.
+TEST_F(IniFile, SwitchesTheTerminatorOnWhenAllHasBeenRead) {
+    int ends[2];
+    ASSERT_EQ(pipe(ends), 0);
+    const auto say = [&](const std::string& text) {
+        ASSERT_EQ(write(ends[1], text.data(), text.size()), static_cast<ssize_t>(text.size()));
+    };
+    const std::string path = "/proc/self/fd/" + std::to_string(ends[0]);
+    std::thread reader([&] { EXPECT_EQ(ReadIniFile(path.c_str(), "HTTP"), 0); });
+    say("[HTTP]\nSendEOT=1\nVoltageMaxAge=7\n");
+    EXPECT_TRUE(test::Eventually([] { return LoadShared(uiVoltageMaxAge) == 7; }));
+    EXPECT_EQ(LoadShared(ucEntityTerminator), 0);
+    say("EOTString=end\n");
+    close(ends[1]);
+    reader.join();
+    close(ends[0]);
+    EXPECT_EQ(ucEntityTerminator, 1);
+    EXPECT_STREQ(szEntityTerminator, "end");
+}
+
+TEST_F(IniFile, RefusesATerminatorSwitchWithoutAnEqualSign) {
+    EXPECT_EQ(Read("[HTTP]\nSendEOT\nAuthRealm=Workshop\n"), -1);
+    EXPECT_STRNE(szConfigAuthRealm, "Workshop");
+}
+
+TEST_F(IniFile, SwitchesTheTerminatorThoughALaterLineIsBad) {
+    EXPECT_EQ(Read("[HTTP]\nSendEOT=1\nVerbosity=LOG\n"), -1);
+    EXPECT_EQ(ucEntityTerminator, 1);
 }
 
 // --- reconfiguration --------------------------------------------------------------------------------------

@@ -150,6 +150,7 @@ private:
     std::vector<std::string> CommandLine(const std::vector<std::string>& arguments) const;
     std::vector<std::string> StandardArguments() const;
     void Spawn(const std::vector<std::string>& arguments);
+    void WaitForPasses() const;
     void End();
 
     ServerOptions options_;

@@ -32,6 +32,7 @@ tree=.
 start() {
     for _ in 1 2 3 4 5 6 7 8 9 10; do
         choose_port
+        : >"$work/log" # an earlier server's words would be taken for this one's
         "$@" "$tree/script/server" --port "$port" >"$work/log" 2>&1 &
         server=$!
         until grep -q '^The device keeps\|^  Next' "$work/log" || ! kill -0 "$server" 2>/dev/null; do sleep 0.1; done

@@ -410,9 +410,11 @@ protected:
 };
 RDX_IN_BOTH_MODES(Memory);
 
-// The heap grows by less than 20 kB over such numbers of calls. The smallest block of memory takes 32 bytes:
-// one that stays behind with every call shows as 78 kB with the fewer of them.
+// The heap mostly grows by less than 20 kB over such numbers of calls. The smallest block of memory takes 32
+// bytes: one that stays behind with every call shows as 78 kB with the fewer of them, each time they are
+// made. Threads that happen to allocate side by side can spread the heap by as much, but only once.
 constexpr long kSlackKilobytes = 64;
+constexpr int kRounds = 3;
 
 TEST_P(Memory, StaysFlatOverThousandsOfMutatedPackets) {
 #ifdef RDX_TEST_SANITIZED
@@ -424,11 +426,14 @@ TEST_P(Memory, StaysFlatOverThousandsOfMutatedPackets) {
     ASSERT_TRUE(server.Start());
     Caller caller(server.Port(), GetParam());
     Send(caller, requests_.size()); // until everything that is kept on purpose is there
-    const long before = HeapKilobytes(server.Process().Pid());
-    Send(caller, amount_.calls);
-    const long after = HeapKilobytes(server.Process().Pid());
-    ASSERT_GT(before, 0);
-    EXPECT_LE(after - before, kSlackKilobytes) << before << " kB before, " << after << " kB after";
+    std::vector<long> heap = {HeapKilobytes(server.Process().Pid())};
+    ASSERT_GT(heap.front(), 0);
+    const auto growth = [&] { return heap.back() - heap.end()[-2]; };
+    do {
+        Send(caller, amount_.calls);
+        heap.push_back(HeapKilobytes(server.Process().Pid()));
+    } while (growth() > kSlackKilobytes && heap.size() <= kRounds);
+    EXPECT_LE(growth(), kSlackKilobytes) << "kB: " << testing::PrintToString(heap);
 }
 
 } // namespace

@@ -1,5 +1,6 @@
 #include "rDxsd/device_info.h"
 
+#include "common/shared.h"
 #include "common/text.h"
 #include "rDxsd/device_text.h"
 #include "rDxsd/rDxsd.h"
@@ -22,7 +23,7 @@ constexpr int kNoSocket = -1;
 int auxiliarySocket = kNoSocket;
 
 int AuxiliarySocket() {
-    const int known = __atomic_load_n(&auxiliarySocket, __ATOMIC_ACQUIRE);
+    const int known = rdx::LoadShared(auxiliarySocket);
     if (known != kNoSocket) return known;
     const int opened = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
     int expected = kNoSocket;

@@ -180,9 +180,18 @@ public:
     ServerThread& operator=(const ServerThread&) = delete;
 };
 
-// Notes a signal that comes when the server has ended.
+// Has the caught signals handled; false at the first for which that fails.
+bool CatchSignals(void (*handler)(int)) {
+    struct sigaction action {};
+    action.sa_handler = handler;
+    sigemptyset(&action.sa_mask);
+    return std::ranges::all_of(rdx::kCaughtSignals,
+                               [&](int number) { return sigaction(number, &action, nullptr) == 0; });
+}
+
+// Notes a terminating signal.
 void NoteSignal(int sig) {
-    if (sig == SIGUSR1) return; // there is nothing to reconfigure
+    if (sig == SIGUSR1) return;
     rdx::StoreShared(sigerr, sig);
     rdx::StoreShared(signalled, 1);
 }
@@ -191,12 +200,7 @@ void NoteSignal(int sig) {
 // SignalHandler could interrupt the host where it holds a lock of the C library.
 struct SignalsNotedInTheEnd {
     SignalsNotedInTheEnd() = default;
-    ~SignalsNotedInTheEnd() {
-        struct sigaction action {};
-        action.sa_handler = NoteSignal;
-        sigemptyset(&action.sa_mask);
-        for (const int number : rdx::kCaughtSignals) sigaction(number, &action, nullptr);
-    }
+    ~SignalsNotedInTheEnd() { CatchSignals(NoteSignal); }
     SignalsNotedInTheEnd(const SignalsNotedInTheEnd&) = delete;
     SignalsNotedInTheEnd& operator=(const SignalsNotedInTheEnd&) = delete;
 };
@@ -254,12 +258,7 @@ int ParseCommandLine(int argc, char** argv, char* szSvcPort) {
 int InitSignalHandling() {
     rdx::StoreShared(sigerr, 0);
     rdx::StoreShared(signalled, 0);
-    struct sigaction action {};
-    action.sa_handler = SignalHandler;
-    sigemptyset(&action.sa_mask);
-    for (const int number : rdx::kCaughtSignals) {
-        if (sigaction(number, &action, nullptr) != 0) return -6;
-    }
+    if (!CatchSignals(SignalHandler)) return -6;
     sigset_t reconfigure;
     sigemptyset(&reconfigure);
     sigaddset(&reconfigure, SIGUSR1);
@@ -268,6 +267,7 @@ int InitSignalHandling() {
         const rdx::CaughtSignalsBlocked whileLogging;
         rdx::LogPlain("InitSignalHandling()", "signal handler installed", SIGUSR1);
     }
+    struct sigaction action {};
     action.sa_handler = SIG_IGN;
     for (const int number : {SIGINT, SIGQUIT, SIGPIPE}) sigaction(number, &action, nullptr);
     return 0;
@@ -283,12 +283,8 @@ void SignalHandler(int sig) {
     } else {
         rdx::LogPlain("SignalHandler()", "handling signal", sig);
     }
-    if (sig == SIGUSR1) {
-        Reconfig(szConfigPath);
-    } else {
-        rdx::StoreShared(sigerr, sig);
-        rdx::StoreShared(signalled, 1);
-    }
+    if (sig == SIGUSR1) Reconfig(szConfigPath);
+    NoteSignal(sig);
     errno = error;
 }
 

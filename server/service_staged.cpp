@@ -62,7 +62,7 @@ enum ServiceStatus : int {
 };
 
 // An assertion of ServeClientInStages, whose steps are functions of their own: the report names that
-// function, not the step.
+// function, not the step, whatever the compiler's spelling.
 void Check(bool holds, const char* text, unsigned int line = __builtin_LINE()) {
     if (!holds) __assert_fail(text, __FILE__, line, "void* ServeClientInStages(ServiceCall*)");
 }
@@ -260,9 +260,9 @@ int StagedService::SendFollowUp(const char* command, const char* body) {
 }
 
 void* ServeClientInStages(ServiceCall* pArgs) {
-    RDX_CHECK(pArgs != nullptr, "pArgs != __null");
-    RDX_CHECK(pArgs->pFdSet != nullptr, "pArgs->pFdSet != __null");
-    RDX_CHECK(LoadShared(pArgs->iSvcStatus) == SERVICE_RUNNING, "pArgs->iSvcStatus == 1");
+    Check(pArgs != nullptr, "pArgs != __null");
+    Check(pArgs->pFdSet != nullptr, "pArgs->pFdSet != __null");
+    Check(LoadShared(pArgs->iSvcStatus) == SERVICE_RUNNING, "pArgs->iSvcStatus == 1");
     int status;
     ThreadID thread;
     {
@@ -272,8 +272,8 @@ void* ServeClientInStages(ServiceCall* pArgs) {
         status = service.Serve();
         thread = service.Thread();
     }
-    RDX_CHECK(thread != 0, "stSvc.hThreadId != 0L");
-    RDX_CHECK(PrimaryThreadID() != 0, "PrimaryThreadID() != 0L");
+    Check(thread != 0, "stSvc.hThreadId != 0L");
+    Check(PrimaryThreadID() != 0, "PrimaryThreadID() != 0L");
     FinishService(*pArgs, thread, status);
     return AsResult(status);
 }

@@ -3,6 +3,7 @@
 #define RDX_TESTS_SUPPORT_LOOPBACK_H
 
 #include "tests/support/eventually.h"
+#include "tests/support/free_port.h"
 #include "tests/support/listener.h"
 
 #include <gtest/gtest.h>
@@ -16,9 +17,6 @@
 #include <utility>
 
 namespace rdx::test {
-
-// A port that was free a moment ago.
-inline int FreePort() { return Listener().Port(); }
 
 class Client {
 public:

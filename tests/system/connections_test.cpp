@@ -318,6 +318,8 @@ protected:
 TEST_F(Busy, ServersLeaveAReadyConnectionUnservedAndOpenUntilTheLoopEnds) {
     Connection unlucky(server_.Port());
     unlucky.Send(VersionCall());
+    ASSERT_TRUE(
+        Eventually([&] { return CountOf("HttpServer: Handling socket", server_.Output()) == kThreads + 1; }));
     EXPECT_TRUE(unlucky.StaysSilent());
 
     FinishStalled();
@@ -336,7 +338,8 @@ TEST_F(Busy, ServersKeepAQuietConnectionWatched) {
     EXPECT_TRUE(quiet.StaysSilent());
     FinishStalled();
     ASSERT_TRUE(server_.WaitForServingThreads(0));
-    ASSERT_EQ(AskUntilAnswered(server_.Port(), VersionCall()).text, VersionAnswer());
+    ASSERT_EQ(AskUntilAnswered(server_.Port(), VersionCallAndClose()).text, VersionAnswer());
+    ASSERT_TRUE(server_.WaitForServingThreads(0));
     quiet.Send(VersionCall());
     EXPECT_EQ(quiet.ReadAnswer().text, VersionAnswer());
 }

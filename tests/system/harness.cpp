@@ -1,5 +1,7 @@
 #include "tests/system/harness.h"
 
+#include "tests/support/free_port.h"
+
 #include <algorithm>
 #include <arpa/inet.h>
 #include <array>
@@ -232,26 +234,6 @@ bool SucceedsInAChild(const std::function<bool()>& attempt) {
     return child > 0 && waitpid(child, &status, 0) == child && WIFEXITED(status) && WEXITSTATUS(status) == 0;
 }
 
-// The lowest port that the system gives to outgoing connections: below it none comes in the way.
-int FirstEphemeralPort() {
-    std::ifstream range("/proc/sys/net/ipv4/ip_local_port_range");
-    int first = 0;
-    range >> first;
-    return first;
-}
-
-bool IsFree(int port) {
-    const int probe = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    const int on = 1;
-    setsockopt(probe, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
-    sockaddr_in address = {};
-    address.sin_family = AF_INET;
-    address.sin_port = htons(static_cast<in_port_t>(port));
-    const bool bound = bind(probe, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0;
-    close(probe);
-    return bound;
-}
-
 } // namespace
 
 milliseconds Scaled(milliseconds limit) {
@@ -293,8 +275,8 @@ TemporaryFolder::~TemporaryFolder() {
 
 PortReservation::PortReservation(int count) {
     std::random_device random;
-    const int last = std::max(FirstEphemeralPort(), 12000);
-    std::uniform_int_distribution<int> ports(last - 10000, last - count);
+    const int end = EndOfServerPorts();
+    std::uniform_int_distribution<int> ports(end - kServerPorts, end - count);
     for (int attempt = 0; attempt < 1000; ++attempt) {
         if (Take(ports(random), count)) return;
     }

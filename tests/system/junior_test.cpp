@@ -637,12 +637,16 @@ TEST_P(ManyTickets, AreAcknowledgedWhileTheAdministrationServerIsSilent) {
     constexpr int kThreads = 8;
     JuniorServer server(kThreads, "", AdminServer::Then::StayOpen, {}, GetParam());
     ASSERT_TRUE(server.Start());
+    std::set<std::string> expected;
     for (int call = 0; call < 20; ++call) {
         const std::string ticket = std::to_string(call);
         EXPECT_EQ(AskUntilAnswered(server.Port(), Ticketed(ticket)).text, Acknowledge(ticket));
+        expected.insert(Success(ticket));
     }
     EXPECT_TRUE(server.process.WaitForServingThreads(1));
-    EXPECT_EQ(server.TakeRequests(1), Requests{Success("0")});
+    const Requests requests = server.TakeRequests(1);
+    ASSERT_EQ(requests.size(), 1U);
+    EXPECT_TRUE(expected.contains(requests[0])) << "never asked for: " << requests[0];
 }
 
 // --- the host ------------------------------------------------------------------------------------------

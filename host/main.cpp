@@ -86,11 +86,10 @@ void RaiseDescriptorLimit() {
 // Opens what the standard streams are without: the server's connections would take their descriptors, and
 // what it prints would go to its clients.
 void OpenStandardStreams() {
-    while (true) {
-        const int descriptor = open("/dev/null", O_RDWR);
-        if (descriptor > STDERR_FILENO) close(descriptor);
-        if (descriptor < 0 || descriptor > STDERR_FILENO) return;
-    }
+    int descriptor;
+    do descriptor = open("/dev/null", O_RDWR);
+    while (descriptor >= 0 && descriptor <= STDERR_FILENO);
+    if (descriptor >= 0) close(descriptor);
 }
 
 std::ptrdiff_t CountThreads() {

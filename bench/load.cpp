@@ -207,11 +207,10 @@ private:
         return "/proc/" + std::to_string(counters_.Get().process.load());
     }
 
+    // Both limits, for the server raises the soft one.
     static void Limit(rlim_t descriptors) {
-        rlimit limit{};
-        getrlimit(RLIMIT_NOFILE, &limit);
-        limit.rlim_cur = std::min(descriptors, limit.rlim_max);
-        setrlimit(RLIMIT_NOFILE, &limit);
+        const rlimit limit{descriptors, descriptors};
+        if (setrlimit(RLIMIT_NOFILE, &limit) != 0) Fail("so high a limit of descriptors");
     }
 
     [[noreturn]] void Execute(const Setup& setup, int threads) {
@@ -479,7 +478,7 @@ int main(int argc, char** argv) {
     }
     PrintHead();
     MeasureKeepAlive(setup, answer);
-    MeasureRandomArrivals(setup, 12 * setup.seconds);
+    MeasureRandomArrivals(setup, std::max(60.0, 12 * setup.seconds));
     MeasureStatusCalls(setup);
     MeasureIdlePass(setup);
     return 0;

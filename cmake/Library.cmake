@@ -17,13 +17,12 @@ target_link_libraries(rDxsH PRIVATE $<LINK_LIBRARY:ALWAYS,DxSvcs,crypt>)
 target_include_directories(rDxsH INTERFACE $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}>
                            $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}/rDxsH>)
 
-
-# One path for both trees. A build path that is rewritten at installation would be padded with empty
-# entries, which the loader takes for the current directory.
 # Templates of the C++ library come with default visibility where they are not inlined.
 file(WRITE ${CMAKE_CURRENT_BINARY_DIR}/rDxsH.map "{ local: _Z*; };\n")
 target_link_options(rDxsH PRIVATE -Wl,--version-script=${CMAKE_CURRENT_BINARY_DIR}/rDxsH.map)
 
+# One path for both trees. A build path that is rewritten at installation would be padded with empty
+# entries, which the loader takes for the current directory.
 set_target_properties(rDxsH PROPERTIES INSTALL_RPATH "$ORIGIN" BUILD_WITH_INSTALL_RPATH ON)
 
 include(${CMAKE_CURRENT_LIST_DIR}/BuildDate.cmake)

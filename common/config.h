@@ -33,7 +33,10 @@ enum {
     CONFIG_METHODS = 8                                   /* not a text: the methods of HTTP/1.1 */
 };
 
-/* Keys of section HTTP; the default in brackets. */
+/*
+ * Keys of section HTTP; the default in brackets. One more, Verbosity [VERBOSITY_WARN], is kept in
+ * `ucVerbosity` (log.h) and takes that enumeration's names.
+ */
 extern RDX_API char szClientAddresses[CONFIG_ADDRESSES_SIZE];   /* ClientsAccepted [127.0.0.1] */
 extern RDX_API unsigned char ucProtocolVersion;                 /* ProtocolVersion: 10 or 11 [11] */
 extern RDX_API unsigned char ucEntityTerminator;                /* SendEOT: 0 or 1 [0] */

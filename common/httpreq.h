@@ -128,7 +128,7 @@ RDX_API int ParseHttpMethodLine(const char* p, const char* q, HttpRequest* pReq)
 /*
  * Looks a method up, case ignored.
  *
- *   pszMethod  the method's name
+ *   pszMethod  the method's name, or null, which is no method's
  *   piIndex    out: its index, or -1
  *
  * Returns the method's entry in the allow table (1 and more: allowed), or -1 for an unknown method.

@@ -12,9 +12,9 @@ public:
     MessageWriter(char* buffer, unsigned int size)
         : begin_(buffer), cursor_(buffer), last_(buffer + size - 1) {}
 
-    // A null text counts as an empty one, which fails.
+    // A null text fails as an empty one does.
     MessageWriter& Text(const char* text) {
-        if (result_ == 0) result_ = AssertedStrCopy(&cursor_, last_, text != nullptr ? text : "");
+        if (result_ == 0) result_ = AssertedStrCopy(&cursor_, last_, text);
         return *this;
     }
 

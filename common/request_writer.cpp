@@ -18,7 +18,7 @@ constexpr int kUnknownVersion = -505;
 
 struct Method {
     unsigned char index;
-    const char* wire; // kept: no blank behind "POST", the servers that are called expect it so
+    const char* wire; // kept: no blank behind "POST" on the wire
     const char* html;
 };
 constexpr Method kMethods[] = {{HTTP_GET, "GET ", "<B>GET</B> "}, {HTTP_POST, "POST", "<B>POST</B> "}};

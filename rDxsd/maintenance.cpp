@@ -33,13 +33,13 @@ constexpr int kDetailedTestAwaited = 9064;
 
 // The device's result for a test that was awaited in vain. Also what the method says when it awaited a test
 // and could not ask what came of it.
-constexpr Outcome kNotAwaited = {5, 42501, 9065, Detail::kReason};
+constexpr Outcome kAwaitedInVain = {5, 42501, 9065, Detail::kReason};
 
 constexpr Outcome kSelfTestOutcomes[] = {
     {1, 42502, 9011, Detail::kReason},
     {2, 42020, 9012, Detail::kOwner}, // owned by another
     {3, 42502, 9062, Detail::kReason},
-    kNotAwaited,
+    kAwaitedInVain,
     {kDetailedTestAwaited, 42501, 9064, Detail::kReason},
     {kAnyOther, 42501, 9063, Detail::kReason},
 };
@@ -177,7 +177,7 @@ int ProcessRunDeviceSelfTest(TavrinRequest* call, TavrinResponse* result) {
     const Outcome& started = FindOutcome(kSelfTestOutcomes, done);
     OwnedValue params = MakeParams(started, "");
     const SelfTestState state = AskSelfTestState();
-    const Outcome& own = awaited && !state.known ? kNotAwaited : started;
+    const Outcome& own = awaited && !state.known ? kAwaitedInVain : started;
     // Kept: a test that was awaited in vain changes what the status says, and not its detail, which goes on
     // telling of the start.
     Answer answer(own.code, own.reason, std::move(params));

@@ -8,7 +8,8 @@
  *   - Every function returns 0 on success; other results are refusals and failures, whose meaning for a
  *     caller of the server stands in docs/protocol.md.
  *   - An output text is a buffer of the caller's of RDX_SVCS_TEXT_SIZE bytes, the NUL included, unless a
- *     size is passed. It starts as an empty NUL-terminated text and may be left alone.
+ *     size is passed. It starts as an empty NUL-terminated text, unless the function says otherwise, and may
+ *     be left alone.
  *   - Input texts are NUL-terminated and belong to the caller; they are valid during the call only.
  *   - `unsigned long` values that mean "none" or "unknown" have all bits set at the type's own width.
  *   - Serving threads call concurrently: every function must be safe to call from several threads.

@@ -37,11 +37,11 @@ extern RDX_API const char* const aszSigNames[30];
  * Runs the server on the calling thread. The texts in `argv` may be changed (a host:port value is cut at
  * its colon) and must live until the call returns. Meant to be called once in a process. While the loop
  * runs, the signals it catches are blocked in the calling thread except while it waits; the thread's mask
- * is as before when the call returns, but for SIGUSR1, which is unblocked. From then on a caught signal is
- * only noted in `sigerr` and `signalled`, and SIGINT, SIGQUIT and SIGPIPE are ignored in the whole process.
- * Traces go to the standard output at every verbosity. The host keeps it open, for a connection that gets its
- * descriptor would get the traces, and sees to it that it is read, or a file: who writes to a full pipe
- * waits. Returns one of the results above.
+ * is as before when the call returns, but for SIGUSR1, which is unblocked. From then on a terminating
+ * signal is only noted in `sigerr` and `signalled`, SIGUSR1 has no effect, and SIGINT, SIGQUIT and SIGPIPE
+ * are ignored in the whole process. Traces go to the standard output at every verbosity. The host keeps it
+ * open, for a connection that gets its descriptor would get the traces, and sees to it that it is read, or a
+ * file: who writes to a full pipe waits. Returns one of the results above.
  */
 RDX_API int rdxhttp_main(int argc, char** argv);
 

@@ -65,9 +65,9 @@ extern RDX_API unsigned char ucTerminated;
  * received a terminating signal. Up to `nThreadLimit` requests are served at once, each on its own thread;
  * with a limit of 1 (or 0) they are served one after the other on the calling thread. At the end every
  * watched connection is closed; a request in service is answered and its connection closed by its thread.
- * Descriptors from FD_SETSIZE on are closed when accepted.
- * Returns 0 after the loop has ended; -1 when it could not be set up, or `hServerSocket` is such a
- * descriptor.
+ * A connection that would take one of the process's last eight descriptors (of a small table the last
+ * quarter), or one from FD_SETSIZE on, is closed when accepted. Returns 0 after the loop has ended; -1 when
+ * it could not be set up, or `hServerSocket` is FD_SETSIZE or more.
  */
 RDX_API int RunHttpServer(unsigned int hServerSocket, unsigned int nThreadLimit);
 

@@ -214,8 +214,8 @@ RDX_API WddxValue* wddxParseStream(const char* text);
 
 /*
  * Reads the next tag. Of attributes, only the first is looked at. Its value is what stands up to the next
- * quote behind the first character that is no quote, so that there is no empty value (kept: clients rely
- * on it).
+ * quote behind the first character that is no quote, blank, line end or "=", so that there is no empty value
+ * (kept: clients rely on it).
  *   cursor  in/out: the text; on success moved behind the tag, otherwise left.
  * Returns the tag, to be freed with free. Null when there is none, it is broken off, a name or value in it
  * has WDDX_TAG_TEXT_SIZE bytes and more, or memory is short.

@@ -27,6 +27,12 @@ if [ -n "${2:-}" ]; then
     cmp build/server/librDxsH.so "$2/librDxsH.so" || fail "two builds differ"
 fi
 
+# A date from outside is the build's; and a build without tests needs nothing but the server's packages.
+SOURCE_DATE_EPOCH=1 cmake -S . -B "$work/dated" -DCMAKE_BUILD_TYPE=Release -DBUILD_TESTING=OFF >"$work/log" 2>&1 ||
+    fail "$(cat "$work/log")"
+grep -q '__DATE__=[^ ]*Jan  1 1970' "$work/dated/compile_commands.json" || fail "SOURCE_DATE_EPOCH is not the build's date"
+grep -q '^RDX_ADMIN:BOOL=OFF$' "$work/dated/CMakeCache.txt" || fail "a build without tests builds rdxadmin"
+
 # start [COMMAND...]: the script in `tree`, run by the command, on a free port; sets server and port.
 tree=.
 start() {

@@ -8,9 +8,10 @@
 
 namespace rdx::test {
 
-// The report that `function` in `source` (relative to the root) makes of exactly this text.
+// The report that `function` in `source` (relative to the root, so that only the program stands before it)
+// makes of exactly this text.
 inline auto Assertion(const std::string& source, const std::string& function, const std::string& text) {
-    return testing::AllOf(testing::HasSubstr(source + ":"), testing::HasSubstr(function + "("),
+    return testing::AllOf(testing::HasSubstr(": " + source + ":"), testing::HasSubstr(function + "("),
                           testing::HasSubstr("Assertion `" + text + "' failed."));
 }
 

@@ -66,9 +66,10 @@ void OnStackOf(std::size_t bytes, Body body) {
 }
 
 // Runs `body` with the first allocation failing, then with the second, until none is left to fail; for
-// each kind of allocation. `body` is told the allocator. Fails the test when nothing was injected.
-template <typename Body>
-void FailEveryAllocation(Body body) {
+// each kind of allocation. `body` returns whether all went well: true when nothing failed, else whatever
+// `expected` says of the result. Fails the test when nothing was injected.
+template <typename Body, typename Expected>
+void FailEveryAllocation(Body body, Expected expected) {
     constexpr int kMost = 10000;
     int injected = 0;
     for (const char* const allocator : {"malloc", "calloc", "realloc"}) {
@@ -80,10 +81,20 @@ void FailEveryAllocation(Body body) {
                 EXPECT_TRUE(good) << "nothing failed";
                 break;
             }
+            expected(good);
             ++injected;
         }
     }
     EXPECT_GT(injected, 0);
+}
+
+// For a body that looks at the result itself.
+inline void AnyResult(bool) {}
+
+// The same for a `body` that no failure must leave well.
+template <typename Body>
+void FailEveryAllocation(Body body) {
+    FailEveryAllocation(body, [](bool good) { EXPECT_FALSE(good) << "a failure does not show"; });
 }
 
 } // namespace rdx::test

@@ -39,7 +39,7 @@ int rDxGetAllocStatus(unsigned long* controlled, char*, char*, char*, void*) {
 }
 
 int rDxGetFirmwareRev(unsigned long* revision) {
-    *revision = 4711;
+    *revision = 815; // another one than the simulated device has
     return 0;
 }
 

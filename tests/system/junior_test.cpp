@@ -483,7 +483,7 @@ TEST_P(Junior, EndsByAnAddressThatStandsForAny) {
     }
 }
 
-// Answers that are whole in spite of what they look like. The connection ends on the server's side.
+// The answer is whole by its length; the server ends the connection.
 TEST_P(Junior, TakesAnAnswerOfAServerThatKeepsTheConnectionOpen) {
     JuniorServer server(GetParam(), kTaken, AdminServer::Then::StayOpen);
     ASSERT_TRUE(server.Start());

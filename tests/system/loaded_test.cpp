@@ -1,5 +1,5 @@
-// The library as an outside program sees it: loaded at run time, everything called and read by its plain
-// name, with the records written out here as such a program would.
+// The library as an outside program sees it: loaded at run time, what stands for each module called and read
+// by its plain name, with the records written out here as such a program would.
 
 #include <gtest/gtest.h>
 

@@ -44,6 +44,7 @@ std::optional<std::array<unsigned char, MAC_ADDRESS_SIZE>> everyAddress;
 // How many threads have to want a socket before any of them gets one, and how many do.
 std::atomic<int> socketsTogether = 0;
 std::atomic<int> socketsWanted = 0;
+std::atomic<int> shutDownHow = -1; // of the last socket that was shut down
 
 } // namespace
 
@@ -80,7 +81,14 @@ int __wrap_ioctl(int descriptor, unsigned long request, ...) {
 extern "C" int socket(int domain, int type, int protocol) noexcept {
     ++socketsWanted;
     EXPECT_TRUE(rdx::test::Eventually([] { return socketsWanted >= socketsTogether; }));
+    EXPECT_EQ(domain, AF_INET);
+    EXPECT_EQ(type & ~SOCK_CLOEXEC, SOCK_DGRAM);
     return static_cast<int>(syscall(SYS_socket, domain, type, protocol));
+}
+
+extern "C" int shutdown(int descriptor, int how) noexcept {
+    shutDownHow = how;
+    return static_cast<int>(syscall(SYS_shutdown, descriptor, how));
 }
 
 namespace rdx::test {
@@ -175,9 +183,11 @@ TEST_F(DeviceInfo, CopiesSixBytes) {
     std::array<unsigned char, MAC_ADDRESS_SIZE + 1> bytes;
     bytes.fill(0x55);
     const int shutDown = CallsOf("shutdown");
+    shutDownHow = -1;
     EXPECT_EQ(GetMacAddressByName("eth7", bytes.data()), 0);
     EXPECT_EQ(bytes, (std::array<unsigned char, 7>{0xDE, 0xAD, 0xBE, 0xEF, 0x01, 0x02, 0x55}));
     EXPECT_EQ(CallsOf("shutdown"), shutDown + 1);
+    EXPECT_EQ(shutDownHow, SHUT_RDWR);
 }
 
 TEST_F(DeviceInfo, AnswersAgainAfterItsSocketWasShutDown) {

@@ -368,6 +368,7 @@ TEST(AssertedMemCopy, AcceptsNothingAtAll) {
     EXPECT_EQ(output.Bytes("x", 0), 0);
     EXPECT_EQ(output.Written(), 0U);
     EXPECT_EQ(output.Content(), "##########");
+    EXPECT_EQ(Output(1).Bytes(nullptr, 0), -2) << "nothing needs the spare byte too";
 }
 
 TEST(AssertedMemCopy, ComparesLengthsThatNoPointerCouldHold) {

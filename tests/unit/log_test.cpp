@@ -21,6 +21,29 @@ TEST(Now2, IsTheTimeOfDay) {
     EXPECT_EQ(std::sscanf(stamp, "%2d:%2d:%2d", &hour, &minute, &second), 3) << stamp;
 }
 
+std::string LocalTimeOfDay() {
+    const time_t now = time(nullptr);
+    tm local;
+    char text[16];
+    std::strftime(text, sizeof text, "%H:%M:%S", localtime_r(&now, &local));
+    return text;
+}
+
+TEST(Now2, IsTheLocalTimeWhateverItsSize) {
+    setenv("TZ", "UTC-5:30", 1);
+    tzset();
+    std::string before, after;
+    char stamp[128];
+    do { // until no second ends meanwhile
+        before = LocalTimeOfDay();
+        Now2(stamp, 0);
+        after = LocalTimeOfDay();
+    } while (before != after);
+    EXPECT_EQ(stamp, before);
+    unsetenv("TZ");
+    tzset();
+}
+
 TEST(Now2, IsEmptyWhenTheTimeIsUnknown) {
     char stamp[128] = "before";
     const test::FailCall fault("localtime_r", 1, EOVERFLOW);
@@ -51,6 +74,21 @@ TEST(LogLines, GoToTheLogStreamAndAreFlushed) {
     std::fclose(outlog);
     outlog = nullptr;
     std::free(text);
+}
+
+TEST(LogLines, AreEachFlushed) {
+    const std::function<void()> forms[] = {[] { LogPlain("f()", "m", 1); }, [] { LogThread("f()", "m", 1); },
+                                           [] { LogString("f()", "m", "v"); }};
+    for (const auto& form : forms) {
+        char* text = nullptr;
+        std::size_t size = 0;
+        outlog = open_memstream(&text, &size);
+        form();
+        EXPECT_GT(size, 0U) << "a stream to memory tells its size when it is flushed";
+        std::fclose(outlog);
+        outlog = nullptr;
+        std::free(text);
+    }
 }
 
 TEST(Verbosity, IsComparedStrictly) {

@@ -17,6 +17,7 @@
 #include <csignal>
 #include <cstring>
 #include <dirent.h>
+#include <dlfcn.h>
 #include <pthread.h>
 #include <string>
 #include <sys/sem.h>
@@ -24,6 +25,18 @@
 #include <thread>
 #include <type_traits>
 #include <unistd.h>
+
+namespace {
+thread_local int policyAsked = -1; // the last scheduling policy that was asked for
+}
+
+// In the place of the system's own, to which the fault injection hands on.
+extern "C" int pthread_attr_setschedpolicy(pthread_attr_t* attributes, int policy) noexcept {
+    policyAsked = policy;
+    static const auto next =
+        reinterpret_cast<int (*)(pthread_attr_t*, int)>(dlsym(RTLD_NEXT, "pthread_attr_setschedpolicy"));
+    return next(attributes, policy);
+}
 
 namespace rdx {
 namespace {
@@ -300,6 +313,7 @@ TEST_F(ThreadCreateTest, AsksForTheRoundRobinPolicy) {
     ThreadID id = 0;
     Observe(service, id);
     EXPECT_EQ(CallsOf("pthread_attr_setschedpolicy"), before + 1);
+    EXPECT_EQ(policyAsked, SCHED_RR);
     End(service);
 }
 
@@ -613,6 +627,16 @@ TEST_F(SemaPTest, StaysTakenWhenTheHolderDies) {
     EXPECT_EQ(status, 0);
     EXPECT_EQ(Value(), 0);
     EXPECT_EQ(SemaP(key_, 1), -2);
+}
+
+TEST_F(SemaVTest, StaysGivenWhenTheGiverDies) {
+    ASSERT_EQ(SemaCreate(key_), 0);
+    const pid_t giver = fork();
+    if (giver == 0) _exit(SemaV(key_) == 0 ? 0 : 1);
+    int status = -1;
+    ASSERT_EQ(waitpid(giver, &status, 0), giver);
+    EXPECT_EQ(status, 0);
+    EXPECT_EQ(Value(), 2);
 }
 
 TEST_F(SemaVTest, GivesOneBack) {

@@ -205,7 +205,8 @@ TEST(GetMultipartCallData, RefusesARequestThatIsNotMultipartFirstOfAll) {
 }
 
 TEST(GetMultipartCallData, FreesTheArgumentsWhenALaterFieldFails) {
-    for (const std::string& last : {Part("x", "y"), Part("FunctionName", ""), Part("PostIt", "y")}) {
+    for (const std::string& last : {Part("x", "y"), Part("FunctionName", ""), Part("PostIt", "y"),
+                                    std::string("--B\r\nContent-Disposition: form-data; name=\"Fun")}) {
         test::Request request;
         request.Multipart("B").Body(kArgs + last);
         OwnedCall call;
@@ -220,6 +221,20 @@ TEST(GetMultipartCallData, LeavesTheArgumentsToTheCallerWhenALaterHeaderFails) {
     OwnedCall call;
     EXPECT_EQ(Take(request.get(), call), -2);
     EXPECT_STREQ(call.pszWddxArgs, "<packet/>");
+}
+
+TEST(GetMultipartCallData, LeavesTheArgumentsToTheCallerWhenItReturnsAtOnce) {
+    const std::pair<std::string, int> cases[] = {
+        {Part(std::string(65, 'n'), "x") + kEnd, -2},
+        {"--B\r\nContent-Disposition: form-data; name=\"PostIt\"", -7},
+    };
+    for (const auto& [last, code] : cases) {
+        test::Request request;
+        request.Multipart("B").Body(kArgs + last);
+        OwnedCall call;
+        EXPECT_EQ(Take(request.get(), call), code) << last;
+        EXPECT_STREQ(call.pszWddxArgs, "<packet/>") << last;
+    }
 }
 
 TEST(GetMultipartCallData, StaysInsideTheBodyAtEveryLength) {

@@ -1032,6 +1032,47 @@ TEST_F(RdxHttpMainTest, RestoresTheLogStreams) {
     }
 }
 
+TEST_F(RdxHttpMainTest, DumpsToTheLog) {
+    Child child([] {
+        ReplaceAll(VERBOSITY_WARN);
+        int closed = 0;
+        FILE* const log = CountingStream(&closed);
+        replaced.readIniFile = [log](const char*, const char*) {
+            outlog = log;
+            return 0;
+        };
+        replaced.dumpConfiguration = [log](FILE* stream) {
+            EXPECT_EQ(stream, log);
+            return 0;
+        };
+        return RunMain({});
+    });
+    EXPECT_EQ(child.Result(), 0);
+}
+
+TEST_F(RdxHttpMainTest, LeavesTheLogStreamsWhenItCannotServe) {
+    for (const int result : {-7, -9, -10}) {
+        Child child([result] {
+            ReplaceAll(VERBOSITY_WARN);
+            int closed = 0;
+            FILE* const log = CountingStream(&closed);
+            replaced.readIniFile = [log](const char*, const char*) {
+                outlog = log;
+                return 0;
+            };
+            replaced.dumpConfiguration = [](FILE*) { return 0; };
+            if (result == -7) replaced.initSockLib = [] { return 1; };
+            if (result == -9) replaced.createSrvSocket = [](const char*, int, int*) { return -1; };
+            if (result == -10) replaced.runHttpServer = [](unsigned, unsigned) { return 1; };
+            EXPECT_EQ(RunMain({}), result);
+            EXPECT_EQ(outlog, log);
+            EXPECT_EQ(closed, 0);
+            return 0;
+        });
+        EXPECT_EQ(child.Result(), 0) << result;
+    }
+}
+
 // The host may hold any lock by then.
 TEST_F(RdxHttpMainTest, OnlyNotesSignalsOnceItHasEnded) {
     Child child([] {

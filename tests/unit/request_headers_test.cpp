@@ -134,6 +134,15 @@ TEST_F(IsHeaderAvailableTest, AcceptsListsWithOneFreeEntry) {
     EXPECT_EQ(IsHeaderAvailable(&request_, "Name"), 0);
 }
 
+TEST_F(IsHeaderAvailableDeathTest, AssertsEveryCountBeforeItSearches) {
+    General("Name", "1");
+    request_.ucNumOfRequestHeaders = 14;
+    EXPECT_DEATH(IsHeaderAvailable(&request_, "Name"), Assertion("IsHeaderAvailable", "nHeaders < 14"));
+    request_.ucNumOfRequestHeaders = 0;
+    request_.ucNumOfEntityHeaders = 16;
+    EXPECT_DEATH(IsHeaderAvailable(&request_, "Name"), Assertion("IsHeaderAvailable", "nHeaders < 16"));
+}
+
 TEST_F(IsHeaderAvailableDeathTest, AssertsItsNameAndTheCounts) {
     const std::string function = "IsHeaderAvailable";
     EXPECT_DEATH(IsHeaderAvailable(&request_, nullptr), Assertion(function, "pszHeader != __null"));

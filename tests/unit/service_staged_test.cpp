@@ -588,14 +588,19 @@ TEST_F(OneStageTest, LogsNoRequestForTerminationOfAHandlerThatFailed) {
     }
 }
 
-TEST_F(OneStageTest, ServesARealMethod) {
-    constexpr const char* kArguments =
+// A call of rdxGetVersion, with `more` behind the method's name.
+std::string VersionCall(const std::string& more = "") {
+    const std::string arguments =
         "<wddxPacket version='1.0'><header/><data><struct><var name='version'><number>1</number></var>"
         "</struct></data></wddxPacket>";
+    return "POST /rDx?FunctionName=rdxGetVersion" + more +
+           " HTTP/1.1\r\nContent-length: " + std::to_string(arguments.size()) + "\r\n\r\n" + arguments;
+}
+
+TEST_F(OneStageTest, ServesARealMethod) {
     const CaptureStdout quiet;
     Serving serving;
-    Serve(serving, "POST /rDx?FunctionName=rdxGetVersion HTTP/1.1\r\nContent-length: " +
-                       std::to_string(std::strlen(kArguments)) + "\r\n\r\n" + kArguments);
+    Serve(serving, VersionCall());
     EXPECT_THAT(serving.Received(), HasSubstr("<number>100</number>"));
 }
 
@@ -663,9 +668,10 @@ TEST_F(TwoStagesTest, PostsARealMethodsResult) {
     Use(admin);
     const CaptureStdout quiet;
     Serving serving;
-    EXPECT_EQ(Serve(serving, Get("/rDx?FunctionName=rdxNoSuchMethod&SvcTicket=42")), 0);
+    EXPECT_EQ(Serve(serving, VersionCall("&SvcTicket=42")), 0);
     EXPECT_EQ(serving.Received(), kTicketAnswer);
-    EXPECT_THAT(admin.Request(), HasSubstr(" /VServer?FunctionName=vsFollowUp"));
+    EXPECT_THAT(admin.Request(), HasSubstr(" /VServer?FunctionName=vsFollowUpSuccess&SvcTicket=42 "));
+    EXPECT_THAT(admin.Request(), HasSubstr("<number>100</number>"));
 }
 
 TEST_F(TwoStagesTest, SendsTheTerminatorBehindAcknowledgeAndFollowUp) {
@@ -1366,6 +1372,8 @@ TEST_F(FinalizeRequestTest, SendsNothingWithoutAResponse) {
 }
 
 TEST_F(FinalizeRequestTest, FailsWithAResponseThatCannotBeWritten) {
+    ucVerbosity = VERBOSITY_LOG;
+    const CaptureStdout capture;
     Serving large;
     EXPECT_EQ(Finalize(large, MakeResponse(std::string(SERVICE_BUFFER_SIZE, 'x')), 0, 0, 1), -3);
     EXPECT_EQ(large.Received(), "");
@@ -1375,6 +1383,7 @@ TEST_F(FinalizeRequestTest, FailsWithAResponseThatCannotBeWritten) {
     response->ucHttpVersion = 9;
     EXPECT_EQ(Finalize(versionless, response, 0, 0, 1), -3);
     EXPECT_TRUE(versionless.IsClosed());
+    EXPECT_EQ(capture.Text(), "") << "nothing was sent";
 }
 
 TEST_F(FinalizeRequestTest, GivesTheResultOfAFailedSend) {

@@ -51,6 +51,8 @@ struct Replaced {
 };
 Replaced replaced;
 
+std::atomic<int> lastByte = -1; // of the last body that filled a whole output buffer
+
 } // namespace
 
 extern "C" {
@@ -64,6 +66,8 @@ int __real_usleep(useconds_t);
 int __wrap_usleep(useconds_t);
 int __real_ThreadCreate(void* (*)(void*), void*, ThreadID*);
 int __wrap_ThreadCreate(void* (*)(void*), void*, ThreadID*);
+int __real_CreateHttpResponse(HttpResponse**, unsigned short, const char*, const char*, unsigned int);
+int __wrap_CreateHttpResponse(HttpResponse**, unsigned short, const char*, const char*, unsigned int);
 
 int __wrap_rDxHandler(HttpRequest* request, char* out, unsigned long* length, unsigned char* terminate) {
     return replaced.handler ? replaced.handler(request, out, length, terminate)
@@ -80,6 +84,12 @@ int __wrap_select(int count, fd_set* read, fd_set* write, fd_set* except, timeva
 int __wrap_usleep(useconds_t microseconds) {
     if (replaced.pause) replaced.pause(microseconds);
     return __real_usleep(microseconds);
+}
+
+int __wrap_CreateHttpResponse(HttpResponse** response, unsigned short status, const char* type,
+                              const char* body, unsigned int length) {
+    if (length == SERVICE_BUFFER_SIZE) lastByte = static_cast<unsigned char>(body[length - 1]);
+    return __real_CreateHttpResponse(response, status, type, body, length);
 }
 
 int __wrap_ThreadCreate(void* (*body)(void*), void* arguments, ThreadID* thread) {
@@ -469,7 +479,9 @@ TEST_F(ServeClientTest, EndsAFullOutputWithANul) {
     };
     const CaptureStdout quiet;
     Serving serving;
+    lastByte = -1;
     EXPECT_EQ(Serve(serving, Get("/rDx")), -3) << "no room for the head";
+    EXPECT_EQ(lastByte, 0);
     EXPECT_TRUE(serving.IsClosed());
 }
 
@@ -1493,8 +1505,10 @@ TEST_F(RunHttpServerTest, GoesOnWhenAcceptFails) {
         ucTerminated = 0;
         LoopRun loop([threads](unsigned server) {
             const FailCall aborted("accept", 1, ECONNABORTED);
+            const int reports = CallsOf("strerror_r");
             const int result = RunHttpServer(server, threads);
             EXPECT_TRUE(aborted.Struck());
+            EXPECT_GT(CallsOf("strerror_r"), reports) << "the failure is reported";
             return result;
         });
         Client client = loop.Connect();
@@ -1502,6 +1516,49 @@ TEST_F(RunHttpServerTest, GoesOnWhenAcceptFails) {
         EXPECT_EQ(client.ReceiveAll(), kNotFoundAnswer);
         EXPECT_EQ(loop.Stop(), 0);
     }
+}
+
+TEST_F(RunHttpServerTest, ServesNobodyInThePassInWhichAcceptFails) {
+    auto listener = std::make_shared<test::Listener>();
+    const int server = listener->Socket();
+    std::atomic<bool> armed = false;
+    std::atomic<int> turn = 0;
+    std::atomic<std::size_t> servedInThatPass = 99;
+    replaced.select = [&](int count, fd_set* ready, timeval*) {
+        if (turn == 1) {
+            turn = 2;
+            servedInThatPass = static_cast<std::size_t>(Count(Text(), "Handling socket"));
+        }
+        timeval soon{0, 5000};
+        const int found = __real_select(count, ready, nullptr, nullptr, &soon);
+        if (found <= 0 || FD_ISSET(server, ready)) return found;
+        if (!armed) { // the request is not seen yet
+            FD_ZERO(ready);
+            return 0;
+        }
+        if (turn == 0) { // and now together with a connection that is not there
+            turn = 1;
+            FD_SET(server, ready);
+            return found + 1;
+        }
+        return found;
+    };
+    ucVerbosity = VERBOSITY_LOG;
+    LoopRun loop(
+        [](unsigned socket) {
+            const FailCall failing("accept", 2, EAGAIN); // the first one is the client's
+            const int result = RunHttpServer(socket, 1);
+            EXPECT_TRUE(failing.Struck());
+            return result;
+        },
+        listener);
+    Client client = loop.Connect();
+    client.Send(Get("/other", "close"));
+    ASSERT_TRUE(Eventually([&] { return Count(Text(), "accepted connection") > 0; }));
+    armed = true;
+    EXPECT_EQ(client.ReceiveAll(), kNotFoundAnswer);
+    EXPECT_EQ(servedInThatPass, 0U);
+    EXPECT_EQ(loop.Stop(), 0);
 }
 
 TEST_F(RunHttpServerTest, GoesOnWhenSelectFails) {
@@ -1599,24 +1656,36 @@ TEST_F(RunHttpServerTest, EndsWhenAHandlerAsksForIt) {
 }
 
 // The flag of one request must not be taken for the next one's.
+// Sets both requests of the slot that was used, on the loop's thread, once nobody serves.
 TEST_F(RunHttpServerTest, ClearsTheRequestsOfASlotBeforeItIsUsedAgain) {
-    std::atomic<int> calls = 0;
-    replaced.handler = [&](HttpRequest*, char*, unsigned long* length, unsigned char* terminate) {
-        EXPECT_EQ(*terminate, 0);
-        ++calls;
-        *length = 0;
-        return 0;
-    };
-    LoopRun loop(2);
-    for (int i = 0; i < 5; ++i) {
-        Client client = loop.Connect();
-        client.Send(Get("/rDx", "close"));
-        EXPECT_EQ(client.ReceiveAll(), Answer(kOk, ""));
-        ASSERT_TRUE(Serving(0));
+    for (const unsigned threads : {1U, 2U}) {
+        ucTerminated = 0;
+        std::atomic<unsigned char*> requests = nullptr; // ucTerminate and, behind it, ucReconfigure
+        std::atomic<bool> soiled = false;
+        int quietPasses = 0;
+        replaced.handler = [&](HttpRequest*, char*, unsigned long* length, unsigned char* terminate) {
+            EXPECT_EQ(terminate[0], 0);
+            EXPECT_EQ(terminate[1], 0);
+            requests = terminate;
+            *length = 0;
+            return 0;
+        };
+        replaced.pause = [&](useconds_t) {
+            if (requests == nullptr || NumOfThreads() != 0 || soiled || ++quietPasses < 5) return;
+            requests.load()[0] = requests.load()[1] = 1;
+            soiled = true;
+        };
+        LoopRun loop(threads);
+        for (int i = 0; i < 2; ++i) {
+            Client client = loop.Connect();
+            client.Send(Get("/rDx", "close"));
+            EXPECT_EQ(client.ReceiveAll(), Answer(kOk, ""));
+            ASSERT_TRUE(Eventually([&] { return soiled.load(); }));
+        }
+        EXPECT_EQ(LoadShared(ucTerminated), 0) << "nobody asked for it";
+        EXPECT_EQ(LoadShared(ucReconfigured), 0);
+        EXPECT_EQ(loop.Stop(), 0);
     }
-    EXPECT_EQ(calls, 5);
-    EXPECT_EQ(loop.Stop(), 0);
-    EXPECT_EQ(ucTerminated, 1);
 }
 
 TEST_F(RunHttpServerTest, EndsWhenNoThreadCanBeStarted) {

@@ -2,9 +2,9 @@
 // requests against a reader that takes every byte with a system call of its own, packets against libxml2,
 // responses against one snprintf.
 #include "common/config.h"
-#include "common/httpreq.h"
-#include "common/httpresp.h"
 #include "common/portability_sockets.h"
+#include "http/httpreq.h"
+#include "http/httpresp.h"
 #include "wddx/wddx.h"
 
 #include <benchmark/benchmark.h>

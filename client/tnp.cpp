@@ -3,9 +3,9 @@
 #include "common/check.h"
 #include "common/config.h"
 #include "common/memory.h"
-#include "common/owned_messages.h"
 #include "common/shared.h"
 #include "common/text.h"
+#include "http/owned_messages.h"
 
 #include <algorithm>
 #include <cstring>

@@ -11,7 +11,7 @@
 #define RDX_CLIENT_TNP_H
 
 #include "common/export.h"
-#include "common/httpreq.h"
+#include "http/httpreq.h"
 
 #ifdef __cplusplus
 extern "C" {

@@ -4,12 +4,13 @@ include(CMakePackageConfigHelpers)
 
 # Headers of exported names keep their folders below include/rDxsH.
 set(RDX_HEADERS
-  common/config.h common/export.h common/http.h common/httpreq.h common/httpresp.h common/log.h
-  common/mt.h common/portability.h common/portability_sockets.h common/signals.h
-  client/tnp.h
+  common/config.h common/export.h common/log.h common/mt.h common/portability.h
+  common/portability_sockets.h common/signals.h
+  http/http.h http/httpreq.h http/httpresp.h
   wddx/wddx.h
-  server/pdata.h server/rdxhttp.h server/service.h
-  rDxsd/auth.h rDxsd/device_info.h rDxsd/rDxSvcs.h rDxsd/rDxWddx.h rDxsd/rDxsd.h)
+  client/tnp.h
+  rDxsd/auth.h rDxsd/device_info.h rDxsd/pdata.h rDxsd/rDxSvcs.h rDxsd/rDxWddx.h rDxsd/rDxsd.h
+  server/rdxhttp.h server/service.h)
 foreach(header IN LISTS RDX_HEADERS)
   cmake_path(GET header PARENT_PATH folder)
   install(FILES ${PROJECT_SOURCE_DIR}/${header} DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/rDxsH/${folder})

@@ -1,8 +1,8 @@
-# rdx_module(NAME SOURCE... [DEPENDS MODULE...])
+# rdx_module(NAME FILE... [DEPENDS MODULE...])
 #
-# One module of the library as a static library `rdx_NAME`. Unit tests link these directly, with every
-# symbol in reach; `librDxsH.so` is made of the same objects. A module sees only what it depends on,
-# so a call upwards fails to link in its own test.
+# One module of the library as a static library `rdx_NAME`, made of its sources and headers. Unit tests link
+# these directly, with every symbol in reach; `librDxsH.so` is made of the same objects. A module names every
+# module whose headers it includes, and no other; a test holds that, and the order of the list.
 function(rdx_module name)
   cmake_parse_arguments(PARSE_ARGV 1 arg "" "" "DEPENDS")
   add_library(rdx_${name} STATIC EXCLUDE_FROM_ALL ${arg_UNPARSED_ARGUMENTS})
@@ -13,4 +13,8 @@ function(rdx_module name)
     target_link_libraries(rdx_${name} PUBLIC rdx_${dependency})
   endforeach()
   set_property(GLOBAL APPEND PROPERTY RDX_MODULES ${name})
+  # What the test of the floors reads.
+  list(JOIN arg_UNPARSED_ARGUMENTS " " files)
+  list(JOIN arg_DEPENDS " " dependencies)
+  set_property(GLOBAL APPEND_STRING PROPERTY RDX_MODULE_LIST "${name}: ${files}: ${dependencies}\n")
 endfunction()

@@ -1,7 +1,7 @@
 #include "common/config.h"
 
 #include "common/check.h"
-#include "common/method_names.h"
+#include "common/http_methods.h"
 #include "common/shared.h"
 #include "common/text.h"
 

@@ -8,7 +8,7 @@
 #define RDX_RDXSD_AUTH_H
 
 #include "common/export.h"
-#include "common/httpreq.h"
+#include "http/httpreq.h"
 
 #ifdef __cplusplus
 extern "C" {

@@ -3,9 +3,9 @@
 #define RDX_RDXSD_METHOD_H
 
 #include "rDxsd/device_text.h"
+#include "rDxsd/pdata.h"
 #include "rDxsd/rDxSvcs.h"
 #include "rDxsd/values.h"
-#include "server/pdata.h"
 
 #include <climits>
 #include <cstddef>

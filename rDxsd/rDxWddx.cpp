@@ -37,18 +37,6 @@ char* MoveDown(const char* from, const char* end, char* to) {
 
 } // namespace
 
-namespace rdx {
-
-bool SetMember(const OwnedValue& structure, const char* name, OwnedValue value) {
-    if (!structure || !value) return false;
-    wddxSetStructVar(structure.get(), name, value.get());
-    if (wddxGetStructVar(structure.get(), name) != value.get()) return false;
-    static_cast<void>(value.release()); // the structure's now
-    return true;
-}
-
-} // namespace rdx
-
 WddxValue* CreateWddxStatus(int code, int msg, WddxValue* params) {
     OwnedValue detail(params != nullptr ? params : wddxCreateNull());
     OwnedValue status(wddxCreateStruct());

@@ -12,8 +12,8 @@
 #define RDX_RDXSD_RDXSD_H
 
 #include "common/export.h"
-#include "common/httpreq.h"
-#include "server/pdata.h"
+#include "http/httpreq.h"
+#include "rDxsd/pdata.h"
 
 #ifdef __cplusplus
 extern "C" {

@@ -12,8 +12,8 @@
 #include "common/signal_windows.h"
 #include "rDxsd/rDxsd.h"
 #include "server/descriptors.h"
+#include "server/service_pool.h"
 #include "server/serving.h"
-#include "server/slots.h"
 
 #include <algorithm>
 #include <array>

@@ -13,9 +13,9 @@
 #define RDX_SERVER_SERVICE_H
 
 #include "common/export.h"
-#include "common/httpreq.h"
-#include "common/httpresp.h"
 #include "common/mt.h"
+#include "http/httpreq.h"
+#include "http/httpresp.h"
 
 #include <sys/select.h>
 

@@ -5,7 +5,7 @@
 #include "common/log_lines.h"
 #include "common/shared.h"
 #include "server/descriptors.h"
-#include "server/slots.h"
+#include "server/service_pool.h"
 
 #include <cstdint>
 

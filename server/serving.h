@@ -2,7 +2,7 @@
 #ifndef RDX_SERVER_SERVING_H
 #define RDX_SERVER_SERVING_H
 
-#include "common/owned_messages.h"
+#include "http/owned_messages.h"
 #include "server/service.h"
 
 namespace rdx {

@@ -21,7 +21,7 @@ sed -n '/^```c$/,/^```$/p' "$source/README.md" | sed '1d;$d' | diff "$source/exa
 # The headers are the exported ones, all of them, and each stands alone.
 include=$prefix/include/rDxsH
 (cd "$include" && find . -name '*.h' | sort) >"$work/installed"
-(cd "$source" && grep -l 'RDX_API\|define RDX_API' $(find ./common ./server ./client ./wddx ./rDxsd -name '*.h') |
+(cd "$source" && grep -l 'RDX_API\|define RDX_API' $(find ./common ./http ./server ./client ./wddx ./rDxsd -name '*.h') |
     xargs grep -l '^#ifdef __cplusplus\|define RDX_API' | sort) >"$work/exported"
 diff "$work/exported" "$work/installed" || fail "installed headers are not the exported ones"
 while read -r header; do

@@ -2,7 +2,7 @@
 #ifndef RDX_TESTS_SUPPORT_REQUEST_H
 #define RDX_TESTS_SUPPORT_REQUEST_H
 
-#include "common/httpreq.h"
+#include "http/httpreq.h"
 #include "tests/support/guarded.h"
 
 #include <cstring>

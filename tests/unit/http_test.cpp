@@ -1,6 +1,6 @@
-#include "common/http.h"
+#include "http/http.h"
 
-#include "common/header_list.h"
+#include "http/header_list.h"
 #include "tests/support/assertion.h"
 #include "tests/support/classifier.h"
 #include "tests/support/faults.h"
@@ -25,7 +25,7 @@ static_assert(offsetof(HttpHeader, value) == kPointer);
 static_assert(sizeof(HttpHeader) == 2 * kPointer);
 
 auto Assertion(const std::string& function, const std::string& text) {
-    return rdx::test::Assertion("common/http.cpp", function, text);
+    return rdx::test::Assertion("http/http.cpp", function, text);
 }
 
 class DeathTest : public testing::Test {

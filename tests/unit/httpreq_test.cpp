@@ -1,4 +1,4 @@
-#include "common/httpreq.h"
+#include "http/httpreq.h"
 
 #include "common/config.h"
 #include "common/log.h"
@@ -65,7 +65,7 @@ static_assert(sizeof(HttpRequest::aEntityHeaders) == 16 * sizeof(HttpHeader));
 static_assert(sizeof(HttpRequest::szPeerName) == 256);
 
 auto Assertion(const std::string& function, const std::string& text) {
-    return rdx::test::Assertion("common/httpreq.cpp", function, text);
+    return rdx::test::Assertion("http/httpreq.cpp", function, text);
 }
 
 // A request and what became of reading it.
@@ -296,7 +296,7 @@ TEST_F(ConsumeHttpRequestDeathTest, EndsTheProcessWhereAHeaderNameIsCutOff) {
         const ArrivedWire wire(prefix);
         HttpRequest* request = nullptr;
         EXPECT_DEATH(ConsumeHttpRequest(wire.Socket(), &request),
-                     rdx::test::Assertion("common/http.cpp", "AssignHeaderData", "pcolon != __null"))
+                     rdx::test::Assertion("http/http.cpp", "AssignHeaderData", "pcolon != __null"))
             << prefix;
     }
 }

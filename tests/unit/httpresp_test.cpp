@@ -1,4 +1,4 @@
-#include "common/httpresp.h"
+#include "http/httpresp.h"
 
 #include "common/config.h"
 #include "tests/support/assertion.h"
@@ -58,7 +58,7 @@ static_assert(sizeof(HttpResponse::aResponseHeaders) == 8 * sizeof(HttpHeader));
 static_assert(sizeof(HttpResponse::aEntityHeaders) == 16 * sizeof(HttpHeader));
 
 auto Assertion(const std::string& function, const std::string& text) {
-    return rdx::test::Assertion("common/httpresp.cpp", function, text);
+    return rdx::test::Assertion("http/httpresp.cpp", function, text);
 }
 
 // Frees record and contents, also of a list that has overflowed: its assertion is another test's matter.
@@ -601,7 +601,7 @@ TEST_F(ConsumeHttpResponseDeathTest, AssertsItsOutputAndWhatItMeets) {
     EXPECT_DEATH(consume("x"), Assertion("ParseHttpStatusLine", "len < (q - p)"));
     for (const char* headers : {"Date\r\n\r\n", "Date: d\r\nVia\r\n\r\n", "Date: d\r\n folded\r\n\r\n"}) {
         EXPECT_DEATH(consume(std::string(OK) + headers),
-                     rdx::test::Assertion("common/http.cpp", "AssignHeaderData", "pcolon != __null"));
+                     rdx::test::Assertion("http/http.cpp", "AssignHeaderData", "pcolon != __null"));
     }
     EXPECT_DEATH(consume(OK + Repeat("Via: v\r\n", 17) + "\r\n"),
                  Assertion("FreeHttpResponse", "pResponse->ucNumOfGeneralHeaders <= 16"));

@@ -1,4 +1,4 @@
-#include "common/httpreq.h"
+#include "http/httpreq.h"
 
 #include "tests/support/assertion.h"
 #include "tests/support/broken_requests.h"
@@ -138,7 +138,7 @@ TEST(ReadMultipartData, FindsNothingWithoutABody) {
 
 TEST_F(ReadMultipartDataDeathTest, AssertsItsArgumentsAndItsMemory) {
     const auto assertion = [](const char* text) {
-        return rdx::test::Assertion("common/multipart.cpp", "ReadMultipartData", text);
+        return rdx::test::Assertion("http/multipart.cpp", "ReadMultipartData", text);
     };
     char* data = nullptr;
     Request request;

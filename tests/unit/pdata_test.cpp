@@ -1,4 +1,4 @@
-#include "server/pdata.h"
+#include "rDxsd/pdata.h"
 
 #include "common/memory.h"
 #include "tests/support/assertion.h"
@@ -52,7 +52,7 @@ static_assert(offsetof(TavrinResponse, iStatus) == 8);
 static_assert(sizeof(void*) != 8 || offsetof(TavrinResponse, pszWddxResult) == 16);
 static_assert(sizeof(void*) != 8 || sizeof(TavrinResponse) == 24);
 
-constexpr const char* kSource = "server/pdata.cpp";
+constexpr const char* kSource = "rDxsd/pdata.cpp";
 
 struct OwnedCall : TavrinRequest {
     OwnedCall() : TavrinRequest{} {}

@@ -1,4 +1,4 @@
-#include "common/httpreq.h"
+#include "http/httpreq.h"
 
 #include "tests/support/assertion.h"
 #include "tests/support/faults.h"
@@ -15,7 +15,7 @@ using rdx::test::GuardedBytes;
 using rdx::test::Request;
 
 auto Assertion(const std::string& function, const std::string& text) {
-    return rdx::test::Assertion("common/query.cpp", function, text);
+    return rdx::test::Assertion("http/query.cpp", function, text);
 }
 
 class DeathTest : public testing::Test {

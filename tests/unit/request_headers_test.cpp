@@ -1,4 +1,4 @@
-#include "common/httpreq.h"
+#include "http/httpreq.h"
 
 #include "common/config.h"
 #include "tests/support/assertion.h"
@@ -16,7 +16,7 @@ namespace {
 using rdx::test::FailCall;
 
 auto Assertion(const std::string& function, const std::string& text) {
-    return rdx::test::Assertion("common/request_headers.cpp", function, text);
+    return rdx::test::Assertion("http/request_headers.cpp", function, text);
 }
 
 // A request whose headers a test puts together.

@@ -1,4 +1,4 @@
-#include "common/httpreq.h"
+#include "http/httpreq.h"
 
 #include "common/config.h"
 #include "tests/support/assertion.h"
@@ -546,7 +546,7 @@ using SendHttpRequestDeathTest = SendHttpRequestTest;
 
 TEST_F(SendHttpRequestDeathTest, AssertsItsArguments) {
     const auto assertion = [](const char* text) {
-        return rdx::test::Assertion("common/request_writer.cpp", "SendHttpRequest", text);
+        return rdx::test::Assertion("http/request_writer.cpp", "SendHttpRequest", text);
     };
     Request request;
     HttpResponse* response = nullptr;

@@ -260,7 +260,7 @@ TEST_F(BuildDeathTest, AssertsMemoryForUriAndBody) {
 TEST_F(BuildDeathTest, AssertsAHost) {
     HttpRequest request;
     EXPECT_DEATH(BuildTavrinRequest(&request, nullptr, "f", "x"),
-                 Assertion("common/request_headers.cpp", "AddHeader2Request", "pHeader->value != __null"));
+                 Assertion("http/request_headers.cpp", "AddHeader2Request", "pHeader->value != __null"));
 }
 
 // Calling -----------------------------------------------------------------------------------------------

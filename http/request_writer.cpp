@@ -1,10 +1,10 @@
 // Writing a request, for a server or for a person to look at, and sending it.
 #include "common/check.h"
-#include "common/httpreq.h"
 #include "common/memory.h"
-#include "common/message_writer.h"
 #include "common/portability_sockets.h"
-#include "common/request_lists.h"
+#include "http/httpreq.h"
+#include "http/message_writer.h"
+#include "http/request_lists.h"
 
 #include <algorithm>
 #include <iterator>

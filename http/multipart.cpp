@@ -1,7 +1,7 @@
 // The parts of a multipart/form-data body.
 #include "common/check.h"
-#include "common/httpreq.h"
 #include "common/memory.h"
+#include "http/httpreq.h"
 
 #include <string_view>
 

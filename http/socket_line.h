@@ -1,9 +1,9 @@
 // One line of a message as it is read from a socket.
-#ifndef RDX_COMMON_SOCKET_LINE_H
-#define RDX_COMMON_SOCKET_LINE_H
+#ifndef RDX_HTTP_SOCKET_LINE_H
+#define RDX_HTTP_SOCKET_LINE_H
 
-#include "common/http.h"
 #include "common/portability_sockets.h"
+#include "http/http.h"
 
 #include <cstddef>
 #include <string_view>

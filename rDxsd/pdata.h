@@ -8,11 +8,11 @@
  *   - Every function works on its arguments only and may run on several threads at once.
  *   - A broken precondition, where one is named, ends the process by assertion.
  */
-#ifndef RDX_SERVER_PDATA_H
-#define RDX_SERVER_PDATA_H
+#ifndef RDX_RDXSD_PDATA_H
+#define RDX_RDXSD_PDATA_H
 
 #include "common/export.h"
-#include "common/httpreq.h"
+#include "http/httpreq.h"
 #include "wddx/wddx.h"
 
 #ifdef __cplusplus

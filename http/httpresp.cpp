@@ -1,14 +1,14 @@
-#include "common/httpresp.h"
+#include "http/httpresp.h"
 
 #include "common/check.h"
 #include "common/config.h"
-#include "common/header_list.h"
 #include "common/memory.h"
-#include "common/message_writer.h"
 #include "common/portability_sockets.h"
 #include "common/shared.h"
-#include "common/socket_line.h"
 #include "common/text.h"
+#include "http/header_list.h"
+#include "http/message_writer.h"
+#include "http/socket_line.h"
 
 #include <algorithm>
 #include <array>

@@ -1,4 +1,4 @@
-#include "server/pdata.h"
+#include "rDxsd/pdata.h"
 
 #include "common/check.h"
 #include "common/memory.h"

@@ -1,17 +1,17 @@
-#include "common/httpreq.h"
+#include "http/httpreq.h"
 
 #include "common/check.h"
 #include "common/config.h"
+#include "common/http_methods.h"
 #include "common/log.h"
 #include "common/log_lines.h"
 #include "common/memory.h"
-#include "common/method_names.h"
-#include "common/owned_messages.h"
 #include "common/portability_sockets.h"
-#include "common/request_lists.h"
 #include "common/shared.h"
-#include "common/socket_line.h"
 #include "common/text.h"
+#include "http/owned_messages.h"
+#include "http/request_lists.h"
+#include "http/socket_line.h"
 
 #include <algorithm>
 #include <arpa/inet.h>

@@ -10,12 +10,12 @@
  *   meanwhile.
  * Null records, texts and outputs are not accepted unless said so.
  */
-#ifndef RDX_COMMON_HTTPREQ_H
-#define RDX_COMMON_HTTPREQ_H
+#ifndef RDX_HTTP_HTTPREQ_H
+#define RDX_HTTP_HTTPREQ_H
 
 #include "common/export.h"
-#include "common/http.h"
-#include "common/httpresp.h"
+#include "http/http.h"
+#include "http/httpresp.h"
 
 #ifdef __cplusplus
 extern "C" {

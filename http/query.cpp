@@ -1,7 +1,7 @@
 // The query string of a request's URI.
 #include "common/check.h"
-#include "common/httpreq.h"
 #include "common/text.h"
+#include "http/httpreq.h"
 
 #include <cstring>
 #include <optional>

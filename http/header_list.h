@@ -3,10 +3,10 @@
 // A message keeps each class of headers in a fixed array with an 8-bit count beside it. The count goes on
 // rising when the array is full, because the Free functions take it as the sign of a hostile message; so
 // everything that walks over a list goes through Held(), which never leaves the array.
-#ifndef RDX_COMMON_HEADER_LIST_H
-#define RDX_COMMON_HEADER_LIST_H
+#ifndef RDX_HTTP_HEADER_LIST_H
+#define RDX_HTTP_HEADER_LIST_H
 
-#include "common/http.h"
+#include "http/http.h"
 
 #include <cstddef>
 #include <span>

@@ -1,8 +1,8 @@
 // Writing a message into a caller's buffer.
-#ifndef RDX_COMMON_MESSAGE_WRITER_H
-#define RDX_COMMON_MESSAGE_WRITER_H
+#ifndef RDX_HTTP_MESSAGE_WRITER_H
+#define RDX_HTTP_MESSAGE_WRITER_H
 
-#include "common/http.h"
+#include "http/http.h"
 
 namespace rdx {
 

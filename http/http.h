@@ -9,8 +9,8 @@
  *   reads that as a C string.
  * Threads: the tables are constant and the functions keep no state, so they are safe on data of one's own.
  */
-#ifndef RDX_COMMON_HTTP_H
-#define RDX_COMMON_HTTP_H
+#ifndef RDX_HTTP_HTTP_H
+#define RDX_HTTP_HTTP_H
 
 #include "common/export.h"
 

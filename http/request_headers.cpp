@@ -1,11 +1,11 @@
 // Searching and filling a request's header lists, and the credentials that one of the headers carries.
 #include "common/check.h"
 #include "common/config.h"
-#include "common/httpreq.h"
 #include "common/memory.h"
-#include "common/request_lists.h"
 #include "common/shared.h"
 #include "common/text.h"
+#include "http/httpreq.h"
+#include "http/request_lists.h"
 
 #include <algorithm>
 

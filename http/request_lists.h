@@ -1,9 +1,9 @@
 // The header lists of a request, in the order in which lines are tried and headers are searched.
-#ifndef RDX_COMMON_REQUEST_LISTS_H
-#define RDX_COMMON_REQUEST_LISTS_H
+#ifndef RDX_HTTP_REQUEST_LISTS_H
+#define RDX_HTTP_REQUEST_LISTS_H
 
-#include "common/header_list.h"
-#include "common/httpreq.h"
+#include "http/header_list.h"
+#include "http/httpreq.h"
 
 #include <array>
 

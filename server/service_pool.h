@@ -11,8 +11,8 @@
 // takes itself out of the number in it, the ending loop marks it as ended and learns how many are left. A
 // thread that was first also leaves nThreads, and the loop waits for the few instructions that takes
 // (`leaving_`); the others are taken out by the loop.
-#ifndef RDX_SERVER_SLOTS_H
-#define RDX_SERVER_SLOTS_H
+#ifndef RDX_SERVER_SERVICE_POOL_H
+#define RDX_SERVER_SERVICE_POOL_H
 
 #include "server/service.h"
 

@@ -1,9 +1,9 @@
 // Requests and responses with one owner.
-#ifndef RDX_COMMON_OWNED_MESSAGES_H
-#define RDX_COMMON_OWNED_MESSAGES_H
+#ifndef RDX_HTTP_OWNED_MESSAGES_H
+#define RDX_HTTP_OWNED_MESSAGES_H
 
-#include "common/httpreq.h"
-#include "common/httpresp.h"
+#include "http/httpreq.h"
+#include "http/httpresp.h"
 
 #include <cstdlib>
 #include <memory>

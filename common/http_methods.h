@@ -1,6 +1,6 @@
 // The HTTP methods that the server knows, by the index that settings and requests hold.
-#ifndef RDX_COMMON_METHOD_NAMES_H
-#define RDX_COMMON_METHOD_NAMES_H
+#ifndef RDX_COMMON_HTTP_METHODS_H
+#define RDX_COMMON_HTTP_METHODS_H
 
 #include <array>
 

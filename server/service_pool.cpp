@@ -1,4 +1,4 @@
-#include "server/slots.h"
+#include "server/service_pool.h"
 
 #include "common/mt_internal.h"
 #include "common/shared.h"

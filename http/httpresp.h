@@ -7,11 +7,11 @@
  * thread at a time. The settings that are read here may be rewritten meanwhile. Null records, texts and
  * outputs are not accepted unless said so.
  */
-#ifndef RDX_COMMON_HTTPRESP_H
-#define RDX_COMMON_HTTPRESP_H
+#ifndef RDX_HTTP_HTTPRESP_H
+#define RDX_HTTP_HTTPRESP_H
 
 #include "common/export.h"
-#include "common/http.h"
+#include "http/http.h"
 
 #ifdef __cplusplus
 extern "C" {

@@ -1,9 +1,9 @@
-#include "common/http.h"
+#include "http/http.h"
 
 #include "common/check.h"
-#include "common/header_list.h"
 #include "common/memory.h"
 #include "common/text.h"
+#include "http/header_list.h"
 
 #include <algorithm>
 #include <cstring>

@@ -486,14 +486,6 @@ int WriteSocket(int hSocket, const void* pData, unsigned int uiLength) {
     return written;
 }
 
-int ReportSocketError(const char* /*szFunction*/, const char* /*szMessage*/) {
-    const int error = errno;
-    char text[128];
-    static_cast<void>(strerror_r(error, text, sizeof text));
-    errno = error;
-    return error;
-}
-
 int DumpClientSocket(FILE* stream, const char* szFunction, int hClient, const sockaddr_in* pClient) {
     char stamp[128];
     unsigned char address[4];

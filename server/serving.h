@@ -17,8 +17,10 @@ inline constexpr const char* kNotAllowedPage = "<HTML><BODY>Method not allowed</
 inline constexpr const char* kInternalErrorPage = "<HTML><BODY>Internal Server Error</BODY></HTML>";
 inline constexpr const char* kOutOfResourcesPage = "<HTML><BODY>Out of Resources</BODY></HTML>";
 
-// Reads a request: ConsumeHttpRequest's result, or 0 when the peer closed before it sent anything. That would
-// look like a request that begins with an empty line, which is answered; here nobody asked.
+// Reads a request: ConsumeHttpRequest's result, or kNobodyThere when the peer closed before it sent anything.
+// Such a connection looks like a request that begins with an empty line, or like one without credentials, which
+// are answered; here nobody asked.
+inline constexpr int kNobodyThere = 0;
 int ReadRequest(int socket, OwnedRequest& request);
 
 // True when per-connection and per-thread tracing is wanted.

@@ -185,7 +185,9 @@ TEST_F(CreateSrvSocketTest, KnowsTheHighestPort) {
     Socket server;
     const int result = CreateSrvSocket("65535", 5, server.Out());
     EXPECT_TRUE(result == 0 || result == -5) << "another program may have it";
-    if (result == 0) EXPECT_EQ(PortOf(server), 65535);
+    if (result == 0) {
+        EXPECT_EQ(PortOf(server), 65535);
+    }
 }
 
 TEST_F(CreateSrvSocketTest, TakesAServiceThatItsOffsetMovesBeyondThePortsForNoPort) {

@@ -80,8 +80,8 @@ bool IsOnlyToBeClosed(int socket) {
     return rdx::LookAtPeer(socket) != rdx::Peer::kThere && rdx::IsDelivered(socket);
 }
 
-// Connections that found every thread busy. The loop never queues: they stay open and unwatched, neither served
-// nor closed, for as long as their clients are there.
+// Connections that found every thread busy. The loop never queues: they stay open and unwatched, neither
+// served nor closed, for as long as their clients are there.
 class UnservedConnections {
 public:
     void Add(int socket) {
@@ -246,9 +246,9 @@ private:
     int server_;
     ServiceCall* slots_;
     int slotCount_;
-    rdx::ServicePool* pool_;      // null in the single-threaded server
-    fd_set ownSet_{};             // the watched set of the single-threaded server
-    fd_set& watched_;             // the listening socket and the idle connections
+    rdx::ServicePool* pool_; // null in the single-threaded server
+    fd_set ownSet_{};        // the watched set of the single-threaded server
+    fd_set& watched_;        // the listening socket and the idle connections
     UnservedConnections unserved_;
     int count_;                   // descriptors looked at
     int limit_;                   // a connection with this descriptor or a higher one is closed at once
@@ -330,8 +330,8 @@ int BuildPage(const ErrorPage& page, HttpResponse** response) {
     return built;
 }
 
-// Writes a response out and sends it, and releases it. The bytes sent, SERVICE_NOT_WRITTEN, or what SendSocket
-// returned.
+// Writes a response out and sends it, and releases it. The bytes sent, SERVICE_NOT_WRITTEN, or what
+// SendSocket returned.
 int SendResponse(int socket, rdx::OwnedResponse response, std::span<char> buffer) {
     const int length =
         SerializeHttpResponse(response.get(), buffer.data(), static_cast<unsigned int>(buffer.size()));

@@ -31,13 +31,13 @@ enum { SERVICE_FREE = -1, SERVICE_RUNNING = 1, SERVICE_FINISHED = 2 };
 
 /* Results of a service that are no numbers of bytes sent. */
 enum {
-    SERVICE_FOLLOWED_UP = 0,        /* junior mode: the administration server took the result */
-    SERVICE_NO_REQUEST = -1,        /* nothing was asked, and nothing sent */
-    SERVICE_NOT_BUILT = -2,         /* no response, or no follow-up, could be made */
-    SERVICE_NOT_WRITTEN = -3,       /* the response could not be written out, or was not sent whole */
-    SERVICE_NOT_CONNECTED = -3,     /* junior mode: the administration server was not reached */
-    SERVICE_NOT_ANSWERED = -4,      /* the follow-up was not sent or not answered */
-    SERVICE_FOLLOW_UP_REFUSED = -5  /* or answered with another status than 200 */
+    SERVICE_FOLLOWED_UP = 0,       /* junior mode: the administration server took the result */
+    SERVICE_NO_REQUEST = -1,       /* nothing was asked, and nothing sent */
+    SERVICE_NOT_BUILT = -2,        /* no response, or no follow-up, could be made */
+    SERVICE_NOT_WRITTEN = -3,      /* the response could not be written out, or was not sent whole */
+    SERVICE_NOT_CONNECTED = -3,    /* junior mode: the administration server was not reached */
+    SERVICE_NOT_ANSWERED = -4,     /* the follow-up was not sent or not answered */
+    SERVICE_FOLLOW_UP_REFUSED = -5 /* or answered with another status than 200 */
 };
 
 /* Results of RunHttpServer and InitializeThreads. */
@@ -86,16 +86,16 @@ extern RDX_API unsigned char ucTerminated;
  * with a limit of 1 (or 0) they are served one after the other on the calling thread. At the end every
  * watched connection is closed; a request in service is answered and its connection closed by its thread.
  * A connection that would take one of the process's last eight descriptors (of a small table the last
- * quarter), or one from FD_SETSIZE on, is closed when accepted. One that is ready when all threads are busy is
- * not watched any more and stays open until its client has closed its side, or the loop ends.
- * Returns SERVICE_LOOP_ENDED; SERVICE_LOOP_NOT_SET_UP, also when `hServerSocket` is FD_SETSIZE or more.
+ * quarter), or one from FD_SETSIZE on, is closed when accepted. One that is ready when all threads are busy
+ * is not watched any more and stays open until its client has closed its side, or the loop ends. Returns
+ * SERVICE_LOOP_ENDED; SERVICE_LOOP_NOT_SET_UP, also when `hServerSocket` is FD_SETSIZE or more.
  */
 RDX_API int RunHttpServer(unsigned int hServerSocket, unsigned int nThreadLimit);
 
 /*
  * Starts the thread library and makes `nSlots` free slots (at most FD_SETSIZE: no more connections can be
- * in service). Returns SERVICE_THREADS_READY; SERVICE_NO_THREAD_LIBRARY; SERVICE_NO_SLOTS when memory is short or
- * `nSlots` is below 1.
+ * in service). Returns SERVICE_THREADS_READY; SERVICE_NO_THREAD_LIBRARY; SERVICE_NO_SLOTS when memory is
+ * short or `nSlots` is below 1.
  */
 RDX_API int InitializeThreads(int nSlots);
 
@@ -144,19 +144,19 @@ RDX_API int HandleRequest(HttpRequest* pReq, char* pBuf, unsigned int* pLen, uns
 
 /*
  * Serves one request: reads it, has it handled, answers it and ends with ServeClientDone. Does not return
- * on a serving thread. The result is the service's status as an integer: the bytes sent, a result SERVICE_, or
- * what SendSocket returned. Ends the process by assertion when the slot is null, has no watched set or is not in
- * service.
+ * on a serving thread. The result is the service's status as an integer: the bytes sent, a result SERVICE_,
+ * or what SendSocket returned. Ends the process by assertion when the slot is null, has no watched set or is
+ * not in service.
  */
 RDX_API void* ServeClient(ServiceCall* pArgs);
 
 /*
  * Serves one request in junior mode. Without a "SvcTicket" in the query it is handled and answered; with one
  * it is acknowledged at once, then handled, and the result is posted to the administration server. Statuses
- * and bodies differ from ServeClient's where a request is bad or not authorised, as clients of junior mode expect
- * them, and the connection is kept by what the slot's flag says, not the request's. Does not return on a serving
- * thread. The result is the service's status as an integer: the bytes of the response sent, or a result SERVICE_.
- * Keeps some 400 KB on the stack. Ends the process by assertion as ServeClient does.
+ * and bodies differ from ServeClient's where a request is bad or not authorised, as clients of junior mode
+ * expect them, and the connection is kept by what the slot's flag says, not the request's. Does not return on
+ * a serving thread. The result is the service's status as an integer: the bytes of the response sent, or a
+ * result SERVICE_. Keeps some 400 KB on the stack. Ends the process by assertion as ServeClient does.
  */
 RDX_API void* ServeClientInStages(ServiceCall* pArgs);
 
@@ -170,8 +170,8 @@ RDX_API void* ServeClientInStages(ServiceCall* pArgs);
  *   pArgs       not used
  *   ucKeepAlive not 0: a connection that was answered is kept
  * Returns the bytes sent, `iSvcStat` when that is below 0, SERVICE_NOT_BUILT when there is no response,
- * SERVICE_NOT_WRITTEN, or what SendSocket returned. Ends the process by assertion when a response or buffer that
- * is needed is null, or the status comes out as 0.
+ * SERVICE_NOT_WRITTEN, or what SendSocket returned. Ends the process by assertion when a response or buffer
+ * that is needed is null, or the status comes out as 0.
  */
 RDX_API int FinalizeRequest(HttpRequest* pReq, HttpResponse* pRsp, int iRspStatus, char* pRspBuf,
                             int iSvcStat, ServiceCall* pSvc, ServiceCall* pArgs, unsigned char ucKeepAlive);

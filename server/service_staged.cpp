@@ -71,8 +71,8 @@ struct Page {
     const char* body;
 };
 
-// The pages for requests that could not be read, by the result of reading. They differ from the direct body's:
-// clients of junior mode take a bad request line or header for an internal error.
+// The pages for requests that could not be read, by the result of reading. They differ from the direct
+// body's: clients of junior mode take a bad request line or header for an internal error.
 struct UnreadPage {
     int result;
     Page page;
@@ -80,7 +80,8 @@ struct UnreadPage {
 constexpr UnreadPage kUnreadPages[] = {
     {kNobodyThere, {HTTP_STATUS_BAD_REQUEST, kBadRequestPage}},
     {-HTTP_STATUS_UNAUTHORIZED, {HTTP_STATUS_UNAUTHORIZED, kUnauthorizedPage}},
-    // No reader of this library gives it; a program that puts a reader of its own in the place of this one does.
+    // No reader of this library gives it; a program that puts a reader of its own in the place of this one
+    // does.
     {PDATA_NOT_MULTIPART, {HTTP_STATUS_BAD_REQUEST, kInvalidRequestPage}},
     {-HTTP_STATUS_METHOD_NOT_ALLOWED, {HTTP_STATUS_METHOD_NOT_ALLOWED, kNotAllowedPage}},
 };
@@ -190,15 +191,15 @@ private:
     int status_ = SERVICE_NO_REQUEST;
 };
 
-// The local port of follow-ups: the one behind the service's. A service that is named instead of numbered gives
-// port 1, on which the administrators' filters count.
+// The local port of follow-ups: the one behind the service's. A service that is named instead of numbered
+// gives port 1, on which the administrators' filters count.
 std::int64_t FollowUpPort() {
     const SharedText service(szConfigSvcPort);
     return std::int64_t{ParseDecimal(service.View())} + 1;
 }
 
-// Connects to the administration server. Follow-ups share the local port: one that starts while another is under
-// way fails, and its result is lost; the server never queues.
+// Connects to the administration server. Follow-ups share the local port: one that starts while another is
+// under way fails, and its result is lost; the server never queues.
 bool ConnectToAdmin(OwnedSocket& admin) {
     const SharedText local(szConfigSvcAddr);
     const SharedText host(szAdminServerHost);
@@ -206,8 +207,8 @@ bool ConnectToAdmin(OwnedSocket& admin) {
     const auto remotePort = UsablePort(LoadShared(uiAdminServerPort));
     // Port 0 leaves the choice to the system.
     if (localPort < 0 || localPort > kHighestPort || !remotePort) return false;
-    return CreateClntSocketExt(local.c_str(), static_cast<unsigned short>(localPort), host.c_str(), *remotePort,
-                               admin.Out()) == 0;
+    return CreateClntSocketExt(local.c_str(), static_cast<unsigned short>(localPort), host.c_str(),
+                               *remotePort, admin.Out()) == 0;
 }
 
 // "/VServer" and what follows the first segment of the URI.
@@ -227,7 +228,8 @@ int StagedService::SendFollowUp(const char* command, const char* body) {
     if (BuildTavrinRequestExt(&stFollowUpRqst, host.c_str(), command, body, 1) != TNP_BUILT) {
         return SERVICE_NOT_BUILT;
     }
-    RDX_CHECK_FOR(kServeClientInStages, kUriSize > std::strlen(stFollowUpRqst.pszUri), "sizeof( szUri ) > strlen( stFollowUpRqst.pszUri )");
+    RDX_CHECK_FOR(kServeClientInStages, kUriSize > std::strlen(stFollowUpRqst.pszUri),
+                  "sizeof( szUri ) > strlen( stFollowUpRqst.pszUri )");
     RDX_CHECK_FOR(kServeClientInStages, *stFollowUpRqst.pszUri == '/', "*p == '/'");
     OwnedText uri = RewriteUri(stFollowUpRqst.pszUri);
     if (!uri) return SERVICE_NOT_BUILT;
@@ -248,7 +250,8 @@ int StagedService::SendFollowUp(const char* command, const char* body) {
 void* ServeClientInStages(ServiceCall* pArgs) {
     RDX_CHECK_FOR(kServeClientInStages, pArgs != nullptr, "pArgs != __null");
     RDX_CHECK_FOR(kServeClientInStages, pArgs->pFdSet != nullptr, "pArgs->pFdSet != __null");
-    RDX_CHECK_FOR(kServeClientInStages, LoadShared(pArgs->iSvcStatus) == SERVICE_RUNNING, "pArgs->iSvcStatus == 1");
+    RDX_CHECK_FOR(kServeClientInStages, LoadShared(pArgs->iSvcStatus) == SERVICE_RUNNING,
+                  "pArgs->iSvcStatus == 1");
     int status;
     ThreadID thread;
     {

@@ -18,8 +18,8 @@ inline constexpr const char* kInternalErrorPage = "<HTML><BODY>Internal Server E
 inline constexpr const char* kOutOfResourcesPage = "<HTML><BODY>Out of Resources</BODY></HTML>";
 
 // Reads a request: ConsumeHttpRequest's result, or kNobodyThere when the peer closed before it sent anything.
-// Such a connection looks like a request that begins with an empty line, or like one without credentials, which
-// are answered; here nobody asked.
+// Such a connection looks like a request that begins with an empty line, or like one without credentials,
+// which are answered; here nobody asked.
 inline constexpr int kNobodyThere = 0;
 int ReadRequest(int socket, OwnedRequest& request);
 

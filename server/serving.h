@@ -3,6 +3,7 @@
 #define RDX_SERVER_SERVING_H
 
 #include "http/owned_messages.h"
+#include "http/pages.h"
 #include "server/service.h"
 
 namespace rdx {
@@ -11,7 +12,6 @@ inline constexpr const char* kContentType = "text/html"; // of every response
 
 inline constexpr const char* kInvalidRequestPage = "<HTML><BODY>Invalid Request</BODY></HTML>";
 inline constexpr const char* kBadRequestPage = "<HTML><BODY>Bad Request</BODY></HTML>";
-inline constexpr const char* kUnauthorizedPage = "<HTML><BODY>Unauthorized</BODY></HTML>";
 inline constexpr const char* kNotFoundPage = "<HTML><BODY>Not Found</BODY></HTML>";
 inline constexpr const char* kNotAllowedPage = "<HTML><BODY>Method not allowed</BODY></HTML>";
 inline constexpr const char* kInternalErrorPage = "<HTML><BODY>Internal Server Error</BODY></HTML>";

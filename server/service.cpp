@@ -10,6 +10,7 @@
 #include "common/portability_sockets.h"
 #include "common/shared.h"
 #include "common/signal_windows.h"
+#include "http/pages.h"
 #include "rDxsd/rDxsd.h"
 #include "server/descriptors.h"
 #include "server/service_pool.h"

@@ -18,6 +18,8 @@
 #include "common/ports.h"
 #include "common/shared.h"
 #include "common/text.h"
+#include "http/pages.h"
+#include "rDxsd/pdata.h"
 #include "server/serving.h"
 
 #include <algorithm>

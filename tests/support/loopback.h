@@ -68,6 +68,16 @@ public:
         if (socket_ >= 0) close(std::exchange(socket_, -1));
     }
 
+    // Closes with a reset in place of an orderly end.
+    void Reset() {
+        const linger atOnce{1, 0};
+        ASSERT_EQ(setsockopt(socket_, SOL_SOCKET, SO_LINGER, &atOnce, sizeof atOnce), 0);
+        Close();
+    }
+
+    // Sends no more, and still receives.
+    void EndSending() { ASSERT_EQ(shutdown(socket_, SHUT_WR), 0); }
+
 private:
     // The result of one recv; 0 when the server has closed or does not send in time.
     ssize_t ReceiveInto(std::string& received, std::size_t most) {

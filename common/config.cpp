@@ -1,7 +1,11 @@
 #include "common/config.h"
 
 #include "common/check.h"
+#include "common/entity_terminator.h"
+#include "common/files.h"
 #include "common/http_methods.h"
+#include "common/log_lines.h"
+#include "common/settings.h"
 #include "common/shared.h"
 #include "common/text.h"
 
@@ -9,28 +13,25 @@
 #include <array>
 #include <cstring>
 #include <iterator>
-#include <memory>
+#include <optional>
+#include <sched.h>
 #include <span>
 #include <string_view>
 
-char szClientAddresses[CONFIG_ADDRESSES_SIZE] = "127.0.0.1";
-unsigned char ucProtocolVersion = 11;
-unsigned char ucEntityTerminator = 0;
-char szEntityTerminator[CONFIG_TERMINATOR_SIZE] = "";
-unsigned char ucAuthRequired = 0;
-char szConfigAuthInfo[CONFIG_AUTH_INFO_SIZE] = "";
-char szConfigAuthRealm[CONFIG_AUTH_REALM_SIZE] = "Tavrin";
-char szConfigSvcPort[CONFIG_PORT_SIZE] = "www";
-char szConfigSvcAddr[CONFIG_ADDRESS_SIZE] = "127.0.0.1";
+#define TEXT(global, size, standard, ...) char global[size] = standard;
+#define BYTE(global, standard, ...) unsigned char global = standard;
+#define NUMBER(global, standard, ...) unsigned int global = standard;
+#define LIST(...)
+#define ELSEWHERE(...)
+#include "common/settings.def"
+#undef TEXT
+#undef BYTE
+#undef NUMBER
+#undef LIST
+#undef ELSEWHERE
+
 int aiMethodsAllowed[CONFIG_METHODS] = {};
-char szConfigLogfile[CONFIG_PATH_SIZE] = "";
-unsigned char ucSupportNetscapeVM = 0;
-char szConfigVoltageFile[CONFIG_PATH_SIZE] = "";
-unsigned int uiVoltageMaxAge = 120;
-unsigned char ucVoltageFromCar = 0;
-unsigned char ucLocalAccessAllowed = 0;
 char szMorbelRemoteHost[CONFIG_REMOTE_HOST_SIZE] = "";
-unsigned char ucSemaProtection = 0;
 unsigned char ucRunAsJunior = 0;
 char szAuthInfo[CONFIG_CREDENTIALS_SIZE] = "";
 char szAdminServerHost[CONFIG_ADMIN_HOST_SIZE] = "";
@@ -44,173 +45,298 @@ const unsigned int uiBuildNumber = 418;
 
 namespace {
 
-static_assert(rdx::kMethodNames.size() == CONFIG_METHODS);
+using rdx::Setting;
 
-constexpr unsigned kDefaultVoltageMaxAge = 120; // seconds
-constexpr int kLineBufferSize = 256;            // bytes, the NUL included: longer lines are read in pieces
+static_assert(rdx::kHttpMethods.size() == CONFIG_METHODS);
+
+constexpr int kLineBufferSize = 256; // bytes, the NUL included: longer lines are read in pieces
 
 constexpr std::array<const char*, VERBOSITY_ALL + 1> kVerbosityNames = {"VERBOSITY_NONE",  "VERBOSITY_FATAL",
                                                                         "VERBOSITY_ERROR", "VERBOSITY_WARN",
                                                                         "VERBOSITY_LOG",   "VERBOSITY_ALL"};
 
-// --- values ---------------------------------------------------------------------------------------------
+rdx::SharedChanges terminatorChanges;
 
-// Where a key's value goes and the failure when it is refused: each reader uses what it needs. The limit of a
-// text is its setting's size.
-struct Target {
-    std::span<char> text = {};
-    unsigned char* flag = nullptr;
-    int refused = 0;
-};
+// --- reading a value ------------------------------------------------------------------------------------
 
-// Reads a value into its target: 0 or the failure.
-using ValueReader = int (*)(const Target& target, std::string_view value);
-
-int ReadText(const Target& target, std::string_view value) {
-    if (value.size() >= target.text.size()) return target.refused;
-    rdx::StoreSharedText(target.text, value);
-    return 0;
+int ReadText(const Setting& setting, std::string_view value) {
+    if (value.size() >= setting.text.size()) return setting.refused;
+    rdx::StoreSharedText(setting.text, value);
+    return CONFIG_OK;
 }
 
-int ReadFlag(const Target& target, std::string_view value) {
-    rdx::StoreShared<unsigned char>(*target.flag, value == "1" || rdx::EqualsIgnoringCase(value, "true"));
-    return 0;
+int ReadFlag(const Setting& setting, std::string_view value) {
+    rdx::StoreShared(*setting.byte, value == "1" || rdx::EqualsIgnoringCase(value, "true"));
+    return CONFIG_OK;
 }
 
 // A flag that only a clear no lowers.
-int ReadFlagUnlessNo(const Target& target, std::string_view value) {
-    rdx::StoreShared<unsigned char>(*target.flag, value != "0" && !rdx::EqualsIgnoringCase(value, "false"));
-    return 0;
+int ReadFlagUnlessNo(const Setting& setting, std::string_view value) {
+    rdx::StoreShared(*setting.byte, value != "0" && !rdx::EqualsIgnoringCase(value, "false"));
+    return CONFIG_OK;
 }
 
-int ReadProtocolVersion(const Target& target, std::string_view value) {
-    rdx::StoreShared<unsigned char>(*target.flag, value == "1.0" ? 10 : 11);
-    return 0;
+int ReadProtocolVersion(const Setting& setting, std::string_view value) {
+    rdx::StoreShared(*setting.byte, value == "1.0" ? 10 : 11);
+    return CONFIG_OK;
 }
 
-int ReadVerbosity(const Target& target, std::string_view value) {
+int ReadVerbosity(const Setting& setting, std::string_view value) {
     const auto* const name = std::ranges::find_if(
         kVerbosityNames, [&](const char* level) { return rdx::EqualsIgnoringCase(level, value); });
-    if (name == kVerbosityNames.end()) return target.refused;
-    rdx::StoreShared(*target.flag, static_cast<unsigned char>(name - kVerbosityNames.begin()));
-    return 0;
+    if (name == kVerbosityNames.end()) return setting.refused;
+    rdx::StoreShared(*setting.byte, static_cast<unsigned char>(name - kVerbosityNames.begin()));
+    return CONFIG_OK;
 }
 
 // Allows the methods of a list; those before an unknown word stay allowed.
-int ReadMethods(const Target& target, std::string_view value) {
+int ReadMethods(const Setting& setting, std::string_view value) {
     constexpr std::string_view kSeparators = " \t,";
     for (rdx::Reader words(value);;) {
         words.Skip(kSeparators);
-        if (words.AtEnd()) return 0;
-        const std::string_view word = words.TakeBytes(words.Rest().find_first_of(kSeparators));
-        const auto* const name = std::ranges::find_if(
-            rdx::kMethodNames, [&](const char* method) { return rdx::EqualsIgnoringCase(method, word); });
-        if (name == rdx::kMethodNames.end()) return target.refused;
-        const auto idx = name - rdx::kMethodNames.begin();
-        RDX_CHECK((idx >= 0) && (idx < 8), "(idx >= 0) && (idx < 8)");
-        rdx::StoreShared(aiMethodsAllowed[idx], 1);
+        if (words.AtEnd()) return CONFIG_OK;
+        const auto idx = rdx::IndexOfHttpMethod(words.TakeBytes(words.Rest().find_first_of(kSeparators)));
+        if (!idx) return setting.refused;
+        RDX_CHECK_FOR("int ReadHttpKey(char*)", *idx < 8, "(idx >= 0) && (idx < 8)");
+        rdx::StoreShared(aiMethodsAllowed[*idx], 1);
     }
 }
 
 // Reads an age in seconds; without one the default is set, and still it is a failure.
-int ReadVoltageMaxAge(const Target& target, std::string_view value) {
+int ReadVoltageMaxAge(const Setting& setting, std::string_view value) {
     constexpr std::size_t kMostCharacters = 8;
-    constexpr int kZero = -11;
-    if (value.size() > kMostCharacters) return target.refused;
+    if (value.size() > kMostCharacters) return setting.refused;
     const unsigned age = rdx::ParseUnsignedDecimal(value);
-    rdx::StoreShared(uiVoltageMaxAge, age != 0 ? age : kDefaultVoltageMaxAge);
-    return age != 0 ? 0 : kZero;
+    rdx::StoreShared(*setting.number, age != 0 ? age : setting.numberDefault);
+    if (age == 0) return HTTPKEY_NO_VOLTAGE_AGE;
+    return CONFIG_OK;
 }
 
-int Ignore(const Target& /*target*/, std::string_view /*value*/) { return 0; }
+int Ignore(const Setting& /*setting*/, std::string_view /*value*/) { return CONFIG_OK; }
 
-// --- keys -----------------------------------------------------------------------------------------------
+// --- showing a value ------------------------------------------------------------------------------------
 
-struct Key {
-    std::string_view name;
-    ValueReader read;
-    Target target;
-    bool relies = false; // on another key: in a file it is switched on when all of it has been read
+// Settings as they are at this moment: a host may dump them from any thread.
+bool IsSet(const unsigned char& flag) { return rdx::LoadShared(flag) != 0; }
+
+const char* YesNo(bool flag) { return flag ? "yes" : "no"; }
+
+void ShowLine(FILE* stream, const Setting& setting, const char* value) {
+    fprintf(stream, "\n%s: %s", setting.label, value);
+}
+
+// A text setting as it is at this moment, whatever its size.
+struct ShownText {
+    explicit ShownText(const Setting& setting) {
+        for (std::size_t i = 0; i < setting.text.size() && i < sizeof text - 1; ++i) {
+            text[i] = rdx::LoadShared(setting.text[i]);
+            if (text[i] == '\0') break;
+        }
+    }
+
+    char text[CONFIG_ADDRESSES_SIZE] = "";
+};
+
+void ShowText(FILE* stream, const Setting& setting) { ShowLine(stream, setting, ShownText(setting).text); }
+
+void ShowTextIfAny(FILE* stream, const Setting& setting) {
+    const ShownText shown(setting);
+    if (shown.text[0] != '\0') ShowLine(stream, setting, shown.text);
+}
+
+void ShowFlag(FILE* stream, const Setting& setting) {
+    ShowLine(stream, setting, YesNo(IsSet(*setting.byte)));
+}
+
+void ShowFlagIfSet(FILE* stream, const Setting& setting) {
+    if (IsSet(*setting.byte)) ShowLine(stream, setting, YesNo(true));
+}
+
+void ShowLevel(FILE* stream, const Setting& setting) {
+    const std::size_t level = rdx::LoadShared(*setting.byte);
+    ShowLine(stream, setting, kVerbosityNames[std::min<std::size_t>(level, VERBOSITY_ALL)]);
+}
+
+void ShowVersion(FILE* stream, const Setting& setting) {
+    ShowLine(stream, setting, rdx::LoadShared(*setting.byte) == 10 ? "1.0" : "1.1");
+}
+
+void ShowIfAuthRequired(FILE* stream, const Setting& setting) {
+    if (IsSet(ucAuthRequired)) ShowText(stream, setting);
+}
+
+void ShowMethods(FILE* stream, const Setting& setting) {
+    ShowLine(stream, setting, "");
+    for (std::size_t i = 0; i < rdx::kHttpMethods.size(); ++i) {
+        if (!rdx::AllowsHttpMethod(rdx::LoadShared(aiMethodsAllowed[i]))) continue;
+        fprintf(stream, "%s ", rdx::kHttpMethods[i]);
+    }
+}
+
+void ShowVoltageMaxAge(FILE* stream, const Setting& setting) {
+    if (rdx::LoadShared(szConfigVoltageFile[0]) == '\0') return;
+    fprintf(stream, "\n%s: %d", setting.label, static_cast<int>(rdx::LoadShared(*setting.number)));
+}
+
+// Both settings of the terminator, so that they belong together.
+void ShowTerminator(FILE* stream, const Setting& setting);
+
+void ShowNothing(FILE* /*stream*/, const Setting& /*setting*/) {}
+
+// --- the keys -------------------------------------------------------------------------------------------
+
+constexpr Setting kHttpSettings[] = {
+#define TEXT(global, size, standard, name, code, printer, title, explanation)                                \
+    {.key = name,                                                                                            \
+     .read = ReadText,                                                                                       \
+     .refused = code,                                                                                        \
+     .text = global,                                                                                         \
+     .textDefault = standard,                                                                                \
+     .show = printer,                                                                                        \
+     .label = title,                                                                                         \
+     .meaning = explanation},
+#define BYTE(global, standard, name, reader, code, printer, title, explanation)                              \
+    {.key = name,                                                                                            \
+     .read = reader,                                                                                         \
+     .refused = code,                                                                                        \
+     .byte = &global,                                                                                        \
+     .numberDefault = standard,                                                                              \
+     .show = printer,                                                                                        \
+     .label = title,                                                                                         \
+     .meaning = explanation},
+#define NUMBER(global, standard, name, reader, code, printer, title, explanation)                            \
+    {.key = name,                                                                                            \
+     .read = reader,                                                                                         \
+     .refused = code,                                                                                        \
+     .number = &global,                                                                                      \
+     .numberDefault = standard,                                                                              \
+     .show = printer,                                                                                        \
+     .label = title,                                                                                         \
+     .meaning = explanation},
+#define LIST(name, reader, code, printer, title, explanation)                                                \
+    {.key = name, .read = reader, .refused = code, .show = printer, .label = title, .meaning = explanation},
+#define ELSEWHERE BYTE
+#include "common/settings.def"
+#undef TEXT
+#undef BYTE
+#undef NUMBER
+#undef LIST
+#undef ELSEWHERE
+};
+
+constexpr Setting kRpcSettings[] = {
+    {.key = "VoltageFile",
+     .read = ReadText,
+     .refused = RPCKEY_VOLTAGE_FILE_TOO_LONG,
+     .text = szConfigVoltageFile},
+    {.key = "VoltageFromCar", .read = ReadFlagUnlessNo, .byte = &ucVoltageFromCar},
+};
+
+constexpr Setting kTcpSettings[] = {
+    {.key = "RemoteHost",
+     .read = ReadText,
+     .refused = TCPKEY_REMOTE_HOST_TOO_LONG,
+     .text = szMorbelRemoteHost},
+    {.key = "Port", .read = Ignore},
+    {.key = "TimeoutConnect", .read = Ignore},
+    {.key = "TimeoutReceive", .read = Ignore},
+    {.key = "TimeoutFunction", .read = Ignore},
 };
 
 // A line belongs to the first key that it begins with, so that each must stand before those it begins with
 // itself; otherwise the order has no effect.
-constexpr bool EachKeyIsReached(std::span<const Key> keys) {
-    for (auto key = keys.begin(); key != keys.end(); ++key) {
-        for (auto earlier = keys.begin(); earlier != key; ++earlier) {
-            const std::string_view beginning = key->name.substr(0, earlier->name.size());
-            if (std::ranges::equal(beginning, earlier->name, {}, rdx::UpperByte, rdx::UpperByte))
+constexpr bool EachKeyIsReached(std::span<const Setting> settings) {
+    for (auto setting = settings.begin(); setting != settings.end(); ++setting) {
+        for (auto earlier = settings.begin(); earlier != setting; ++earlier) {
+            const std::string_view beginning = setting->key.substr(0, earlier->key.size());
+            if (!earlier->key.empty() &&
+                std::ranges::equal(beginning, earlier->key, {}, rdx::UpperByte, rdx::UpperByte))
                 return false;
         }
     }
     return true;
 }
+static_assert(EachKeyIsReached(kHttpSettings) && EachKeyIsReached(kRpcSettings) &&
+              EachKeyIsReached(kTcpSettings));
 
-constexpr Key kHttpKeys[] = {
-    {"ClientsAccepted", ReadText, {.text = szClientAddresses, .refused = -2}},
-    {"ProtocolVersion", ReadProtocolVersion, {.flag = &ucProtocolVersion}},
-    {"SendEOT", ReadFlag, {.flag = &ucEntityTerminator}, true}, // on EOTString
-    {"EOTString", ReadText, {.text = szEntityTerminator, .refused = -3}},
-    {"AuthRequired", ReadFlag, {.flag = &ucAuthRequired}},
-    {"AuthInfo", ReadText, {.text = szConfigAuthInfo, .refused = -4}},
-    {"AuthRealm", ReadText, {.text = szConfigAuthRealm, .refused = -5}},
-    {"ServicePort", ReadText, {.text = szConfigSvcPort, .refused = -6}},
-    {"ServiceAddr", ReadText, {.text = szConfigSvcAddr, .refused = -6}},
-    {"MethodsAllowed", ReadMethods, {.refused = -7}},
-    {"Verbosity", ReadVerbosity, {.flag = &ucVerbosity, .refused = -1}},
-    {"SupportNetscapeVM", ReadFlag, {.flag = &ucSupportNetscapeVM}},
-    {"Logfile", ReadText, {.text = szConfigLogfile, .refused = -8}},
-    {"VoltageFile", ReadText, {.text = szConfigVoltageFile, .refused = -9}},
-    {"VoltageMaxAge", ReadVoltageMaxAge, {.refused = -10}},
-    {"VoltageFromCar", ReadFlagUnlessNo, {.flag = &ucVoltageFromCar}},
-    {"LocalAccessAllowed", ReadFlag, {.flag = &ucLocalAccessAllowed}},
-};
-static_assert(std::size(kHttpKeys) == 17 && EachKeyIsReached(kHttpKeys));
-
-constexpr Key kRpcKeys[] = {
-    {"VoltageFile", ReadText, {.text = szConfigVoltageFile, .refused = -3}},
-    {"VoltageFromCar", ReadFlagUnlessNo, {.flag = &ucVoltageFromCar}},
-};
-static_assert(EachKeyIsReached(kRpcKeys));
-
-constexpr Key kTcpKeys[] = {
-    {"RemoteHost", ReadText, {.text = szMorbelRemoteHost, .refused = -3}},
-    {"Port", Ignore, {}},
-    {"TimeoutConnect", Ignore, {}},
-    {"TimeoutReceive", Ignore, {}},
-    {"TimeoutFunction", Ignore, {}},
-};
-static_assert(EachKeyIsReached(kTcpKeys));
+constexpr bool FitsShownText(std::span<const Setting> settings) {
+    return std::ranges::all_of(settings, [](const Setting& s) { return s.text.size() <= sizeof(ShownText); });
+}
+static_assert(FitsShownText(kHttpSettings));
 
 struct Section {
     std::string_view name;
-    std::span<const Key> keys;
+    std::span<const Setting> settings;
     int (*readKey)(char* line);
 };
 constexpr Section kSections[] = {
-    {"HTTP", kHttpKeys, ReadHttpKey},
-    {"RPC", kRpcKeys, ReadRpcKey},
-    {"TCP", kTcpKeys, ReadTcpKey},
+    {"HTTP", kHttpSettings, ReadHttpKey},
+    {"RPC", kRpcSettings, ReadRpcKey},
+    {"TCP", kTcpSettings, ReadTcpKey},
 };
 
-const Key* FindKey(std::span<const Key> keys, std::string_view line) {
-    const auto key =
-        std::ranges::find_if(keys, [&](const Key& k) { return rdx::StartsWithIgnoringCase(line, k.name); });
-    return key != keys.end() ? &*key : nullptr;
+const Setting* FindKey(std::span<const Setting> settings, std::string_view line) {
+    const auto found = std::ranges::find_if(settings, [&](const Setting& setting) {
+        return !setting.key.empty() && rdx::StartsWithIgnoringCase(line, setting.key);
+    });
+    return found != settings.end() ? &*found : nullptr;
+}
+
+// What stands behind the first '=' of a line and the white space there; nothing without one.
+std::optional<std::string_view> ValueOf(std::string_view line) {
+    const std::size_t equalSign = line.find('=');
+    if (equalSign == std::string_view::npos) return std::nullopt;
+    rdx::Reader value(line.substr(equalSign + 1));
+    value.Skip(rdx::kWhiteSpace);
+    return value.Rest();
 }
 
 // The common frame of the key readers; the two results are theirs for a bad line.
-int ReadKey(std::span<const Key> keys, const char* text, int noEqualSign, int unknownKey) {
+int ReadKey(std::span<const Setting> settings, const char* text, int noEqualSign, int unknownKey) {
     const std::string_view line(text != nullptr ? text : "");
-    const std::size_t equalSign = line.find('=');
-    if (equalSign == std::string_view::npos) return noEqualSign;
-    rdx::Reader value(line.substr(equalSign + 1));
-    value.Skip(rdx::kWhiteSpace);
-    const Key* const key = FindKey(keys, line);
-    return key != nullptr ? key->read(key->target, value.Rest()) : unknownKey;
+    const auto value = ValueOf(line);
+    if (!value) return noEqualSign;
+    const Setting* const setting = FindKey(settings, line);
+    return setting != nullptr ? setting->read(*setting, *value) : unknownKey;
 }
 
 // --- the file -------------------------------------------------------------------------------------------
+
+// The settings of the terminator as a file gives them. They take effect together, when all of it was read:
+// threads in service use them at once.
+class TerminatorLines {
+public:
+    // As they are, for a file that names but one of them.
+    TerminatorLines() {
+        const rdx::EntityTerminator now = rdx::LoadEntityTerminator();
+        used_ = now.used;
+        rdx::CopyBounded(text_, now.text.View());
+    }
+
+    static bool Has(const Setting& setting) {
+        return setting.byte == &ucEntityTerminator || setting.text.data() == szEntityTerminator;
+    }
+
+    // Reads a line of one of them; the key reader's result.
+    int Read(const Setting& setting, std::string_view line) {
+        const auto value = ValueOf(line);
+        if (!value) return HTTPKEY_BAD_LINE;
+        any_ = true;
+        Setting own = setting;
+        own.byte = &used_;
+        own.text = text_;
+        return own.read(own, *value);
+    }
+
+    void TakeEffect() const {
+        if (any_) rdx::StoreEntityTerminator(used_ != 0, text_);
+    }
+
+private:
+    bool any_ = false;
+    unsigned char used_;
+    char text_[CONFIG_TERMINATOR_SIZE];
+};
 
 // One section of a file as its lines come.
 class SectionReader {
@@ -221,141 +347,104 @@ public:
     int Read(char* line) {
         TrimLine(line);
         const std::string_view text(line);
-        if (text.empty() || text[0] == ';' || text[0] == '#') return 0;
+        if (text.empty() || text[0] == ';' || text[0] == '#') return CONFIG_OK;
         if (text[0] == '[' && text.find(name_, 1) != std::string_view::npos) {
             inSection_ = true;
-            return 0;
+            return CONFIG_OK;
         }
-        if (!inSection_) return 0;
-        const Key* const key = FindKey(section_.keys, text);
-        if (key != nullptr) return key->relies ? Defer(line) : section_.readKey(line);
-        inSection_ = false; // kept: an unknown key ends the section just as another header does
-        return 0;
+        if (!inSection_) return CONFIG_OK;
+        const Setting* const setting = FindKey(section_.settings, text);
+        // An unknown key ends the section as another section's header does: files are divided by both.
+        inSection_ = setting != nullptr;
+        if (setting == nullptr) return CONFIG_OK;
+        return TerminatorLines::Has(*setting) ? terminator_.Read(*setting, text) : section_.readKey(line);
     }
 
-    // Reads what relies on other keys, which threads in service may use at once.
-    void Finish() {
-        if (*deferred_ != '\0') section_.readKey(deferred_);
-    }
+    void Finish() const { terminator_.TakeEffect(); }
 
 private:
-    // A line that fails does so in its place.
-    int Defer(char* line) {
-        if (std::strchr(line, '=') == nullptr) return section_.readKey(line);
-        rdx::CopyBounded(deferred_, line);
-        return 0;
-    }
-
     const Section& section_;
     std::string_view name_;
     bool inSection_ = false;
-    char deferred_[kLineBufferSize] = ""; // the last line of a key that relies on others
+    TerminatorLines terminator_;
 };
 
-struct CloseFile {
-    void operator()(FILE* file) const { fclose(file); }
-};
-
-// --- the dump -------------------------------------------------------------------------------------------
-
-// Settings as they are at this moment: a host may dump them from any thread.
-template <typename T>
-bool IsSet(const T& flag) {
-    return rdx::LoadShared(flag) != 0;
+void SetDefault(const Setting& setting) {
+    if (!setting.text.empty()) rdx::StoreSharedText(setting.text, setting.textDefault);
+    if (setting.byte != nullptr) {
+        rdx::StoreShared(*setting.byte, static_cast<unsigned char>(setting.numberDefault));
+    }
+    if (setting.number != nullptr) rdx::StoreShared(*setting.number, setting.numberDefault);
 }
 
-const char* YesNo(bool flag) { return flag ? "yes" : "no"; }
-
-void DumpAuthentication(FILE* stream) {
-    const bool required = IsSet(ucAuthRequired);
-    fprintf(stream, "\n Authentication required: %s", YesNo(required));
-    if (!required) return;
-    fprintf(stream, "\n     Authentication info: %s", rdx::SharedText(szConfigAuthInfo).c_str());
-    fprintf(stream, "\n    Authentication realm: %s", rdx::SharedText(szConfigAuthRealm).c_str());
-}
-
-void DumpHttp(FILE* stream) {
-    fprintf(stream, "\n  Valid client addresses: %s", rdx::SharedText(szClientAddresses).c_str());
-    fprintf(stream, "\n    Local access allowed: %s", YesNo(IsSet(ucLocalAccessAllowed)));
-    fprintf(stream, "\n   HTTP protocol version: %s",
-            rdx::LoadShared(ucProtocolVersion) == 10 ? "1.0" : "1.1");
-    fprintf(stream, "\n            Service port: %s", rdx::SharedText(szConfigSvcPort).c_str());
-    fprintf(stream, "\n         Service address: %s", rdx::SharedText(szConfigSvcAddr).c_str());
-    const bool terminated = IsSet(ucEntityTerminator);
-    fprintf(stream, "\n  Entity terminator used: %s", YesNo(terminated));
-    if (terminated) {
-        fprintf(stream, "\nEntity terminator string: %s", rdx::SharedText(szEntityTerminator).c_str());
-    }
-    DumpAuthentication(stream);
-    fprintf(stream, "\n    HTTP methods allowed: ");
-    for (std::size_t i = 0; i < rdx::kMethodNames.size(); ++i) {
-        if (IsSet(aiMethodsAllowed[i])) fprintf(stream, "%s ", rdx::kMethodNames[i]);
-    }
-}
-
-void DumpFilesAndFlags(FILE* stream) {
-    fprintf(stream, "\n    Semaphore protection: %s", YesNo(IsSet(ucSemaProtection)));
-    const rdx::SharedText logfile(szConfigLogfile);
-    if (!logfile.View().empty()) fprintf(stream, "\n                Log file: %s", logfile.c_str());
-    const rdx::SharedText voltageFile(szConfigVoltageFile);
-    if (!voltageFile.View().empty()) {
-        fprintf(stream, "\n            Voltage file: %s", voltageFile.c_str());
-        fprintf(stream, "\n  Voltage max. age (sec): %d", static_cast<int>(rdx::LoadShared(uiVoltageMaxAge)));
-    }
-    if (IsSet(ucVoltageFromCar)) fprintf(stream, "\n    Try voltage from Car: %s", YesNo(true));
-    fprintf(stream, "\n Allow Netscape JVM POST: %s", YesNo(IsSet(ucSupportNetscapeVM)));
+void ShowTerminator(FILE* stream, const Setting& setting) {
+    const rdx::EntityTerminator terminator = rdx::LoadEntityTerminator();
+    ShowLine(stream, setting, YesNo(terminator.used));
+    const auto* const text = std::ranges::find(kHttpSettings, std::string_view("EOTString"), &Setting::key);
+    if (terminator.used) ShowLine(stream, *text, terminator.text.c_str());
 }
 
 } // namespace
 
+namespace rdx {
+
+std::span<const Setting> HttpSettings() { return kHttpSettings; }
+
+EntityTerminator LoadEntityTerminator() {
+    for (;;) {
+        const unsigned begun = terminatorChanges.Begin();
+        const EntityTerminator terminator = {IsSet(ucEntityTerminator), SharedText(szEntityTerminator)};
+        if (terminatorChanges.Unchanged(begun)) return terminator;
+        sched_yield();
+    }
+}
+
+void StoreEntityTerminator(bool used, std::string_view text) {
+    terminatorChanges.Start();
+    if (!used) StoreShared(ucEntityTerminator, 0);
+    StoreSharedText(szEntityTerminator, text);
+    if (used) StoreShared(ucEntityTerminator, 1);
+    terminatorChanges.Finish();
+}
+
+} // namespace rdx
+
 void SetDefaultConfig() {
-    rdx::StoreSharedText(szClientAddresses, "127.0.0.1");
-    rdx::StoreShared<unsigned char>(ucProtocolVersion, 11);
-    rdx::StoreShared<unsigned char>(ucEntityTerminator, 0);
-    rdx::StoreSharedText(szEntityTerminator, "");
-    rdx::StoreShared<unsigned char>(ucAuthRequired, 0);
-    rdx::StoreSharedText(szConfigAuthInfo, "");
-    rdx::StoreSharedText(szConfigAuthRealm, "Tavrin");
-    rdx::StoreSharedText(szConfigSvcPort, "www");
-    rdx::StoreSharedText(szConfigSvcAddr, "127.0.0.1");
+    for (const Setting& setting : kHttpSettings) {
+        if (setting.byte != &ucLocalAccessAllowed && !TerminatorLines::Has(setting)) SetDefault(setting);
+    }
+    rdx::StoreEntityTerminator(false, "");
     for (int& allowed : aiMethodsAllowed) rdx::StoreShared(allowed, 0);
-    rdx::StoreShared<unsigned char>(ucVerbosity, VERBOSITY_WARN);
-    rdx::StoreSharedText(szConfigLogfile, "");
-    rdx::StoreShared<unsigned char>(ucSupportNetscapeVM, 0);
-    rdx::StoreSharedText(szConfigVoltageFile, "");
-    rdx::StoreShared(uiVoltageMaxAge, kDefaultVoltageMaxAge);
-    rdx::StoreShared<unsigned char>(ucVoltageFromCar, 0);
     rdx::StoreSharedText(szMorbelRemoteHost, "");
-    rdx::StoreShared<unsigned char>(ucSemaProtection, 0);
-    rdx::StoreShared<unsigned char>(ucRunAsJunior, 0);
+    rdx::StoreShared(ucRunAsJunior, 0);
 }
 
 int ReadIniFile(const char* szPath, const char* szSection) {
     RDX_CHECK(szPath != nullptr, "szPath != __null");
     RDX_CHECK(szSection != nullptr, "szSection != __null");
-    if (*szPath == '\0') return -1;
-    if (*szSection == '\0') return -2;
+    if (*szPath == '\0') return CONFIG_NO_PATH;
+    if (*szSection == '\0') return CONFIG_NO_SECTION;
     const auto* const section = std::ranges::find_if(
         kSections, [&](const Section& s) { return rdx::EqualsIgnoringCase(s.name, szSection); });
-    if (section == std::end(kSections)) return -3;
+    if (section == std::end(kSections)) return CONFIG_UNKNOWN_SECTION;
     RDX_CHECK(section->readKey != nullptr, "pfiReadKey != __null");
-    RDX_CHECK(!section->keys.empty(), "nKeys > 0");
-    const std::unique_ptr<FILE, CloseFile> file(fopen(szPath, "r"));
-    if (!file) return -4;
+    RDX_CHECK(!section->settings.empty(), "nKeys > 0");
+    const rdx::OwnedFile file(fopen(szPath, "r"));
+    if (!file) return CONFIG_NOT_OPENED;
     SectionReader reader(*section, szSection);
     char line[kLineBufferSize];
-    int result = 0;
-    while (result == 0 && fgets(line, sizeof line, file.get()) != nullptr) result = reader.Read(line);
+    int result = CONFIG_OK;
+    while (result == CONFIG_OK && fgets(line, sizeof line, file.get()) != nullptr) result = reader.Read(line);
     reader.Finish();
-    if (result != 0) return result;
-    return feof(file.get()) != 0 ? 0 : -5;
+    if (result != CONFIG_OK) return result;
+    return feof(file.get()) != 0 ? CONFIG_OK : CONFIG_NOT_READ;
 }
 
-int ReadHttpKey(char* line) { return ReadKey(kHttpKeys, line, -1, -1); }
+int ReadHttpKey(char* line) { return ReadKey(kHttpSettings, line, HTTPKEY_BAD_LINE, HTTPKEY_BAD_LINE); }
 
-int ReadRpcKey(char* line) { return ReadKey(kRpcKeys, line, -2, -1); }
+int ReadRpcKey(char* line) { return ReadKey(kRpcSettings, line, RPCKEY_NO_VALUE, RPCKEY_UNKNOWN); }
 
-int ReadTcpKey(char* line) { return ReadKey(kTcpKeys, line, -2, 0); }
+int ReadTcpKey(char* line) { return ReadKey(kTcpSettings, line, TCPKEY_NO_VALUE, CONFIG_OK); }
 
 void TrimLine(char* line) {
     if (line == nullptr) return;
@@ -371,26 +460,22 @@ void TrimLine(char* line) {
 }
 
 int Reconfig(const char* szPath) {
-    if (ReadIniFile(szPath, "HTTP") != 0) return -1;
-    rdx::StoreShared(uiReconfigurations, rdx::LoadShared(uiReconfigurations) + 1);
-    rdx::StoreShared<unsigned char>(ucReconfigured, 1);
+    if (ReadIniFile(szPath, "HTTP") != CONFIG_OK) return RECONFIG_FAILED;
+    rdx::AddShared(uiReconfigurations, 1);
+    rdx::StoreShared(ucReconfigured, 1);
     return 0;
 }
 
 int DumpConfiguration(FILE* stream) {
     const int semaphore = SemaGetValue(SEMA_CIPLIB);
-    const std::size_t level = rdx::LoadShared(ucVerbosity);
-    if (level == VERBOSITY_NONE) return 0;
+    if (!rdx::VerbosityAbove(VERBOSITY_NONE)) return 0;
     FILE* const out = stream != nullptr ? stream : StdOut;
     fprintf(out, "\n");
     printf("\nDumpConfiguration+");
     fprintf(out, "\n Reconfiguration counter: %d", static_cast<int>(rdx::LoadShared(uiReconfigurations)));
     fprintf(out, "\n  Tavrin build number: %d", static_cast<int>(uiBuildNumber));
     fprintf(out, "\n    Tavrin build date: %s, %s", __DATE__, __TIME__);
-    fprintf(out, "\n      Level of verbosity: %s",
-            kVerbosityNames[std::min<std::size_t>(level, VERBOSITY_ALL)]);
-    DumpHttp(out);
-    DumpFilesAndFlags(out);
+    for (const Setting& setting : kHttpSettings) setting.show(out, setting);
     fprintf(out, "\n    Value of SEMA_CIPLIB: %d", semaphore);
     fprintf(out, "\n");
     fflush(out);

@@ -11,7 +11,7 @@ FILE* StdErr = stderr;
 FILE* StdOut = stdout;
 FILE* errlog = nullptr;
 FILE* outlog = nullptr;
-unsigned char ucVerbosity = VERBOSITY_WARN;
+unsigned char ucVerbosity = VERBOSITY_DEFAULT;
 
 namespace {
 

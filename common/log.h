@@ -31,16 +31,17 @@ enum {
     VERBOSITY_ERROR = 2,
     VERBOSITY_WARN = 3,
     VERBOSITY_LOG = 4,
-    VERBOSITY_ALL = 5
+    VERBOSITY_ALL = 5,
+    VERBOSITY_DEFAULT = VERBOSITY_WARN
 };
 
-/* The level of verbosity, 0 to 5; rewritten by SIGUSR1 while the server runs. */
+/* The level of verbosity, 0 to 5 [VERBOSITY_DEFAULT]; rewritten by SIGUSR1 while the server runs. */
 extern RDX_API unsigned char ucVerbosity;
 
 /*
  * Writes the local time of day, in the form of strftime's "%X", into `buf`, or an empty text when it
- * cannot be formatted. `buf` must hold 128 bytes whatever `size` says: `size` is not used (kept: every
- * caller passes 127). Returns `buf`. Safe from several threads on buffers of their own.
+ * cannot be formatted. `buf` must hold 128 bytes whatever `size` says: `size` is not used, since
+ * every caller passes 127. Returns `buf`. Safe from several threads on buffers of their own.
  */
 RDX_API char* Now2(char* buf, unsigned int size);
 

@@ -7,9 +7,7 @@
 #include "common/shared.h"
 #include "common/signal_windows.h"
 
-#include <cerrno>
 #include <cstdio>
-#include <cstring>
 #include <pthread.h>
 #include <sys/ipc.h>
 #include <sys/sem.h>
@@ -37,13 +35,6 @@ private:
     pthread_attr_t attributes_;
 };
 
-// The reason why a thread could not be detached. Nobody prints it; a debugger shows it.
-const char* DetachErrorText(int error) {
-    if (error == ESRCH) return "No such thread";
-    if (error == EINVAL) return "Not a joinable thread";
-    return std::strerror(errno);
-}
-
 // The argument of semctl, which a program has to declare itself. An int in its place would be misread where
 // a pointer is wider and the high half of a word comes first.
 union SemaphoreArgument {
@@ -54,12 +45,12 @@ union SemaphoreArgument {
 
 int OpenSemaphore(int key) { return semget(key, 1, kSemaphorePermissions); }
 
-// Changes the semaphore by `change`: 0, -1 when there is none, -2 when the operation failed.
+// Changes the semaphore by `change`; a result of SemaP.
 int OperateSemaphore(int key, short change, short flags) {
     const int set = OpenSemaphore(key);
-    if (set < 0) return -1;
+    if (set < 0) return SEMA_MISSING;
     sembuf operation{0, change, flags};
-    return semop(set, &operation, 1) < 0 ? -2 : 0;
+    return semop(set, &operation, 1) < 0 ? SEMA_FAILED : SEMA_DONE;
 }
 
 } // namespace
@@ -78,11 +69,11 @@ int ThreadCreate(void* (*pBody)(void*), void* pArgs, ThreadID* pID) {
     RDX_CHECK(pID != nullptr, "pID != __null");
     ThreadAttributes attributes;
     // The policy takes effect only for a thread that does not inherit its creator's; it costs no privilege.
-    if (pthread_attr_setschedpolicy(attributes.Get(), SCHED_RR) != 0) return -1;
+    if (pthread_attr_setschedpolicy(attributes.Get(), SCHED_RR) != 0) return THREAD_NO_POLICY;
     pthread_attr_setstacksize(attributes.Get(), MT_STACK_SIZE);
 
     // Counted before it can run: a fast thread leaves the count before this function goes on.
-    __atomic_fetch_add(&nThreads, 1, __ATOMIC_ACQ_REL);
+    rdx::AddShared(nThreads, 1);
     pthread_t handle{};
     int created;
     {
@@ -90,16 +81,14 @@ int ThreadCreate(void* (*pBody)(void*), void* pArgs, ThreadID* pID) {
         created = pthread_create(&handle, attributes.Get(), pBody, pArgs);
     }
     if (created != 0) {
-        __atomic_fetch_sub(&nThreads, 1, __ATOMIC_ACQ_REL);
-        return -2;
+        rdx::AddShared(nThreads, -1);
+        return THREAD_NOT_STARTED;
     }
     RDX_CHECK(handle != 0, "hThread != __null");
-    if (const int error = pthread_detach(handle); error != 0) {
-        static_cast<void>(DetachErrorText(error));
-        return -3; // the thread runs all the same, and takes itself out of the count when it ends
-    }
+    // It runs all the same then, and takes itself out of the count when it ends.
+    if (pthread_detach(handle) != 0) return THREAD_NOT_DETACHED;
     rdx::StoreShared(*pID, static_cast<ThreadID>(handle));
-    return 0;
+    return THREAD_CREATED;
 }
 
 void ThreadTerminate(unsigned long ulExit) {
@@ -117,8 +106,8 @@ int NumOfThreads() { return rdx::LoadShared(nThreads); }
 
 int SemaCreate(int key) {
     const int set = semget(key, 1, kSemaphorePermissions | IPC_CREAT);
-    if (set < 0) return -1;
-    return semctl(set, 0, SETVAL, SemaphoreArgument{1}) < 0 ? -2 : 0;
+    if (set < 0) return SEMA_MISSING;
+    return semctl(set, 0, SETVAL, SemaphoreArgument{1}) < 0 ? SEMA_FAILED : SEMA_DONE;
 }
 
 int SemaP(int key, int bNoWait) { return OperateSemaphore(key, -1, bNoWait != 0 ? IPC_NOWAIT : 0); }
@@ -127,15 +116,15 @@ int SemaV(int key) { return OperateSemaphore(key, 1, 0); }
 
 int SemaGetValue(int key) {
     const int set = OpenSemaphore(key);
-    if (set < 0) return -1;
+    if (set < 0) return SEMA_MISSING;
     const int value = semctl(set, 0, GETVAL);
-    return value < 0 ? -2 : value;
+    return value < 0 ? static_cast<int>(SEMA_FAILED) : value;
 }
 
 namespace rdx {
 
 void UncountThread() {
-    const int remaining = __atomic_sub_fetch(&nThreads, 1, __ATOMIC_ACQ_REL);
+    const int remaining = AddShared(nThreads, -1);
     if (VerbosityAbove(VERBOSITY_LOG)) LogThread("ThreadTerminate()", "remaining threads =", remaining);
 }
 

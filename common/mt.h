@@ -26,6 +26,21 @@ enum { SEMA_CIPLIB = 12345679 };
    of 65,536 bytes may nest a few thousand levels deep. Pages that are not touched cost nothing. */
 enum { MT_STACK_SIZE = 4 * 1024 * 1024 };
 
+/* Results of ThreadCreate. */
+enum {
+    THREAD_CREATED = 0,
+    THREAD_NO_POLICY = -1,   /* the scheduling policy was refused */
+    THREAD_NOT_STARTED = -2, /* no thread could be started */
+    THREAD_NOT_DETACHED = -3 /* it runs and counts, but could not be detached */
+};
+
+/* Results of the semaphore functions. */
+enum {
+    SEMA_DONE = 0,
+    SEMA_MISSING = -1, /* there is no such semaphore, or it could not be created */
+    SEMA_FAILED = -2   /* the operation failed, or would wait */
+};
+
 /* Threads started by ThreadCreate and not ended by ThreadTerminate yet. */
 extern RDX_API int nThreads;
 
@@ -42,8 +57,8 @@ RDX_API int InitThreadLib(void);
  * Runs `pBody(pArgs)` on a new detached thread of MT_STACK_SIZE bytes of stack, in which the signals that
  * the server catches are blocked. `*pID` receives the thread; nThreads is raised before the thread can run.
  * Ends the process by assertion when an argument is null.
- * Returns 0; -1 when the scheduling policy was refused and -2 when no thread could be started, with nothing
- * changed; -3 when the thread could not be detached: it runs and counts all the same, but `*pID` is not set.
+ * Returns THREAD_CREATED; THREAD_NO_POLICY or THREAD_NOT_STARTED with nothing changed; THREAD_NOT_DETACHED
+ * when the thread runs and counts all the same, but `*pID` is not set.
  */
 RDX_API int ThreadCreate(void* (*pBody)(void*), void* pArgs, ThreadID* pID);
 
@@ -65,21 +80,21 @@ RDX_API int NumOfThreads(void);
 
 /*
  * Creates the semaphore `key` unless it exists (permissions 0666) and sets its value to 1.
- * Returns 0; -1 when it could neither be found nor created; -2 when its value could not be set.
+ * Returns SEMA_DONE; SEMA_MISSING when it could neither be found nor created; SEMA_FAILED when its value
+ * could not be set.
  */
 RDX_API int SemaCreate(int key);
 
 /*
  * Takes the semaphore: decrements it, waiting until it is above 0 unless `bNoWait` is not 0. A process that
- * dies holding it leaves it taken. Returns 0; -1 when there is no such semaphore; -2 when the operation
- * failed or would wait.
+ * dies holding it leaves it taken. Returns SEMA_DONE, SEMA_MISSING, or SEMA_FAILED, also when it would wait.
  */
 RDX_API int SemaP(int key, int bNoWait);
 
-/* Gives the semaphore back: increments it. Returns 0; -1 no such semaphore; -2 the operation failed. */
+/* Gives the semaphore back: increments it. Returns SEMA_DONE, SEMA_MISSING or SEMA_FAILED. */
 RDX_API int SemaV(int key);
 
-/* The semaphore's value, 0 or more; -1 when there is no such semaphore; -2 when it could not be read. */
+/* The semaphore's value, 0 or more; else SEMA_MISSING, or SEMA_FAILED when it could not be read. */
 RDX_API int SemaGetValue(int key);
 
 #ifdef __cplusplus

@@ -1,10 +1,12 @@
 #include "common/portability_sockets.h"
 
 #include "common/check.h"
-#include "common/config.h"
+#include "common/entity_terminator.h"
 #include "common/log.h"
 #include "common/log_lines.h"
 #include "common/memory.h"
+#include "common/owned_socket.h"
+#include "common/ports.h"
 #include "common/shared.h"
 #include "common/signal_windows.h"
 #include "common/text.h"
@@ -52,19 +54,16 @@ bool BindTo(int socket, const sockaddr_in& address) {
     return bind(socket, Generic(address), sizeof address) == 0;
 }
 
-std::optional<unsigned short> PortOfService(const char* service) {
+// The port that a text names: a service's of the database moved by `offset`, or a number. 0 for no number;
+// below 0 or above 65535 for what is no port.
+std::int64_t PortOf(const char* service, unsigned short offset) {
     servent entry{};
     servent* found = nullptr;
     char buffer[kDatabaseEntrySize];
     if (getservbyname_r(service, "tcp", &entry, buffer, sizeof buffer, &found) != 0 || found == nullptr) {
-        return std::nullopt;
+        return rdx::ParseDecimal(service);
     }
-    return ntohs(static_cast<unsigned short>(found->s_port));
-}
-
-unsigned short PortOfNumber(const char* text) {
-    return static_cast<unsigned short>(
-        std::clamp<int>(rdx::ParseDecimal(text), 0, std::numeric_limits<unsigned short>::max()));
+    return std::int64_t{ntohs(static_cast<unsigned short>(found->s_port))} + offset;
 }
 
 // The number of protocol "tcp", or -1 where the protocol database does not name it.
@@ -99,29 +98,8 @@ bool ReuseAddress(int socket) {
     return setsockopt(socket, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on) == 0;
 }
 
-void ReportUnlessSilent(const char* function, const char* message) {
-    if (rdx::VerbosityAbove(VERBOSITY_NONE)) ReportSocketError(function, message);
-}
-
-// A socket that is closed unless it is released.
-class PendingSocket {
-public:
-    explicit PendingSocket(int descriptor) : descriptor_(descriptor) {}
-    ~PendingSocket() {
-        if (descriptor_ >= 0) CloseSocket(descriptor_);
-    }
-    PendingSocket(const PendingSocket&) = delete;
-    PendingSocket& operator=(const PendingSocket&) = delete;
-
-    int Get() const { return descriptor_; }
-    int Release() { return std::exchange(descriptor_, -1); }
-
-private:
-    int descriptor_;
-};
-
 // The common end of the two functions that store -1 on failure and log a socket that cannot be closed.
-int FinishExt(const char* label, PendingSocket& socket, int result, int* phSocket) {
+int FinishExt(const char* label, rdx::OwnedSocket& socket, int result, int* phSocket) {
     const int descriptor = socket.Release();
     *phSocket = result == 0 ? descriptor : -1;
     if (result != 0 && descriptor >= 0) {
@@ -136,7 +114,7 @@ ssize_t Receive(int socket, void* buffer, std::size_t size, int flags) {
     if (!rdx::HandlesSignalsInWindows()) return recv(socket, buffer, size, flags);
     for (;;) {
         const ssize_t count = recv(socket, buffer, size, flags | MSG_DONTWAIT);
-        if (count >= 0 || (errno != EAGAIN && errno != EWOULDBLOCK)) return count;
+        if (count >= 0 || errno != EAGAIN) return count;
         if (!rdx::WaitForPeer(socket, POLLIN, -1)) {
             errno = EINTR;
             return -1;
@@ -153,7 +131,7 @@ ssize_t Send(int socket, const char* data, std::size_t size) {
         const ssize_t count = send(socket, data + sent, size - sent, MSG_DONTWAIT);
         if (count >= 0) {
             sent += static_cast<std::size_t>(count);
-        } else if ((errno != EAGAIN && errno != EWOULDBLOCK) || !rdx::WaitForPeer(socket, POLLOUT, -1)) {
+        } else if (errno != EAGAIN || !rdx::WaitForPeer(socket, POLLOUT, -1)) {
             return sent > 0 ? static_cast<ssize_t>(sent) : -1;
         }
     }
@@ -242,11 +220,19 @@ bool Consume(int socket, std::size_t count) {
     return true;
 }
 
+// Whether there is memory for a preview of what was not sent. Nobody reads the preview; callers tell by the
+// result that a report could not have been made whole.
+bool CanCopyPreview(const char* data, int length) {
+    constexpr int kPreviewSize = 32; // bytes, the NUL included
+    const int previewed = std::max(std::min(length, kPreviewSize) - 1, 0);
+    return rdx::CopyText({data, static_cast<std::size_t>(previewed)}) != nullptr;
+}
+
 int ReportFailedLine(int received) {
     char message[64];
     rdx::Appender(message).Add("recv failed after ").AddDecimal(received).Add(" bytes");
     ReportSocketError("ReadLineFromSocket()", message);
-    return -1;
+    return SOCKETLINE_NOT_RECEIVED;
 }
 
 // Builds one line from bytes in the order of their arrival.
@@ -258,13 +244,11 @@ public:
     }
 
     static constexpr int kMore = std::numeric_limits<int>::min();
-    static constexpr int kSecondCr = -2;
-    static constexpr int kTooLong = -3;
 
     // The line's result after this byte, or kMore.
     int Add(char c) {
         if (c == '\r') {
-            if (endLength_ > 0) return kSecondCr;
+            if (endLength_ > 0) return SOCKETLINE_SECOND_CR;
             AddToEnd(c);
             return kMore;
         }
@@ -272,7 +256,7 @@ public:
             AddToEnd(c);
             return Length();
         }
-        if (length_ == size_ - 1) return kTooLong;
+        if (length_ == size_ - 1) return SOCKETLINE_TOO_LONG;
         line_[length_++] = c;
         line_[length_] = '\0';
         return kMore;
@@ -302,31 +286,24 @@ int InitSockLib() { return 0; }
 
 int CreateSrvSocket(const char* szService, int iBacklog, int* phSocket) {
     constexpr const char* kFunction = "CreateSrvSocket()";
-    const std::optional<unsigned short> known = PortOfService(szService);
-    const unsigned short port =
-        known ? static_cast<unsigned short>(*known + usPortOffset) : PortOfNumber(szService);
-    if (port == 0) return -1;
+    const std::optional<unsigned short> port = rdx::UsablePort(PortOf(szService, usPortOffset));
+    if (!port) return SRVSOCKET_NO_PORT;
+    const auto fail = [](int result, const char* message) {
+        if (rdx::VerbosityAbove(VERBOSITY_NONE)) ReportSocketError(kFunction, message);
+        return result;
+    };
     const int protocol = TcpProtocol();
-    if (protocol < 0) {
-        ReportUnlessSilent(kFunction, "failed mapping protocol name");
-        return -2;
-    }
-    PendingSocket server(socket(AF_INET, SOCK_STREAM, protocol));
-    if (server.Get() < 0) {
-        ReportUnlessSilent(kFunction, "failed creating socket");
-        return -3;
-    }
+    if (protocol < 0) return fail(SRVSOCKET_NO_PROTOCOL, "failed mapping protocol name");
+    rdx::OwnedSocket server(socket(AF_INET, SOCK_STREAM, protocol));
+    if (server.Get() < 0) return fail(SRVSOCKET_NO_SOCKET, "failed creating socket");
     if (ReuseSockAddr(server.Get()) != 0) {
-        ReportUnlessSilent(kFunction, "failed declaring socket address reusable");
-        return -4;
+        return fail(SRVSOCKET_NO_REUSE, "failed declaring socket address reusable");
     }
-    if (!BindTo(server.Get(), MakeAddress({htonl(INADDR_ANY)}, port))) {
-        ReportUnlessSilent(kFunction, "failed binding allocated socket");
-        return -5;
+    if (!BindTo(server.Get(), MakeAddress({htonl(INADDR_ANY)}, *port))) {
+        return fail(SRVSOCKET_NOT_BOUND, "failed binding allocated socket");
     }
     if (listen(server.Get(), iBacklog) != 0) {
-        ReportUnlessSilent(kFunction, "listening on bound socket failed");
-        return -6;
+        return fail(SRVSOCKET_NOT_LISTENING, "listening on bound socket failed");
     }
     *phSocket = server.Release();
     return 0;
@@ -334,24 +311,22 @@ int CreateSrvSocket(const char* szService, int iBacklog, int* phSocket) {
 
 int CreateClntSocket(const char* szHost, const char* szService, int* phSocket) {
     constexpr const char* kFunction = "CreateClntSocket()";
-    const unsigned short port = PortOfService(szService).value_or(PortOfNumber(szService));
+    const std::int64_t port = PortOf(szService, 0);
     RDX_CHECK(port != 0, "port != 0");
     const std::optional<in_addr> address = AddressOfHost(szHost);
-    if (!address) return -2;
+    if (!address) return CLNTSOCKET_NO_HOST;
     RDX_CHECK(address->s_addr != 0, "ulAddr != 0L");
+    const auto fail = [](int result, const char* message) {
+        ReportSocketError(kFunction, message);
+        return result;
+    };
     const int protocol = TcpProtocol();
-    if (protocol < 0) {
-        ReportSocketError(kFunction, "failed mapping protocol name");
-        return -3;
-    }
-    PendingSocket client(socket(AF_INET, SOCK_STREAM, protocol));
-    if (client.Get() < 0) {
-        ReportSocketError(kFunction, "failed creating socket");
-        return -4;
-    }
-    if (!Connect(client.Get(), MakeAddress(*address, port))) {
-        ReportSocketError(kFunction, "failed connecting socket");
-        return -5;
+    if (protocol < 0) return fail(CLNTSOCKET_NO_PROTOCOL, "failed mapping protocol name");
+    rdx::OwnedSocket client(socket(AF_INET, SOCK_STREAM, protocol));
+    if (client.Get() < 0) return fail(CLNTSOCKET_NO_SOCKET, "failed creating socket");
+    const std::optional<unsigned short> usable = rdx::UsablePort(port);
+    if (!usable || !Connect(client.Get(), MakeAddress(*address, *usable))) {
+        return fail(CLNTSOCKET_NOT_CONNECTED, "failed connecting socket");
     }
     *phSocket = client.Release();
     return 0;
@@ -359,54 +334,60 @@ int CreateClntSocket(const char* szHost, const char* szService, int* phSocket) {
 
 int CreateSrvSocketExt(const char* szLocalAddr, unsigned short usPort, int iBacklog, int* phSocket) {
     constexpr const char* kFunction = "CreateSrvSocketExt()";
-    PendingSocket server(socket(AF_INET, SOCK_STREAM, 0));
-    const auto finish = [&](int result, const char* message) {
-        if (message != nullptr) ReportSocketError(kFunction, message);
+    rdx::OwnedSocket server(socket(AF_INET, SOCK_STREAM, 0));
+    const auto fail = [&](int result, const char* message) {
+        ReportSocketError(kFunction, message);
         return FinishExt(kFunction, server, result, phSocket);
     };
-    // The wording is kept although the socket is a stream socket.
-    if (server.Get() < 0) return finish(-1, "failed creating datagram socket");
-    if (ReuseSockAddr(server.Get()) != 0) return finish(-2, "failed declaring socket address reusable");
+    // "datagram" although the socket is a stream socket: who watches the hook looks for these very words.
+    if (server.Get() < 0) return fail(SRVSOCKETEXT_NO_SOCKET, "failed creating datagram socket");
+    if (ReuseSockAddr(server.Get()) != 0) {
+        return fail(SRVSOCKETEXT_NO_REUSE, "failed declaring socket address reusable");
+    }
     const std::optional<in_addr> local = ParseAddress(szLocalAddr);
-    if (!local) return finish(-3, nullptr);
+    if (!local) return FinishExt(kFunction, server, SRVSOCKETEXT_NO_ADDRESS, phSocket);
     RDX_CHECK(local->s_addr != 0, "ulAddr != 0L");
     if (!BindTo(server.Get(), MakeAddress(*local, usPort))) {
-        return finish(-4, "failed binding datagram socket to local addr/port");
+        return fail(SRVSOCKETEXT_NOT_BOUND, "failed binding datagram socket to local addr/port");
     }
-    if (listen(server.Get(), iBacklog) != 0) return finish(-5, "listening on bound socket failed");
-    return finish(0, nullptr);
+    if (listen(server.Get(), iBacklog) != 0) {
+        return fail(SRVSOCKETEXT_NOT_LISTENING, "listening on bound socket failed");
+    }
+    return FinishExt(kFunction, server, 0, phSocket);
 }
 
 int CreateClntSocketExt(const char* szLocalAddr, unsigned short usLocalPort, const char* szRemoteAddr,
                         unsigned short usRemotePort, int* phSocket) {
     constexpr const char* kFunction = "CreateClntSocketExt()";
-    PendingSocket client(socket(AF_INET, SOCK_STREAM, 0));
-    const auto finish = [&](int result, const char* message) {
-        if (message != nullptr) ReportSocketError(kFunction, message);
-        return FinishExt(kFunction, client, result, phSocket);
+    rdx::OwnedSocket client(socket(AF_INET, SOCK_STREAM, 0));
+    const auto finish = [&](int result) { return FinishExt(kFunction, client, result, phSocket); };
+    const auto fail = [&](int result, const char* message) {
+        ReportSocketError(kFunction, message);
+        return finish(result);
     };
-    if (client.Get() < 0) return finish(-1, "failed creating stream socket");
+    const auto failUnlessSilent = [&](int result, const char* message) {
+        return rdx::VerbosityAbove(VERBOSITY_NONE) ? fail(result, message) : finish(result);
+    };
+    if (client.Get() < 0) return fail(CLNTSOCKETEXT_NO_SOCKET, "failed creating stream socket");
     if (!ResetOnClose(client.Get())) {
-        ReportUnlessSilent(kFunction, "setting socket option SO_LINGER failed");
-        return finish(-2, nullptr);
+        return failUnlessSilent(CLNTSOCKETEXT_NO_OPTION, "setting socket option SO_LINGER failed");
     }
     if (!ReuseAddress(client.Get())) {
-        ReportUnlessSilent(kFunction, "setting socket option SO_REUSEADDR failed");
-        return finish(-2, nullptr);
+        return failUnlessSilent(CLNTSOCKETEXT_NO_OPTION, "setting socket option SO_REUSEADDR failed");
     }
     const std::optional<in_addr> local = ParseAddress(szLocalAddr);
-    if (!local) return finish(-3, nullptr);
+    if (!local) return finish(CLNTSOCKETEXT_NO_LOCAL);
     RDX_CHECK(local->s_addr != 0, "ulAddr != 0L");
     if (!BindTo(client.Get(), MakeAddress(*local, usLocalPort))) {
-        return finish(-4, "failed binding stream socket to local addr/port");
+        return fail(CLNTSOCKETEXT_NOT_BOUND, "failed binding stream socket to local addr/port");
     }
     const std::optional<in_addr> remote = ParseAddress(szRemoteAddr);
-    if (!remote) return finish(-5, nullptr);
+    if (!remote) return finish(CLNTSOCKETEXT_NO_REMOTE);
     RDX_CHECK(remote->s_addr != 0, "ulAddr != 0L");
     if (!Connect(client.Get(), MakeAddress(*remote, usRemotePort))) {
-        return finish(-6, "failed establishing virtual circuit to destination");
+        return fail(CLNTSOCKETEXT_NOT_CONNECTED, "failed establishing virtual circuit to destination");
     }
-    return finish(0, nullptr);
+    return finish(0);
 }
 
 int CloseSocket(int hSocket) {
@@ -417,10 +398,10 @@ int CloseSocket(int hSocket) {
 
 int RecvSocket(int hSocket, void* pBuf, int iSize, char cNonBlocking) {
     const bool blocking = cNonBlocking == 0;
-    if (!blocking && !MakeNonBlocking(hSocket)) return -1;
+    if (!blocking && !MakeNonBlocking(hSocket)) return SOCKET_NOT_RECEIVED;
     char* const buffer = static_cast<char*>(pBuf);
-    const bool terminated = blocking && rdx::LoadShared(ucEntityTerminator) != 0;
-    const rdx::SharedText terminator(szEntityTerminator);
+    const rdx::EntityTerminator terminator = rdx::LoadEntityTerminator();
+    const bool terminated = blocking && terminator.used;
     Retries retries;
     int total = 0;
     while (total < iSize) {
@@ -435,7 +416,7 @@ int RecvSocket(int hSocket, void* pBuf, int iSize, char cNonBlocking) {
             RDX_CHECK(!terminator.View().empty(), "slen > 0");
             if (EndsEntity({buffer, static_cast<std::size_t>(total)}, terminator.View())) return total;
         } else if (blocking || errno != EAGAIN || !retries.Next()) {
-            return total > 0 ? total : -1;
+            return total > 0 ? total : static_cast<int>(SOCKET_NOT_RECEIVED);
         }
     }
     return total;
@@ -459,24 +440,20 @@ int ReadLineFromSocket(int hSocket, char* szBuf, unsigned int uiBufsize, char* s
         while (taken < static_cast<std::size_t>(count) && result == LineBuilder::kMore) {
             result = line.Add(arrived[taken++]);
         }
-        if (!Consume(hSocket, taken)) return -1;
+        if (!Consume(hSocket, taken)) return SOCKETLINE_NOT_RECEIVED;
         if (result != LineBuilder::kMore) return result;
     }
 }
 
 int SendSocket(int hSocket, const void* pData, int iLength) {
-    constexpr int kPreviewSize = 32; // bytes, the NUL included
     const char* const data = static_cast<const char*>(pData);
     const ssize_t sent = Send(hSocket, data, static_cast<std::size_t>(std::max(iLength, 0)));
     if (sent == iLength) return iLength;
     if (rdx::VerbosityAbove(VERBOSITY_FATAL)) {
         ReportSocketError("SendSocket()", "send() failed");
-        // A preview of what was to be sent, for a debugger.
-        const int previewed = std::max(std::min(iLength, kPreviewSize) - 1, 0);
-        const rdx::OwnedText preview = rdx::CopyText({data, static_cast<std::size_t>(previewed)});
-        if (!preview) return -1;
+        if (!CanCopyPreview(data, iLength)) return SOCKET_NO_MEMORY;
     }
-    return sent < 0 ? -2 : -3;
+    return sent < 0 ? SOCKET_NOT_SENT : SOCKET_PARTLY_SENT;
 }
 
 int WriteSocket(int hSocket, const void* pData, unsigned int uiLength) {
@@ -484,14 +461,6 @@ int WriteSocket(int hSocket, const void* pData, unsigned int uiLength) {
     if (written < 0) ReportSocketError("WriteSocket()", "failed writing to socket");
     if (written == 0) ReportSocketError("WriteSocket()", "failed writing all bytes");
     return written;
-}
-
-int ReportSocketError(const char* /*szFunction*/, const char* /*szMessage*/) {
-    const int error = errno;
-    char text[128];
-    static_cast<void>(strerror_r(error, text, sizeof text));
-    errno = error;
-    return error;
 }
 
 int DumpClientSocket(FILE* stream, const char* szFunction, int hClient, const sockaddr_in* pClient) {

@@ -30,7 +30,7 @@ constexpr int kInternalError = -500;
 constexpr int kUnknownProtocol = -501;
 constexpr int kUnknownVersion = -505;
 
-static_assert(rdx::kMethodNames.size() == HTTP_METHODS);
+static_assert(rdx::kHttpMethods.size() == HTTP_METHODS);
 
 struct Version {
     std::string_view name;
@@ -217,9 +217,9 @@ int IsMethodAllowed(const char* pszMethod, int* piIndex) {
     *piIndex = -1;
     if (pszMethod == nullptr) return -1;
     const auto* const name = std::ranges::find_if(
-        rdx::kMethodNames, [=](const char* known) { return rdx::EqualsIgnoringCase(known, pszMethod); });
-    if (name == rdx::kMethodNames.end()) return -1;
-    *piIndex = static_cast<int>(name - rdx::kMethodNames.begin());
+        rdx::kHttpMethods, [=](const char* known) { return rdx::EqualsIgnoringCase(known, pszMethod); });
+    if (name == rdx::kHttpMethods.end()) return -1;
+    *piIndex = static_cast<int>(name - rdx::kHttpMethods.begin());
     const int allowed = rdx::LoadShared(aiMethodsAllowed[*piIndex]);
     printf("\nParsing: method ok (%d)", allowed);
     return allowed;

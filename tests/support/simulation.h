@@ -16,6 +16,10 @@
 
 namespace rdx::test {
 
+inline constexpr auto kAllBits = static_cast<unsigned long>(-1);
+inline constexpr char kMe[] = "Workstation 7";
+inline constexpr char kHer[] = "Workstation 8";
+
 inline std::string ReadWhole(const std::string& path) {
     std::ifstream file(path, std::ios::binary);
     return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
@@ -23,6 +27,15 @@ inline std::string ReadWhole(const std::string& path) {
 
 inline void WriteWhole(const std::string& path, const std::string& text) {
     std::ofstream(path, std::ios::binary | std::ios::trunc) << text;
+}
+
+// The line that opens the function's section of a scenario.
+inline std::string Section(sim::Function function) {
+    return "[" + std::string(sim::NameOf(function)) + "]\n";
+}
+
+inline bool Holds(const std::string& text, const std::string& part) {
+    return text.find(part) != std::string::npos;
 }
 
 class TemporaryFolder {

@@ -11,6 +11,7 @@
 #include "tests/support/eventually.h"
 #include "tests/support/faults.h"
 #include "tests/support/handlers.h"
+#include "tests/support/reports.h"
 
 #include <gtest/gtest.h>
 
@@ -251,26 +252,25 @@ protected:
     }
 };
 
-// Checks one call that must fail: its result, the descriptors it leaves, how often it reports and that
-// nothing is printed.
+// Checks one call that must fail: its result, the descriptors it leaves, what it reports and that nothing is
+// printed.
 class Failure {
 public:
     explicit Failure(int verbosity = VERBOSITY_NONE) {
         StoreShared(ucVerbosity, static_cast<unsigned char>(verbosity));
-        reports_ = CallsOf("strerror_r"); // the hook looks the system's text up
+        TakeReports();
         descriptors_ = OpenDescriptors();
     }
 
-    void Expect(int result, int expected, int reports) const {
+    void Expect(int result, int expected, const std::vector<std::string>& reports) const {
         EXPECT_EQ(result, expected);
-        EXPECT_EQ(CallsOf("strerror_r") - reports_, reports);
+        EXPECT_EQ(TakeReports(), reports);
         EXPECT_EQ(OpenDescriptors(), descriptors_);
         EXPECT_EQ(capture_.Text(), "");
     }
 
 private:
     CaptureStdout capture_;
-    int reports_;
     int descriptors_;
 };
 

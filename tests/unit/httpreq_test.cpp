@@ -1,40 +1,30 @@
 #include "http/httpreq.h"
 
 #include "common/config.h"
-#include "common/log.h"
 #include "tests/support/assertion.h"
 #include "tests/support/broken_requests.h"
 #include "tests/support/capture.h"
 #include "tests/support/classifier.h"
 #include "tests/support/faults.h"
 #include "tests/support/guarded.h"
+#include "tests/support/header_lists.h"
 #include "tests/support/loopback.h"
+#include "tests/support/request_reading.h"
 #include "tests/support/wire.h"
 
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <cstddef>
-#include <cstdlib>
 #include <cstring>
 #include <iterator>
 #include <memory>
 #include <string>
 #include <string_view>
-#include <utility>
-#include <vector>
 
 namespace {
 
-using rdx::test::ArrivedWire;
-using rdx::test::CallsOf;
-using rdx::test::CaptureStdout;
-using rdx::test::Cut;
-using rdx::test::CutsOf;
-using rdx::test::FailCall;
-using rdx::test::GuardedBytes;
-using rdx::test::Wire;
-using rdx::test::WithoutTimes;
+using namespace rdx::test;
 
 // The record's layout is part of the interface; written down where a pointer has 64 bits.
 static_assert(sizeof(void*) != 8 || sizeof(HttpRequest) == 1072);
@@ -62,92 +52,7 @@ static_assert(sizeof(HttpRequest::pszSeparator) == 3);
 static_assert(sizeof(HttpRequest::aGeneralHeaders) == 16 * sizeof(HttpHeader));
 static_assert(sizeof(HttpRequest::aRequestHeaders) == 14 * sizeof(HttpHeader));
 static_assert(sizeof(HttpRequest::aEntityHeaders) == 16 * sizeof(HttpHeader));
-static_assert(sizeof(HttpRequest::szPeerName) == 256);
 
-auto Assertion(const std::string& function, const std::string& text) {
-    return rdx::test::Assertion("http/httpreq.cpp", function, text);
-}
-
-// A request and what became of reading it.
-class Read {
-public:
-    Read() = default;
-    ~Read() {
-        if (request == nullptr) return;
-        // A list that has overflowed would meet the assertion that other tests are about.
-        request->ucNumOfGeneralHeaders = std::min<unsigned char>(request->ucNumOfGeneralHeaders, 16);
-        request->ucNumOfRequestHeaders = std::min<unsigned char>(request->ucNumOfRequestHeaders, 14);
-        request->ucNumOfEntityHeaders = std::min<unsigned char>(request->ucNumOfEntityHeaders, 16);
-        FreeHttpRequest(request);
-        std::free(request);
-    }
-    Read(const Read&) = delete;
-    Read& operator=(const Read&) = delete;
-    Read(Read&& other) noexcept
-        : code(other.code), taken(other.taken), trace(std::move(other.trace)),
-          request(std::exchange(other.request, nullptr)) {}
-
-    HttpRequest* operator->() const { return request; }
-    std::string Body() const {
-        return request->pEntityBody == nullptr ? ""
-                                               : std::string(request->pEntityBody, request->uiBodyLength);
-    }
-
-    int code = 0;
-    std::size_t taken = 0; // bytes out of the socket
-    std::string trace;     // on standard output
-    HttpRequest* request = nullptr;
-};
-
-void ReadFrom(int sock, Read& read) {
-    HttpRequest garbage{};
-    read.request = &garbage; // must be overwritten on every path
-    const CaptureStdout capture;
-    read.code = ConsumeHttpRequest(sock, &read.request);
-    read.trace = capture.Text();
-}
-
-Read ReadCut(const Cut& cut, Wire::Then then = Wire::Then::Close) {
-    Read read;
-    Wire wire(cut.pieces, then);
-    ReadFrom(wire.Socket(), read);
-    read.taken = wire.Taken();
-    EXPECT_EQ(read.request != nullptr, read.code == 200);
-    return read;
-}
-
-Read ReadWhole(std::string_view bytes, Wire::Then then = Wire::Then::Close) {
-    return ReadCut({"whole", {bytes}}, then);
-}
-
-// Reads `bytes` at every cut and gives each result to `check`.
-template <typename Check>
-void AtEveryCut(std::string_view bytes, Check check) {
-    for (const Cut& cut : CutsOf(bytes)) {
-        SCOPED_TRACE(cut.name);
-        const Read read = ReadCut(cut);
-        check(read);
-    }
-}
-
-int CodeOf(std::string_view bytes) { return ReadWhole(bytes).code; }
-
-// "GET and POST are allowed, no credentials are demanded, the limits are the defaults."
-class RequestTest : public testing::Test {
-protected:
-    void SetUp() override {
-        GTEST_FLAG_SET(death_test_style, "threadsafe");
-        std::ranges::fill(aiMethodsAllowed, 0);
-        aiMethodsAllowed[HTTP_GET] = aiMethodsAllowed[HTTP_POST] = 1;
-        ucAuthRequired = 0;
-        szConfigAuthInfo[0] = '\0';
-        ucSupportNetscapeVM = 0;
-        ucEntityTerminator = 0;
-        g_dwPostMaxContLength = g_dwPostMaxSizeToRead = 65536;
-        ucVerbosity = VERBOSITY_WARN;
-    }
-    void TearDown() override { SetUp(); }
-};
 using ConsumeHttpRequestTest = RequestTest;
 using ConsumeHttpRequestDeathTest = RequestTest;
 using ReadHttpReqHeadersTest = RequestTest;
@@ -155,20 +60,6 @@ using ReadPostDataTest = RequestTest;
 using ParseHttpMethodLineTest = RequestTest;
 using IsMethodAllowedTest = RequestTest;
 using FreeHttpRequestDeathTest = RequestTest;
-
-std::vector<std::string> Headers(const HttpHeader* headers, int count) {
-    std::vector<std::string> texts;
-    for (int i = 0; i < count; ++i) texts.push_back(headers[i].name + std::string("=") + headers[i].value);
-    return texts;
-}
-
-std::string Repeat(const std::string& text, int times) {
-    std::string repeated;
-    for (int i = 0; i < times; ++i) repeated += text;
-    return repeated;
-}
-
-using Texts = std::vector<std::string>;
 
 // Whole requests ----------------------------------------------------------------------------------------
 
@@ -234,70 +125,6 @@ TEST_F(ConsumeHttpRequestTest, NeedsNoEndOfTheConnection) {
     for (const std::string_view request : {"GET /x HTTP/1.1\r\nHost: a\r\n\r\n",
                                            "POST /x HTTP/1.1\r\nContent-length: 4\r\n\r\nbody", "\r\n"}) {
         EXPECT_EQ(ReadWhole(request, Wire::Then::StayOpen).code, 200) << request;
-    }
-}
-
-TEST_F(ConsumeHttpRequestTest, AnswersEveryBrokenRequestWithItsCodeAtEveryCut) {
-    for (const auto& row : rdx::test::kBrokenRequests) {
-        SCOPED_TRACE(row.why);
-        AtEveryCut(row.bytes, [&](const Read& read) { EXPECT_EQ(read.code, row.outcome); });
-    }
-}
-
-TEST_F(ConsumeHttpRequestDeathTest, EndsTheProcessOnEveryLethalRequest) {
-    for (const auto& row : rdx::test::kLethalRequests) {
-        SCOPED_TRACE(row.why);
-        EXPECT_DEATH(
-            {
-                const ArrivedWire wire(row.bytes);
-                HttpRequest* request = nullptr;
-                if (ConsumeHttpRequest(wire.Socket(), &request) == 200) FreeHttpRequest(request);
-            },
-            testing::HasSubstr("Assertion `" + std::string(row.assertion) + "' failed."));
-    }
-}
-
-// What a connection that closes within a request comes to, wherever it does.
-constexpr int kLethal = 0;
-const struct {
-    std::string_view piece;
-    int outcome; // of a request that ends within this piece or with it
-} kPrefixes[] = {
-    {"POST /x HTTP", -400}, // words are missing
-    {"/1.", -505},          // half a version
-    {"1\r\n", -400},        // no headers
-    {"Host", kLethal},      // a header without a colon
-    {": a\r\n", 200},       // the end of the connection is the end of the headers
-    {"Content-Length", kLethal},
-    {": ", -400},           // a length of 0
-    {"4\r\n\r\nbod", -400}, // a short body
-    {"y", 200},
-};
-
-std::vector<std::pair<std::string, int>> Prefixes() {
-    std::vector<std::pair<std::string, int>> prefixes = {{"", 200}};
-    for (const auto& row : kPrefixes) {
-        for (const char c : row.piece) prefixes.emplace_back(prefixes.back().first + c, row.outcome);
-    }
-    return prefixes;
-}
-
-TEST_F(ConsumeHttpRequestTest, KnowsEveryPrefixOfAGoodRequest) {
-    for (const auto& [prefix, outcome] : Prefixes()) {
-        if (outcome == kLethal) continue;
-        SCOPED_TRACE("\"" + prefix + "\"");
-        AtEveryCut(prefix, [expected = outcome](const Read& read) { EXPECT_EQ(read.code, expected); });
-    }
-}
-
-TEST_F(ConsumeHttpRequestDeathTest, EndsTheProcessWhereAHeaderNameIsCutOff) {
-    for (const auto& [prefix, outcome] : Prefixes()) {
-        if (outcome != kLethal) continue;
-        const ArrivedWire wire(prefix);
-        HttpRequest* request = nullptr;
-        EXPECT_DEATH(ConsumeHttpRequest(wire.Socket(), &request),
-                     rdx::test::Assertion("http/http.cpp", "AssignHeaderData", "pcolon != __null"))
-            << prefix;
     }
 }
 
@@ -470,153 +297,6 @@ TEST_F(ConsumeHttpRequestTest, DecidesKeepAliveByVersionAndThenByHeader) {
     }
 }
 
-// Header lists ------------------------------------------------------------------------------------------
-
-TEST_F(ConsumeHttpRequestTest, SortsEveryNameOfTheTablesIntoItsList) {
-    const auto count = [](const std::string& name) {
-        const Read read = ReadWhole("POST /x HTTP/1.1\r\n" + name + ": 1\r\n\r\nb");
-        EXPECT_EQ(read.code, 200) << name;
-        return std::vector<int>{read->ucNumOfGeneralHeaders, read->ucNumOfRequestHeaders,
-                                read->ucNumOfEntityHeaders};
-    };
-    for (const char* name : apszGeneralHeaders) EXPECT_EQ(count(name), (std::vector<int>{1, 0, 0})) << name;
-    for (const char* name : apszRequestHeaders) EXPECT_EQ(count(name), (std::vector<int>{0, 1, 0})) << name;
-    for (const char* name : apszEntityHeaders) EXPECT_EQ(count(name), (std::vector<int>{0, 0, 1})) << name;
-}
-
-TEST_F(ConsumeHttpRequestTest, KeepsTheOrderOfArrivalAndRepeatedNames) {
-    const Read read =
-        ReadWhole("GET /x HTTP/1.1\r\nHost: 1\r\nVia: 1\r\nHost: 2\r\nAllow: 1\r\nVia: 2\r\n\r\n");
-    ASSERT_EQ(read.code, 200);
-    EXPECT_EQ(Headers(read->aGeneralHeaders, read->ucNumOfGeneralHeaders), (Texts{"Via=1", "Via=2"}));
-    EXPECT_EQ(Headers(read->aRequestHeaders, read->ucNumOfRequestHeaders), (Texts{"Host=1", "Host=2"}));
-    EXPECT_EQ(Headers(read->aEntityHeaders, read->ucNumOfEntityHeaders), (Texts{"Allow=1"}));
-}
-
-TEST_F(ConsumeHttpRequestTest, PutsShortNamesAmongTheGeneralHeaders) {
-    const Read read = ReadWhole("GET /x HTTP/1.1\r\nX: 1\r\n: 2\r\n:\r\nH: a\r\n\r\n");
-    ASSERT_EQ(read.code, 200);
-    EXPECT_EQ(Headers(read->aGeneralHeaders, read->ucNumOfGeneralHeaders), (Texts{"X=1", "=2", "=", "H=a"}));
-}
-
-TEST_F(ConsumeHttpRequestTest, FillsEveryListToItsCapacity) {
-    const Read read = ReadWhole("GET /x HTTP/1.1\r\n" + Repeat("Via: a\r\n", 16) + Repeat("Host: a\r\n", 14) +
-                                Repeat("Allow: a\r\n", 16) + "\r\n");
-    ASSERT_EQ(read.code, 200);
-    EXPECT_EQ(read->ucNumOfGeneralHeaders, 16);
-    EXPECT_EQ(read->ucNumOfRequestHeaders, 14);
-    EXPECT_EQ(read->ucNumOfEntityHeaders, 16);
-    EXPECT_STREQ(read->aGeneralHeaders[15].value, "a");
-    EXPECT_STREQ(read->aRequestHeaders[13].value, "a");
-    EXPECT_STREQ(read->aEntityHeaders[15].value, "a");
-}
-
-TEST_F(ConsumeHttpRequestTest, CountsHeadersBehindAFullListWithoutAnyEffect) {
-    const Read general =
-        ReadWhole("GET /x HTTP/1.1\r\n" + Repeat("Via: a\r\n", 16) + "Connection: close\r\n\r\n");
-    ASSERT_EQ(general.code, 200);
-    EXPECT_EQ(general->ucNumOfGeneralHeaders, 17);
-    EXPECT_EQ(general->ucKeepAlive, 1);
-    EXPECT_EQ(general->ucNumOfRequestHeaders, 0);
-
-    const Read request = ReadWhole("GET /x HTTP/1.1\r\n" + Repeat("Host: a\r\n", 15) + "\r\n");
-    ASSERT_EQ(request.code, 200);
-    EXPECT_EQ(request->ucNumOfRequestHeaders, 15);
-    EXPECT_EQ(request->ucNumOfEntityHeaders, 0);
-
-    const Read entity = ReadWhole("GET /x HTTP/1.1\r\n" + Repeat("Allow: a\r\n", 16) +
-                                  "Content-length: 0\r\nContent-type: multipart/form-data\r\n\r\n");
-    ASSERT_EQ(entity.code, 200);
-    EXPECT_EQ(entity->ucNumOfEntityHeaders, 18);
-    EXPECT_EQ(entity->uiBodyLength, 0U);
-    EXPECT_EQ(entity->ucMultipart, 0);
-}
-
-TEST_F(ConsumeHttpRequestTest, NeverCountsAnOverflowingListRoundTo0) {
-    for (const int count : {254, 255, 256, 257, 300, 600}) {
-        const Read read = ReadWhole("GET /x HTTP/1.1\r\n" + Repeat("Via: a\r\n", count) +
-                                    Repeat("Host: a\r\n", count) + Repeat("Allow: a\r\n", count) + "\r\n");
-        ASSERT_EQ(read.code, 200);
-        EXPECT_EQ(read->ucNumOfGeneralHeaders, std::min(count, 255));
-        EXPECT_EQ(read->ucNumOfRequestHeaders, std::min(count, 255));
-        EXPECT_EQ(read->ucNumOfEntityHeaders, std::min(count, 255));
-    }
-}
-
-// Multipart ---------------------------------------------------------------------------------------------
-
-std::string WithContentType(const std::string& value) {
-    return "POST /x HTTP/1.1\r\nContent-Type: " + value + "\r\n\r\n";
-}
-
-TEST_F(ConsumeHttpRequestTest, TakesTheBoundaryUpToTheValuesEnd) {
-    const struct {
-        const char* value;
-        const char* boundary;
-    } rows[] = {
-        {"multipart/form-data; boundary=AbC", "--AbC"},
-        {"multipart/form-data;boundary=AbC", "--AbC"},
-        {"multipart/form-databoundary=AbC", "--AbC"},
-        {"multipart/form-data; charset=x; boundary=AbC", "--AbC"},
-        {"multipart/form-data; boundary=AbC; charset=x", "--AbC; charset=x"},
-        {"multipart/form-data; boundary=\"AbC\"", "--\"AbC\""},
-        {"multipart/form-data; boundary=AbC ", "--AbC "},
-        {"multipart/form-data; boundary=--AbC", "----AbC"},
-        {"multipart/form-data; boundary=a boundary=b", "--a boundary=b"},
-        {"multipart/form-data; boundary=", "--"},
-    };
-    for (const auto& row : rows) {
-        const Read read = ReadWhole(WithContentType(row.value));
-        ASSERT_EQ(read.code, 200) << row.value;
-        EXPECT_EQ(read->ucMultipart, 1) << row.value;
-        EXPECT_STREQ(read->pszBoundary, row.boundary);
-        EXPECT_EQ(read->ucBoundaryLen, std::strlen(row.boundary)) << row.value;
-    }
-}
-
-TEST_F(ConsumeHttpRequestTest, TakesOtherContentTypesForNoMultipart) {
-    for (const char* value :
-         {"text/xml", "Multipart/form-data; boundary=a", "multipart/mixed; boundary=a", "", " multipart",
-          "\tmultipart/form-data", "x multipart/form-data; boundary=a"}) {
-        const Read read = ReadWhole(WithContentType(value));
-        ASSERT_EQ(read.code, 200) << value;
-        EXPECT_EQ(read->ucMultipart, 0) << value;
-        EXPECT_EQ(read->pszBoundary, nullptr) << value;
-    }
-    const Read abbreviated = ReadWhole("GET /x HTTP/1.1\r\nContent-Typ: multipart/form-data\r\n\r\n");
-    EXPECT_EQ(abbreviated.code, 200);
-}
-
-TEST_F(ConsumeHttpRequestTest, TakesTheLastBoundary) {
-    const Read read = ReadWhole("POST /x HTTP/1.1\r\nContent-type: multipart/form-data; boundary=first\r\n"
-                                "Content-type: multipart/form-data; boundary=2\r\n\r\n");
-    ASSERT_EQ(read.code, 200);
-    EXPECT_STREQ(read->pszBoundary, "--2");
-    EXPECT_EQ(read->ucBoundaryLen, 3);
-}
-
-TEST_F(ConsumeHttpRequestTest, KeepsABoundarysLengthIn8Bits) {
-    for (const int length : {1, 252, 253, 254, 255, 256, 460}) {
-        const std::string boundary(static_cast<std::size_t>(length), 'b');
-        const Read read = ReadWhole(WithContentType("multipart/form-data; boundary=" + boundary));
-        ASSERT_EQ(read.code, 200) << length;
-        EXPECT_EQ(read->pszBoundary, "--" + boundary);
-        EXPECT_EQ(read->ucBoundaryLen, (length + 2) % 256);
-        EXPECT_EQ(read->ucMultipart, 1);
-    }
-}
-
-TEST_F(ConsumeHttpRequestTest, AcceptsMultipartWithoutBoundaryOnlyWhereSupported) {
-    EXPECT_EQ(CodeOf(WithContentType("multipart/form-data")), -400);
-    ucSupportNetscapeVM = 1;
-    const Read read = ReadWhole(WithContentType("multipart/form-data"));
-    ASSERT_EQ(read.code, 200);
-    EXPECT_EQ(read->ucMultipart, 0);
-    EXPECT_EQ(read->pszBoundary, nullptr);
-    EXPECT_EQ(CodeOf("GET /x HTTP/1.1\r\nContent-type: multipart/form-data\r\n\r\n"), -400)
-        << "it must be posted all the same";
-}
-
 // Credentials -------------------------------------------------------------------------------------------
 
 TEST_F(ConsumeHttpRequestTest, DemandsCredentialsWhenTheSettingsDo) {
@@ -728,91 +408,8 @@ TEST_F(ReadHttpReqHeadersTest, LogsTheRequestLinesLengthAtTheHighestVerbosity) {
     EXPECT_EQ(ReadWhole("").trace, "");
 }
 
-// Failures ----------------------------------------------------------------------------------------------
-
 constexpr std::string_view kMultipartPost =
     "POST /x HTTP/1.1\r\nContent-type: multipart/form-data; boundary=b\r\nContent-length: 4\r\n\r\nbody";
-
-TEST_F(ConsumeHttpRequestTest, ReportsMissingMemoryForTheRecord) {
-    const FailCall noMemory("calloc");
-    EXPECT_EQ(CodeOf(kMultipartPost), -500);
-    EXPECT_TRUE(noMemory.Struck());
-}
-
-TEST_F(ConsumeHttpRequestTest, SurvivesEveryFailingAllocation) {
-    const struct {
-        const char* what;
-        int outcome;
-        unsigned int bodyLength;
-        int multipart;
-    } rows[] = {
-        {"the target", -500, 0, 0},
-        {"the first header's name: the header is ignored", 200, 4, 0},
-        {"the first header's value: the header is ignored", 200, 4, 0},
-        {"the boundary", -500, 0, 0},
-        {"the second header's name: the header is ignored", 200, 0, 1},
-        {"the second header's value: the header is ignored", 200, 0, 1},
-        {"the body", -500, 0, 0},
-    };
-    int nth = 0;
-    for (const auto& row : rows) {
-        SCOPED_TRACE(row.what);
-        const FailCall noMemory("malloc", ++nth);
-        const Read read = ReadWhole(kMultipartPost);
-        EXPECT_TRUE(noMemory.Struck());
-        ASSERT_EQ(read.code, row.outcome);
-        if (read.code != 200) continue;
-        EXPECT_EQ(read->uiBodyLength, row.bodyLength);
-        EXPECT_EQ(read->ucMultipart, row.multipart);
-        EXPECT_EQ(read->ucNumOfEntityHeaders, 2) << "an ignored header is counted";
-    }
-    const FailCall never("malloc", ++nth);
-    EXPECT_EQ(CodeOf(kMultipartPost), 200);
-    EXPECT_FALSE(never.Struck()) << "the rows above are all there is";
-}
-
-TEST_F(ConsumeHttpRequestTest, IgnoresAConnectionHeaderItHasNoMemoryFor) {
-    for (const int nth : {2, 3}) {
-        const FailCall noMemory("malloc", nth);
-        const Read read = ReadWhole("GET /x HTTP/1.1\r\nConnection: close\r\n\r\n");
-        EXPECT_TRUE(noMemory.Struck());
-        ASSERT_EQ(read.code, 200);
-        EXPECT_EQ(read->ucKeepAlive, 1);
-        EXPECT_EQ(GetReqHeaderByName(read.request, "Connection"), nullptr);
-    }
-}
-
-TEST_F(ConsumeHttpRequestTest, ReportsAFailingReceive) {
-    const ArrivedWire whole(kMultipartPost);
-    Read counted;
-    const int before = CallsOf("recv");
-    ReadFrom(whole.Socket(), counted);
-    const int calls = CallsOf("recv") - before;
-    ASSERT_EQ(counted.code, 200);
-    ASSERT_GE(calls, 5) << "four lines and a body";
-    for (int nth = 1; nth <= calls; ++nth) {
-        SCOPED_TRACE(nth);
-        const ArrivedWire wire(kMultipartPost);
-        const FailCall reset("recv", nth, ECONNRESET);
-        Read read;
-        ReadFrom(wire.Socket(), read);
-        EXPECT_TRUE(reset.Struck());
-        EXPECT_EQ(read.code, nth == calls ? -400 : -1);
-        EXPECT_EQ(read.request, nullptr);
-        EXPECT_EQ(read.trace.ends_with("\nReadPostData: received just -1 bytes"), nth == calls);
-    }
-}
-
-TEST_F(ConsumeHttpRequestTest, ReportsASocketThatIsNone) {
-    Read read;
-    ReadFrom(-1, read);
-    EXPECT_EQ(read.code, -1);
-    EXPECT_EQ(read.request, nullptr);
-}
-
-TEST_F(ConsumeHttpRequestDeathTest, AssertsItsOutput) {
-    EXPECT_DEATH(ConsumeHttpRequest(-1, nullptr), Assertion("ConsumeHttpRequest", "ppRequest != __null"));
-}
 
 // The steps by themselves -------------------------------------------------------------------------------
 
@@ -920,16 +517,6 @@ TEST_F(IsMethodAllowedTest, AgreesWithTheSettingsOnEveryIndex) {
             EXPECT_EQ(IsMethodAllowed(other, &index), other == name ? 1 : 0) << name << ", " << other;
         }
     }
-}
-
-TEST(IsRequestHeader, KnowsItsTable) { rdx::test::ExpectKnowsItsTable(IsRequestHeader, apszRequestHeaders); }
-
-TEST(IsRequestHeader, RefusesMalformedLines) { rdx::test::ExpectRefusesMalformedLines(IsRequestHeader); }
-
-TEST(IsRequestHeader, GoesOnBehindANameThatIsABeginning) {
-    EXPECT_EQ(rdx::test::Classify(IsRequestHeader, "Accept-Charset: utf-8"), 1);
-    EXPECT_EQ(rdx::test::Classify(IsRequestHeader, "accept-charset: x"), 1);
-    EXPECT_EQ(rdx::test::Classify(IsRequestHeader, "Accept-Ranges: bytes"), 0);
 }
 
 int ReadBody(std::string_view bytes, HttpRequest* request) {

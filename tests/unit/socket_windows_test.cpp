@@ -197,6 +197,9 @@ private:
     std::vector<Socket> queued_;
 };
 
+const std::vector<std::string> kNotConnected = {
+    "CreateClntSocketExt(): failed establishing virtual circuit to destination"};
+
 int ConnectExt(int port, int* handle) {
     return CreateClntSocketExt("127.0.0.1", 0, "127.0.0.1", static_cast<unsigned short>(port), handle);
 }
@@ -291,7 +294,7 @@ TEST_F(Windows, FailAConnectOfWhichAStepFails) {
             const Failure failure;
             const FailCall fault("fcntl", nth, EPERM);
             int handle = 4711;
-            failure.Expect(ConnectExt(PortOf(server), &handle), -6, 1);
+            failure.Expect(ConnectExt(PortOf(server), &handle), -6, kNotConnected);
             EXPECT_EQ(handle, -1);
             EXPECT_TRUE(fault.Struck());
         }
@@ -299,7 +302,7 @@ TEST_F(Windows, FailAConnectOfWhichAStepFails) {
         const FailCall underWay("connect", 1, EINPROGRESS);
         const FailCall unknown("getsockopt", 1, EPERM);
         int handle = 4711;
-        failure.Expect(ConnectExt(PortOf(server), &handle), -6, 1);
+        failure.Expect(ConnectExt(PortOf(server), &handle), -6, kNotConnected);
         EXPECT_EQ(handle, -1);
         EXPECT_TRUE(unknown.Struck());
     });

@@ -5,10 +5,12 @@
 //   argument  METHOD  NAME  TYPE  required: yes|no  longest, or -
 //   status    METHOD or what it is about  RESULT  CODE  REASON  what is in "params"
 //   key       METHOD, or - for those of every method  NAME
+//   setting   KEY  default, which may be empty  longest text, or -  meaning
 //   headers   KIND  how many of it a message holds
 //   header    KIND  NAME
 //   limit     WHAT  NUMBER  UNIT  what becomes of more
 #include "common/config.h"
+#include "common/settings.h"
 #include "http/http.h"
 #include "http/httpreq.h"
 #include "rDxsd/method.h"
@@ -112,6 +114,18 @@ void PrintCommonKeys() {
     }
 }
 
+// --- settings -------------------------------------------------------------------------------------------
+
+void PrintSetting(const Setting& setting) {
+    if (setting.key.empty()) return; // a file cannot set it
+    const bool isNumber = setting.byte != nullptr || setting.number != nullptr;
+    const std::string value =
+        isNumber ? std::to_string(setting.numberDefault) : std::string(setting.textDefault);
+    const std::string longest = setting.text.empty() ? "-" : std::to_string(setting.text.size() - 1);
+    std::printf("setting\t%s\t%s\t%s\t%s\n", std::string(setting.key).c_str(), value.c_str(), longest.c_str(),
+                setting.meaning);
+}
+
 // --- headers --------------------------------------------------------------------------------------------
 
 void PrintHeaders(const char* kind, int most, std::span<const char* const> names) {
@@ -148,6 +162,8 @@ int main() {
     PrintCommonStatuses();
     for (const MethodRow& method : Methods()) PrintStatuses(method);
     PrintSelfTestStatuses();
+
+    for (const Setting& setting : HttpSettings()) PrintSetting(setting);
 
     PrintHeaders("general", HTTP_MAX_GENERAL_HEADERS, apszGeneralHeaders);
     PrintHeaders("request", HTTP_MAX_REQUEST_HEADERS, apszRequestHeaders);

@@ -61,6 +61,8 @@ change rDxsd/method.cpp 's/"ReleasedBy"/"GivenBackBy"/' key - GivenBackBy
 change http/http.cpp 's/"Cookie"/"Biscuit"/' header request Biscuit
 change http/http.h 's/HTTP_MAX_REQUEST_HEADERS = 14/HTTP_MAX_REQUEST_HEADERS = 26/' headers request 26
 change http/http.h 's/HTTP_LINE_SIZE = 512/HTTP_LINE_SIZE = 1024/' limit 'request line, header line' 1023 bytes 400
+change common/settings.def 's/uiVoltageMaxAge, 120/uiVoltageMaxAge, 121/' \
+    setting VoltageMaxAge 121 - 'no effect; a number above 0, of seconds'
 change common/config.cpp 's/g_dwPostMaxContLength = 65536/g_dwPostMaxContLength = 65537/' \
     limit 'request body' 65537 bytes 400
 

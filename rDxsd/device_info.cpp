@@ -27,10 +27,7 @@ int AuxiliarySocket() {
     if (known != kNoSocket) return known;
     const int opened = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
     int expected = kNoSocket;
-    if (opened == kNoSocket || __atomic_compare_exchange_n(&auxiliarySocket, &expected, opened, false,
-                                                           __ATOMIC_ACQ_REL, __ATOMIC_ACQUIRE)) {
-        return opened;
-    }
+    if (opened == kNoSocket || rdx::ReplaceShared(auxiliarySocket, expected, opened)) return opened;
     close(opened); // another thread was first
     return expected;
 }
@@ -65,7 +62,7 @@ int GetMacAddressByName(const char* szName, unsigned char* pAddress) {
 uint32_t GetTickCount() {
     timeval now{};
     gettimeofday(&now, nullptr);
-    const auto seconds = static_cast<uint32_t>(now.tv_sec) - server_start_time;
+    const auto seconds = static_cast<uint32_t>(now.tv_sec) - rdx::LoadShared(server_start_time);
     return seconds * 1000U + static_cast<uint32_t>(now.tv_usec / 1000);
 }
 

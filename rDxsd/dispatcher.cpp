@@ -1,3 +1,4 @@
+#include "common/shared.h"
 #include "http/pages.h"
 #include "rDxsd/auth.h"
 #include "rDxsd/method_rows.h"
@@ -26,7 +27,7 @@ struct Call {
     TavrinResponse response{};
 
     explicit Call(HttpRequest* http) {
-        const int number = __atomic_add_fetch(&g_nRefCount, 1, __ATOMIC_RELAXED);
+        const int number = AddShared(g_nRefCount, 1);
         request.iCallNumber = number;
         request.pHttpRequest = http;
         response.iCallNumber = number;

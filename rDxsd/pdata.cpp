@@ -1,6 +1,7 @@
 #include "rDxsd/pdata.h"
 
 #include "common/check.h"
+#include "common/files.h"
 #include "common/memory.h"
 #include "common/portability.h"
 #include "common/text.h"
@@ -14,6 +15,7 @@
 
 namespace {
 
+using rdx::OwnedFile;
 using rdx::OwnedText;
 
 // What a part's header begins with; the field's name and a closing quote follow.
@@ -73,11 +75,6 @@ std::string_view StandardArgs(const HttpRequest& request) {
     return {request.pEntityBody, request.uiBodyLength};
 }
 
-struct CloseStream {
-    void operator()(FILE* stream) const { std::fclose(stream); }
-};
-using Stream = std::unique_ptr<FILE, CloseStream>;
-
 struct ResultText {
     OwnedText bytes; // PDATA_RESULT_SIZE of them, `length` used
     std::size_t length = 0;
@@ -95,14 +92,14 @@ public:
 
     int Print(WddxValue* value, const char* comment) {
         if (TempFileName(name_) != 0) return PDATA_NO_TEMP_NAME;
-        Stream stream = Create();
+        OwnedFile stream = Create();
         if (!stream) return PDATA_NOT_CREATED;
         if (wddxPrintStream(stream.get(), value, comment) == 0) return PDATA_NOT_PRINTED;
         return std::fclose(stream.release()) == 0 ? PDATA_ASSIGNED : PDATA_NOT_WRITTEN;
     }
 
     int ReadBack(ResultText& text) const {
-        const Stream stream(std::fopen(name_, "re"));
+        const OwnedFile stream(std::fopen(name_, "re"));
         if (!stream) return PDATA_NOT_READ_BACK;
         text.bytes = rdx::AllocateBytes(PDATA_RESULT_SIZE);
         if (!text.bytes) return PDATA_NO_MEMORY_FOR_TEXT;
@@ -114,11 +111,11 @@ public:
 
 private:
     // The name was free when it was made; somebody may have taken it since, with a link to lead us astray.
-    Stream Create() {
+    OwnedFile Create() {
         const int descriptor = open(name_, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600);
         if (descriptor < 0) return nullptr;
         exists_ = true;
-        Stream stream(fdopen(descriptor, "w"));
+        OwnedFile stream(fdopen(descriptor, "w"));
         if (!stream) close(descriptor);
         return stream;
     }

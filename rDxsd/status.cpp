@@ -325,7 +325,7 @@ int ProcessGetVehicleStatus(TavrinRequest* call, TavrinResponse* result) {
     unsigned long most = 0;
     const int done = rDxGetVehicleStatus(arguments.Text("DeviceOwner"), &measures, &most);
     Structure answer = StatusPacket(method, done);
-    if (done == 0) {
+    if (done == kSuccess.result) {
         answer.Add("Voltage", MakeVoltage(method, measures));
         answer.Add("TdSignal", MakeTdSignal(method, measures));
         answer.Add("LineStatus", MakeLineStatus(method, measures, MostState(most)));

@@ -502,8 +502,7 @@ TEST(GoldenFiles, HoldTheCodesThatAreNoResults) {
     }
 }
 
-TEST(GoldenFiles, CountTheRowsOfTheTable) {
-    EXPECT_EQ(std::size(kCodes), 46U);
+TEST(GoldenFiles, AreThereForTheRowsOfEveryMethod) {
     std::set<std::string> methods;
     for (const Code& code : kCodes) methods.insert(code.method);
     EXPECT_EQ(methods.size() + 2, Methods().size()); // the two others do not report a result

@@ -124,7 +124,6 @@ public final class Calls {
         tell("HttpClient, each", clientInTurn());
         tell("HttpClient, no body", send(plain(),
             request("rdxGetDeviceStatus", PATIENCE).POST(BodyPublishers.noBody()).build()));
-        tell("HttpClient, GET", send(plain(), request("rdxGetDeviceStatus", PATIENCE).GET().build()));
         tell("HttpClient, stream",
             post(plain(), BodyPublishers.ofInputStream(() -> new ByteArrayInputStream(packet))));
         tell("HttpURLConnection", connectionInTurn());

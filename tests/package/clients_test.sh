@@ -17,6 +17,36 @@ gcc -std=c11 -O2 -Wall -Wextra -Wpedantic -Werror examples/call.c -o "$work/call
     fail "examples/call.c does not compile by itself"
 clients=("$work/call" examples/call.py examples/call.sh)
 
+# has SOURCE TOOL...: true where the tools are that this client needs; otherwise it is left out.
+has() {
+    local source=$1 tool
+    shift
+    for tool; do
+        command -v "$tool" >/dev/null && continue
+        echo "skipped, for there is no $tool: $source"
+        left_out=yes
+        return 1
+    done
+}
+
+# wrap NAME COMMAND: a client of one word. Java takes its arguments for text of the locale's character set.
+wrap() {
+    printf '#!/bin/sh\nLC_ALL=C.UTF-8 exec %s "$@"\n' "$2" >"$work/$1"
+    chmod +x "$work/$1"
+    clients+=("$work/$1")
+}
+
+if has examples/Call.java javac java; then
+    javac -Xlint:all -Werror -d "$work" examples/Call.java || fail "examples/Call.java does not compile"
+    wrap java "java -XX:TieredStopAtLevel=1 -XX:+UseSerialGC -cp $work Call"
+fi
+! has examples/call.mjs node || clients+=(examples/call.mjs)
+if has examples/Call.cs mcs mono; then
+    mcs -warnaserror -r:System.Net.Http -r:System.Xml -out:"$work/Call.exe" examples/Call.cs ||
+        fail "examples/Call.cs does not compile"
+    wrap cs "mono $work/Call.exe"
+fi
+
 # serve [SETTING]...: a server on a free port with a new device. A port that is taken ends it; try another.
 serve() {
     rm -f "$RDX_SIM_STATE" "$RDX_SIM_SCENARIO"
@@ -351,4 +381,4 @@ if [ -z "$no_demo_user" ]; then
 fi
 stop
 [ -z "$no_demo_user" ] || leave_out "the calls of the user demo ($no_demo_user)"
-end "three clients called, and understood what went wrong"
+end "${#clients[@]} clients called, and understood what went wrong"

@@ -131,7 +131,7 @@ tree=$work/tree
 mkdir -p "$tree/build" "$work/nobody"
 cp -R script "$tree"
 mkdir "$tree/build/server"
-cp build/server/*.so build/server/rdxhttpd "$tree/build/server"
+cp build/server/*.so* build/server/rdxhttpd "$tree/build/server"
 printf '#!/bin/sh\n' >"$work/bin/cmake"
 chmod 755 "$work/bin/cmake"
 rm "$work/bin/unshare"

@@ -11,7 +11,8 @@ build=$2
 unset RDX_SIM_CALLS
 export RDX_SIM_STATE="$work/device.state" RDX_SIM_SCENARIO="$work/scenario.ini"
 golden=tests/system/golden
-give_demo_user "$work"
+give_demo_user "$work" "$build/rdxhttpd"
+[ -z "$no_demo_user" ] || fail "no user demo: $no_demo_user"
 
 gcc -std=c11 -O2 -Wall -Wextra -Wpedantic -Werror examples/call.c -o "$work/call" ||
     fail "examples/call.c does not compile by itself"
@@ -199,7 +200,7 @@ try_user() {
 serve
 for client in "${clients[@]}"; do
     try_client
-    [ -n "$no_demo_user" ] || try_user
+    try_user
 done
 stop
 
@@ -286,8 +287,7 @@ other=
 # What the document says of requests, and of those that end the server.
 serve
 statements() { python3 tests/package/statements.py "$port" docs/protocol.md "$@"; }
-[ -z "$no_demo_user" ] && user=demo || user=''
-statements "$user" || fail "a statement of docs/protocol.md"
+statements demo || fail "a statement of docs/protocol.md"
 stop
 ended=0
 while serve; do
@@ -362,23 +362,20 @@ expected() {
     tried=$((tried + 1))
 }
 tried=0
-if [ -z "$no_demo_user" ]; then
-    command='' output=''
-    while IFS= read -r line; do
-        case $line in
-        '$ '*)
-            expected "$command" "$output"
-            command=${line#'$ '}
-            command=${command/ 8080 / $port }
-            output=
-            ;;
-        '' | script/server) ;;
-        *) output=$output$line$'\n' ;;
-        esac
-    done <"$work/calls"
-    expected "$command" "$output"
-    [ "$tried" -eq 4 ] || fail "$tried calls tried"
-fi
+command='' output=''
+while IFS= read -r line; do
+    case $line in
+    '$ '*)
+        expected "$command" "$output"
+        command=${line#'$ '}
+        command=${command/ 8080 / $port }
+        output=
+        ;;
+    '' | script/server) ;;
+    *) output=$output$line$'\n' ;;
+    esac
+done <"$work/calls"
+expected "$command" "$output"
+[ "$tried" -eq 4 ] || fail "$tried calls tried"
 stop
-[ -z "$no_demo_user" ] || leave_out "the calls of the user demo ($no_demo_user)"
 end "${#clients[@]} clients called, and understood what went wrong"

@@ -116,4 +116,6 @@ for program in "$work/cmake/host" "$work/host" "$prefix/bin/rdxhttpd"; do
 done
 "$work/host" --unknown 1 >"$work/log" && fail "an unknown option was accepted"
 grep -q '^the server ended with -1$' "$work/log" || fail "$(cat "$work/log")"
+[ -e "$build/librdxusers.so" ] && [ -z "$(find "$prefix" -name '*rdxusers*')" ] ||
+    fail "what is for trying alone is installed"
 end "installed, found by CMake and pkg-config, and served"

@@ -17,7 +17,6 @@ inline constexpr const char* kPassword = "secret";
 
 class DeviceServer {
 public:
-    // Needs CanReplaceShadow for the methods that ask for a user.
     explicit DeviceServer(ServerOptions options = {});
 
     testing::AssertionResult Start() { return server_.Start(); }

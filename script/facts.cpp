@@ -116,14 +116,33 @@ void PrintCommonKeys() {
 
 // --- settings -------------------------------------------------------------------------------------------
 
+// What the dump shows of a setting that nothing has changed yet; empty where it shows nothing.
+std::string ShownDefault(const Setting& setting) {
+    char* text = nullptr;
+    std::size_t size = 0;
+    std::FILE* const stream = open_memstream(&text, &size);
+    if (stream == nullptr) return "";
+    setting.show(stream, setting);
+    std::fclose(stream);
+    const std::string line(text, size);
+    std::free(text);
+    const std::size_t value = line.find(": ");
+    return value == std::string::npos ? "" : line.substr(value + 2);
+}
+
+// A default as a file would give it.
+std::string DefaultOf(const Setting& setting) {
+    if (setting.byte == nullptr && setting.number == nullptr) return std::string(setting.textDefault);
+    const std::string shown = ShownDefault(setting);
+    const bool isSwitch = shown.empty() || shown == "no" || shown == "yes";
+    return isSwitch ? std::to_string(setting.numberDefault) : shown;
+}
+
 void PrintSetting(const Setting& setting) {
     if (setting.key.empty()) return; // a file cannot set it
-    const bool isNumber = setting.byte != nullptr || setting.number != nullptr;
-    const std::string value =
-        isNumber ? std::to_string(setting.numberDefault) : std::string(setting.textDefault);
     const std::string longest = setting.text.empty() ? "-" : std::to_string(setting.text.size() - 1);
-    std::printf("setting\t%s\t%s\t%s\t%s\n", std::string(setting.key).c_str(), value.c_str(), longest.c_str(),
-                setting.meaning);
+    std::printf("setting\t%s\t%s\t%s\t%s\n", std::string(setting.key).c_str(), DefaultOf(setting).c_str(),
+                longest.c_str(), setting.meaning);
 }
 
 // --- headers --------------------------------------------------------------------------------------------

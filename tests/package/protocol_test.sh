@@ -1,5 +1,5 @@
 #!/bin/bash
-# docs/protocol.md agrees with the code and with the packets that the tests expect; script/protocol notices when
+# docs/protocol.md and docs/settings.md agree with the code and with the packets that the tests expect; script/protocol notices when
 # either of them changes, says what to do, and can bring the document up to date. What it knows of the code are
 # the facts that the code prints.
 #
@@ -56,6 +56,8 @@ drifts 'a result' yes facts 's/\t14\t42403/\t15\t42403/'
 drifts 'a method with the rows of another' yes facts 's/^status\trdxReleaseDevice/status\trdxInitiateCfgRequest/'
 drifts 'the unknown method' yes facts 's/42010/42011/'
 drifts 'the self test' yes facts 's/42502\tthat/42503\tthat/'
+drifts 'a setting' yes facts 's/^setting\tAuthRealm\tTavrin/setting\tAuthRealm\tTaverne/'
+drifts 'facts without settings' no facts '/^setting\t/d'
 drifts 'facts without codes' no facts '/^status/d'
 drifts 'facts without headers' no facts '/^header\t/d'
 drifts 'no facts' no facts d

@@ -11,6 +11,7 @@
 #include "tests/support/eventually.h"
 #include "tests/support/faults.h"
 #include "tests/support/handlers.h"
+#include "tests/support/process.h"
 #include "tests/support/reports.h"
 
 #include <gtest/gtest.h>
@@ -18,7 +19,6 @@
 #include <arpa/inet.h>
 #include <csignal>
 #include <cstdlib>
-#include <dirent.h>
 #include <functional>
 #include <netinet/in.h>
 #include <poll.h>
@@ -207,14 +207,6 @@ inline std::size_t Drain(const Socket& socket) {
     ssize_t count;
     while ((count = recv(socket.Get(), bytes, sizeof bytes, 0)) > 0) total += static_cast<std::size_t>(count);
     return total;
-}
-
-inline int OpenDescriptors() {
-    int count = 0;
-    DIR* const directory = opendir("/proc/self/fd");
-    while (readdir(directory) != nullptr) ++count;
-    closedir(directory);
-    return count;
 }
 
 template <typename Option>

@@ -9,6 +9,7 @@
 #include "server/service.h"
 #include "tests/support/admin_server.h"
 #include "tests/support/free_port.h"
+#include "tests/support/process.h"
 #include "tests/support/serving.h"
 
 #include <gtest/gtest.h>
@@ -16,7 +17,6 @@
 #include <array>
 #include <csignal>
 #include <cstring>
-#include <dirent.h>
 #include <functional>
 #include <optional>
 #include <string>
@@ -58,9 +58,6 @@ extern int mallocsBeforeBuilding; // made when BuildTavrinRequestExt was last ca
 
 // --- texts ---------------------------------------------------------------------------------------------
 
-inline const std::string kBadAnswer = Answer("400 Bad Request", kBadPage);
-inline const std::string kNoResourcesAnswer = Answer("503 Not implemented", kNoResourcesPage);
-
 // The packet that acknowledges a ticket.
 inline std::string Acknowledge(const std::string& ticket) {
     return "<?xml version='1.0'?>\n"
@@ -85,7 +82,7 @@ inline std::string Acknowledge(const std::string& ticket) {
 }
 
 inline const std::string kTicketUri = "/rDx?SvcTicket=42";
-inline const std::string kTicketAnswer = Answer(kOk, Acknowledge("42"));
+inline const std::string kTicketAnswer = Answer(200, Acknowledge("42"));
 
 // What the administration server receives.
 inline std::string FollowUp(const std::string& command, const std::string& body) {
@@ -122,14 +119,6 @@ inline std::string OwnAddress() {
     const auto pid = static_cast<unsigned>(getpid());
     return "127." + std::to_string(1 + pid / 65536 % 250) + "." + std::to_string(pid / 256 % 256) + "." +
            std::to_string(pid % 256);
-}
-
-inline int OpenDescriptors() {
-    int count = 0;
-    DIR* const directory = opendir("/proc/self/fd");
-    while (readdir(directory) != nullptr) ++count;
-    closedir(directory);
-    return count;
 }
 
 // The settings are those of a server in junior mode whose administration server is not there.

@@ -43,13 +43,7 @@ inline const std::string kWritten = Answer(200, "abc");
 
 class ResponseTest : public testing::Test {
 protected:
-    void SetUp() override {
-        GTEST_FLAG_SET(death_test_style, "threadsafe");
-        std::strcpy(szConfigAuthRealm, "Tavrin");
-        ucEntityTerminator = 0;
-        szEntityTerminator[0] = '\0';
-    }
-    void TearDown() override { SetUp(); }
+    void SetUp() override { GTEST_FLAG_SET(death_test_style, "threadsafe"); }
 };
 
 } // namespace rdx::test

@@ -223,19 +223,12 @@ inline void ExpectLingersForNoTime(const Socket& socket) {
     EXPECT_EQ(setting.l_linger, 0);
 }
 
-// The settings that this module reads are the defaults again after every test; SIGPIPE is ignored, as the
-// server ignores it.
+// SIGPIPE is ignored, as the server ignores it.
 class SocketTest : public testing::Test {
 protected:
     SocketTest() {
         GTEST_FLAG_SET(death_test_style, "threadsafe");
         std::signal(SIGPIPE, SIG_IGN);
-    }
-    ~SocketTest() override {
-        usPortOffset = 0;
-        StoreShared<unsigned char>(ucVerbosity, VERBOSITY_WARN);
-        StoreShared<unsigned char>(ucEntityTerminator, 0);
-        StoreSharedText(szEntityTerminator, "");
     }
 
     static void SetMarker(const char* marker) {

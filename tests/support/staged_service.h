@@ -127,7 +127,7 @@ protected:
     void SetUp() override {
         GTEST_FLAG_SET(death_test_style, "threadsafe");
         std::signal(SIGPIPE, SIG_IGN);
-        Reset();
+        Forget();
         aiMethodsAllowed[HTTP_GET] = 1;
         aiMethodsAllowed[HTTP_POST] = 1;
         mtPrimaryThread = CurrentThreadID();
@@ -143,7 +143,7 @@ protected:
     void TearDown() override {
         EXPECT_TRUE(ServingThreadsEnd());
         EXPECT_EQ(NumOfThreads(), 0);
-        Reset();
+        Forget();
     }
 
     static void Use(const AdminServer& admin) { uiAdminServerPort = static_cast<unsigned>(admin.Port()); }
@@ -152,18 +152,9 @@ protected:
     std::string Here() const { return OwnAddress() + ":" + std::to_string(localPort_); }
 
 private:
-    static void Reset() {
+    static void Forget() {
         replaced = {};
         lastConnect.reset();
-        SetDefaultConfig();
-        StoreSharedText(szAuthInfo, "");
-        StoreSharedText(szAdminServerHost, "");
-        uiAdminServerPort = 0;
-        ucVerbosity = VERBOSITY_WARN;
-        ucTerminated = 0;
-        signalled = 0;
-        nThreads = 0;
-        mtPrimaryThread = kNone;
     }
 
     int localPort_ = 0;

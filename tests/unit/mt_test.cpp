@@ -85,15 +85,11 @@ const int threadsAtRest = ThreadsAtRest();
 // Every test begins and ends without serving threads.
 class Threads : public testing::Test {
 protected:
-    Threads() {
-        GTEST_FLAG_SET(death_test_style, "threadsafe");
-        StoreShared(nThreads, 0);
-    }
+    Threads() { GTEST_FLAG_SET(death_test_style, "threadsafe"); }
     ~Threads() override {
         EXPECT_EQ(NumOfThreads(), 0);
         // A thread that is still ending could overwrite the next one's result.
         EXPECT_TRUE(Eventually([] { return test::ThreadsOf() <= threadsAtRest; }));
-        StoreShared(mtPrimaryThread, kNoThread);
     }
 };
 

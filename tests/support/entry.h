@@ -163,8 +163,8 @@ inline int RunMain(std::initializer_list<std::string> words) {
 
 class RdxHttpTest : public testing::Test {
 protected:
-    void SetUp() override { Reset(); }
-    void TearDown() override { Reset(); }
+    void SetUp() override { replaced = {}; }
+    void TearDown() override { replaced = {}; }
 
     // Stands for everything between the file and the end of the loop, and prints what it is given.
     static void ReplaceAll(int verbosity) {
@@ -186,24 +186,6 @@ protected:
             std::printf("\n<serve %u>", threads);
             return 0;
         };
-    }
-
-private:
-    static void Reset() {
-        replaced = {};
-        SetDefaultConfig();
-        ucVerbosity = VERBOSITY_WARN;
-        szAuthInfo[0] = '\0';
-        szAdminServerHost[0] = '\0';
-        uiAdminServerPort = 0;
-        nMaxThreads = 1;
-        uiReconfigurations = 0;
-        ucReconfigured = 0;
-        ucTerminated = 0;
-        signalled = 0;
-        sigerr = 0;
-        errlog = nullptr;
-        outlog = nullptr;
     }
 };
 

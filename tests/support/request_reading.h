@@ -89,21 +89,13 @@ inline void AtEveryCut(std::string_view bytes, Check check) {
 
 inline int CodeOf(std::string_view bytes) { return ReadWhole(bytes).code; }
 
-// "GET and POST are allowed, no credentials are demanded, the limits are the defaults."
+// GET and POST are allowed.
 class RequestTest : public testing::Test {
 protected:
     void SetUp() override {
         GTEST_FLAG_SET(death_test_style, "threadsafe");
-        std::ranges::fill(aiMethodsAllowed, 0);
         aiMethodsAllowed[HTTP_GET] = aiMethodsAllowed[HTTP_POST] = 1;
-        ucAuthRequired = 0;
-        szConfigAuthInfo[0] = '\0';
-        ucSupportNetscapeVM = 0;
-        ucEntityTerminator = 0;
-        g_dwPostMaxContLength = g_dwPostMaxSizeToRead = 65536;
-        ucVerbosity = VERBOSITY_WARN;
     }
-    void TearDown() override { SetUp(); }
 };
 
 } // namespace rdx::test

@@ -4,6 +4,7 @@
 
 #include "common/config.h"
 #include "http/httpresp.h"
+#include "tests/support/answers.h"
 #include "tests/support/assertion.h"
 
 #include <gtest/gtest.h>
@@ -38,20 +39,11 @@ inline Response EmptyResponse() {
 }
 
 // What is written for CreateHttpResponse(200, "text/html", "abc").
-inline constexpr std::string_view kWritten =
-    "HTTP/1.1 200 OK\r\nDate: Tue, 30 April 2002 12:08:00 GMT\r\n"
-    "Last-modified: Tue, 30 April 2002 12:08:00 GMT\r\nAccept-Ranges: bytes\r\n"
-    "Server: Halvor Dx httpd/0.1\r\nContent-type: text/html\r\nContent-length: 3\r\n\r\nabc";
+inline const std::string kWritten = Answer(200, "abc");
 
 class ResponseTest : public testing::Test {
 protected:
-    void SetUp() override {
-        GTEST_FLAG_SET(death_test_style, "threadsafe");
-        std::strcpy(szConfigAuthRealm, "Tavrin");
-        ucEntityTerminator = 0;
-        szEntityTerminator[0] = '\0';
-    }
-    void TearDown() override { SetUp(); }
+    void SetUp() override { GTEST_FLAG_SET(death_test_style, "threadsafe"); }
 };
 
 } // namespace rdx::test

@@ -9,8 +9,9 @@
 #include "common/shared.h"
 #include "server/service.h"
 #include "tests/support/capture.h"
+#include "tests/support/client.h"
 #include "tests/support/eventually.h"
-#include "tests/support/loopback.h"
+#include "tests/support/listener.h"
 #include "tests/support/service.h"
 #include "tests/support/serving.h"
 

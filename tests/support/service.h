@@ -63,7 +63,7 @@ protected:
     void SetUp() override {
         GTEST_FLAG_SET(death_test_style, "threadsafe");
         std::signal(SIGPIPE, SIG_IGN);
-        Reset();
+        replaced = {};
         aiMethodsAllowed[HTTP_GET] = 1;
         aiMethodsAllowed[HTTP_POST] = 1;
         mtPrimaryThread = CurrentThreadID();
@@ -73,19 +73,7 @@ protected:
     void TearDown() override {
         EXPECT_TRUE(ServingThreadsEnd());
         EXPECT_EQ(NumOfThreads(), 0);
-        Reset();
-    }
-
-private:
-    static void Reset() {
         replaced = {};
-        SetDefaultConfig();
-        StoreShared<unsigned char>(ucVerbosity, VERBOSITY_WARN);
-        StoreShared<unsigned char>(ucTerminated, 0);
-        StoreShared<unsigned char>(ucReconfigured, 0);
-        StoreShared(signalled, 0);
-        StoreShared(nThreads, 0);
-        StoreShared(mtPrimaryThread, kNone);
     }
 };
 

@@ -1,7 +1,7 @@
 #include "tests/support/serving.h"
 
 #include "common/portability_sockets.h"
-#include "tests/support/threads.h"
+#include "tests/support/process.h"
 
 #include <atomic>
 #include <mutex>

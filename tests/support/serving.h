@@ -7,6 +7,7 @@
 #include "common/config.h"
 #include "common/mt.h"
 #include "server/service.h"
+#include "tests/support/answers.h"
 
 #include <gtest/gtest.h>
 
@@ -35,36 +36,6 @@ void ForgetClosed();
 
 inline constexpr unsigned char kFlags[] = {0, 1};
 inline constexpr ThreadID kNone = static_cast<ThreadID>(-1);
-
-inline constexpr const char* kInvalidPage = "<HTML><BODY>Invalid Request</BODY></HTML>";
-inline constexpr const char* kBadPage = "<HTML><BODY>Bad Request</BODY></HTML>";
-inline constexpr const char* kUnauthorizedPage = "<HTML><BODY>Unauthorized</BODY></HTML>";
-inline constexpr const char* kNotFoundPage = "<HTML><BODY>Not Found</BODY></HTML>";
-inline constexpr const char* kNotAllowedPage = "<HTML><BODY>Method not allowed</BODY></HTML>";
-inline constexpr const char* kErrorPage = "<HTML><BODY>Internal Server Error</BODY></HTML>";
-inline constexpr const char* kNoResourcesPage = "<HTML><BODY>Out of Resources</BODY></HTML>";
-
-// The whole answer.
-inline std::string Answer(const std::string& status, const std::string& body,
-                          const std::string& challenge = "") {
-    std::string answer = "HTTP/1.1 " + status +
-                         "\r\n"
-                         "Date: Tue, 30 April 2002 12:08:00 GMT\r\n"
-                         "Last-modified: Tue, 30 April 2002 12:08:00 GMT\r\n"
-                         "Accept-Ranges: bytes\r\n"
-                         "Server: Halvor Dx httpd/0.1\r\n" +
-                         challenge + "Content-type: text/html\r\n";
-    if (!body.empty()) answer += "Content-length: " + std::to_string(body.size()) + "\r\n";
-    return answer + "\r\n" + body;
-}
-
-inline const std::string kOk = "200 OK";
-inline const std::string kChallenge = "WWW-Authenticate: BASIC realm=\"Tavrin\"\r\n";
-inline const std::string kInvalidAnswer = Answer("400 Bad Request", kInvalidPage);
-inline const std::string kUnauthorizedAnswer = Answer("401 Unauthorized", kUnauthorizedPage, kChallenge);
-inline const std::string kNotFoundAnswer = Answer("404 Not found", kNotFoundPage);
-inline const std::string kNotAllowedAnswer = Answer("405 Not implemented", kNotAllowedPage);
-inline const std::string kErrorAnswer = Answer("500 Internal Server Error", kErrorPage);
 
 inline std::string Get(const std::string& uri, const std::string& connection = "keep-alive") {
     return "GET " + uri + " HTTP/1.1\r\nConnection: " + connection + "\r\n\r\n";

@@ -1,9 +1,10 @@
-// The settings in tests: each test begins and ends with the first ones, and has a folder for its files.
+// The settings in tests, and files to read them from.
 #ifndef RDX_TESTS_SUPPORT_SETTINGS_H
 #define RDX_TESTS_SUPPORT_SETTINGS_H
 
 #include "common/config.h"
 #include "common/mt.h"
+#include "tests/support/globals.h"
 #include "tests/support/guarded.h"
 
 #include <gtest/gtest.h>
@@ -123,27 +124,15 @@ inline void SetEverything() {
 inline constexpr const char* kLevels[] = {"VERBOSITY_NONE", "VERBOSITY_FATAL", "VERBOSITY_ERROR",
                                           "VERBOSITY_WARN", "VERBOSITY_LOG",   "VERBOSITY_ALL"};
 
-// Every test starts with the initial settings, and has a folder for its files.
+// A folder for a test's files.
 class Config : public testing::Test {
 protected:
     Config() {
         GTEST_FLAG_SET(death_test_style, "threadsafe");
-        Reset();
+        ResetGlobals();
     }
     ~Config() override {
-        Reset();
         if (!folder_.empty()) std::filesystem::remove_all(folder_);
-    }
-
-    static void Reset() {
-        SetDefaultConfig();
-        ucLocalAccessAllowed = 0;
-        szAuthInfo[0] = szAdminServerHost[0] = '\0';
-        uiAdminServerPort = 0;
-        nMaxThreads = 1;
-        g_dwPostMaxSizeToRead = g_dwPostMaxContLength = 65536;
-        uiReconfigurations = 0;
-        ucReconfigured = 0;
     }
 
     // Made when it is asked for: the process of a death test never removes it.
@@ -161,7 +150,7 @@ protected:
 
     // Reads a file of this content, each time over the initial settings.
     int Read(std::string_view content, const char* section = "HTTP") {
-        Reset();
+        ResetGlobals();
         return ReadIniFile(Write(content).c_str(), section);
     }
 
@@ -172,7 +161,7 @@ protected:
 
 private:
     static int ReadLine(int (*read)(char*), const std::string& line) {
-        Reset();
+        ResetGlobals();
         const GuardedBytes bytes({line.c_str(), line.size() + 1});
         const int result = read(bytes.begin());
         EXPECT_EQ(bytes.begin(), line) << "the line is left as it is";

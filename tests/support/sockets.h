@@ -11,6 +11,7 @@
 #include "tests/support/eventually.h"
 #include "tests/support/faults.h"
 #include "tests/support/handlers.h"
+#include "tests/support/process.h"
 #include "tests/support/reports.h"
 
 #include <gtest/gtest.h>
@@ -18,7 +19,6 @@
 #include <arpa/inet.h>
 #include <csignal>
 #include <cstdlib>
-#include <dirent.h>
 #include <functional>
 #include <netinet/in.h>
 #include <poll.h>
@@ -209,14 +209,6 @@ inline std::size_t Drain(const Socket& socket) {
     return total;
 }
 
-inline int OpenDescriptors() {
-    int count = 0;
-    DIR* const directory = opendir("/proc/self/fd");
-    while (readdir(directory) != nullptr) ++count;
-    closedir(directory);
-    return count;
-}
-
 template <typename Option>
 Option OptionOf(const Socket& socket, int level, int name) {
     Option option{};
@@ -231,19 +223,12 @@ inline void ExpectLingersForNoTime(const Socket& socket) {
     EXPECT_EQ(setting.l_linger, 0);
 }
 
-// The settings that this module reads are the defaults again after every test; SIGPIPE is ignored, as the
-// server ignores it.
+// SIGPIPE is ignored, as the server ignores it.
 class SocketTest : public testing::Test {
 protected:
     SocketTest() {
         GTEST_FLAG_SET(death_test_style, "threadsafe");
         std::signal(SIGPIPE, SIG_IGN);
-    }
-    ~SocketTest() override {
-        usPortOffset = 0;
-        StoreShared<unsigned char>(ucVerbosity, VERBOSITY_WARN);
-        StoreShared<unsigned char>(ucEntityTerminator, 0);
-        StoreSharedText(szEntityTerminator, "");
     }
 
     static void SetMarker(const char* marker) {

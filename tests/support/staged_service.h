@@ -9,6 +9,7 @@
 #include "server/service.h"
 #include "tests/support/admin_server.h"
 #include "tests/support/free_port.h"
+#include "tests/support/process.h"
 #include "tests/support/serving.h"
 
 #include <gtest/gtest.h>
@@ -16,7 +17,6 @@
 #include <array>
 #include <csignal>
 #include <cstring>
-#include <dirent.h>
 #include <functional>
 #include <optional>
 #include <string>
@@ -58,9 +58,6 @@ extern int mallocsBeforeBuilding; // made when BuildTavrinRequestExt was last ca
 
 // --- texts ---------------------------------------------------------------------------------------------
 
-inline const std::string kBadAnswer = Answer("400 Bad Request", kBadPage);
-inline const std::string kNoResourcesAnswer = Answer("503 Not implemented", kNoResourcesPage);
-
 // The packet that acknowledges a ticket.
 inline std::string Acknowledge(const std::string& ticket) {
     return "<?xml version='1.0'?>\n"
@@ -85,7 +82,7 @@ inline std::string Acknowledge(const std::string& ticket) {
 }
 
 inline const std::string kTicketUri = "/rDx?SvcTicket=42";
-inline const std::string kTicketAnswer = Answer(kOk, Acknowledge("42"));
+inline const std::string kTicketAnswer = Answer(200, Acknowledge("42"));
 
 // What the administration server receives.
 inline std::string FollowUp(const std::string& command, const std::string& body) {
@@ -124,21 +121,13 @@ inline std::string OwnAddress() {
            std::to_string(pid % 256);
 }
 
-inline int OpenDescriptors() {
-    int count = 0;
-    DIR* const directory = opendir("/proc/self/fd");
-    while (readdir(directory) != nullptr) ++count;
-    closedir(directory);
-    return count;
-}
-
 // The settings are those of a server in junior mode whose administration server is not there.
 class StagedTest : public testing::Test {
 protected:
     void SetUp() override {
         GTEST_FLAG_SET(death_test_style, "threadsafe");
         std::signal(SIGPIPE, SIG_IGN);
-        Reset();
+        Forget();
         aiMethodsAllowed[HTTP_GET] = 1;
         aiMethodsAllowed[HTTP_POST] = 1;
         mtPrimaryThread = CurrentThreadID();
@@ -154,7 +143,7 @@ protected:
     void TearDown() override {
         EXPECT_TRUE(ServingThreadsEnd());
         EXPECT_EQ(NumOfThreads(), 0);
-        Reset();
+        Forget();
     }
 
     static void Use(const AdminServer& admin) { uiAdminServerPort = static_cast<unsigned>(admin.Port()); }
@@ -163,18 +152,9 @@ protected:
     std::string Here() const { return OwnAddress() + ":" + std::to_string(localPort_); }
 
 private:
-    static void Reset() {
+    static void Forget() {
         replaced = {};
         lastConnect.reset();
-        SetDefaultConfig();
-        StoreSharedText(szAuthInfo, "");
-        StoreSharedText(szAdminServerHost, "");
-        uiAdminServerPort = 0;
-        ucVerbosity = VERBOSITY_WARN;
-        ucTerminated = 0;
-        signalled = 0;
-        nThreads = 0;
-        mtPrimaryThread = kNone;
     }
 
     int localPort_ = 0;

@@ -123,27 +123,6 @@ private:
     std::thread sender_;
 };
 
-// A connection on which all of `bytes` has arrived and the far end is closed, without a thread: for death
-// tests. What does not fit into the socket's buffer aborts.
-class ArrivedWire {
-public:
-    explicit ArrivedWire(std::string_view bytes) {
-        if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends_) != 0) std::abort();
-        if (send(ends_[1], bytes.data(), bytes.size(), MSG_DONTWAIT) != static_cast<ssize_t>(bytes.size())) {
-            std::abort();
-        }
-        close(ends_[1]);
-    }
-    ~ArrivedWire() { close(ends_[0]); }
-    ArrivedWire(const ArrivedWire&) = delete;
-    ArrivedWire& operator=(const ArrivedWire&) = delete;
-
-    int Socket() const { return ends_[0]; }
-
-private:
-    int ends_[2] = {-1, -1};
-};
-
 } // namespace rdx::test
 
 #endif

@@ -302,11 +302,11 @@ std::vector<Row> AllRows() {
 
 // The status of the answer, kClosed when the connection closed without one, -1 for anything else.
 int OutcomeOf(int port, const std::string& bytes) {
-    Connection client(port);
+    Client client(port);
     if (!client.Connected()) return -1;
     client.Send(bytes); // the server may well close before it has read everything
     client.FinishSending();
-    const Answer answer = client.ReadAnswer();
+    const Reply answer = client.ReadAnswer();
     if (answer.status != 0) return answer.status;
     return answer.text.empty() && client.ClosedByPeer() ? kClosed : -1;
 }
@@ -352,7 +352,7 @@ TEST_P(BrokenRequests, WhoseClientsVanishLeaveNothingBehind) {
     int closed = 1;
     for (std::size_t i = 0; i < rows.size(); i += 5) {
         {
-            Connection client(server.Port());
+            Client client(server.Port());
             client.Send(rows[i].bytes);
         }
         // One at a time: with all slots taken a connection would stay open.
@@ -411,7 +411,7 @@ TEST_P(LethalRequests, EndTheProcessByTheirAssertion) {
     SCOPED_TRACE(row.why);
     Server server({.settings = row.settings, .threads = std::get<1>(GetParam())});
     ASSERT_TRUE(server.Start());
-    Connection client(server.Port());
+    Client client(server.Port());
     client.Send(row.bytes);
     client.FinishSending();
     const auto ending = server.WaitForEnd();

@@ -13,7 +13,7 @@ class Connections : public PlainServer {};
 RDX_IN_BOTH_MODES(Connections);
 
 TEST_P(Connections, StayOpenByDefault) {
-    Connection client(Port());
+    Client client(Port());
     for (int i = 0; i < 5; ++i) {
         client.Send(VersionCall());
         ASSERT_EQ(client.ReadAnswer().text, VersionAnswer()) << i;
@@ -22,14 +22,14 @@ TEST_P(Connections, StayOpenByDefault) {
 }
 
 TEST_P(Connections, CloseWhenTheClientAsksForIt) {
-    Connection client(Port());
+    Client client(Port());
     client.Send(VersionCallAndClose());
     EXPECT_EQ(client.ReadAnswer().text, VersionAnswer());
     EXPECT_TRUE(client.ClosedByPeer());
 }
 
 TEST_P(Connections, CloseAfterSeveralRequestsWhenTheLastAsksForIt) {
-    Connection client(Port());
+    Client client(Port());
     client.Send(VersionCall());
     EXPECT_EQ(client.ReadAnswer().text, VersionAnswer());
     client.Send(VersionCall({"connection: CLOSE"}));
@@ -38,7 +38,7 @@ TEST_P(Connections, CloseAfterSeveralRequestsWhenTheLastAsksForIt) {
 }
 
 TEST_P(Connections, OfTheOldVersionCloseByDefault) {
-    Connection client(Port());
+    Client client(Port());
     client.Send(Request("POST /rDx?FunctionName=rdxGetVersion HTTP/1.0", {}, VersionPacket()));
     EXPECT_EQ(client.ReadAnswer().text, VersionAnswer());
     EXPECT_TRUE(client.ClosedByPeer());
@@ -47,7 +47,7 @@ TEST_P(Connections, OfTheOldVersionCloseByDefault) {
 TEST_P(Connections, OfTheOldVersionStayOpenOnRequest) {
     const std::string request =
         Request("POST /rDx?FunctionName=rdxGetVersion HTTP/1.0", {"Connection: Keep-Alive"}, VersionPacket());
-    Connection client(Port());
+    Client client(Port());
     for (int i = 0; i < 3; ++i) {
         client.Send(request);
         ASSERT_EQ(client.ReadAnswer().text, VersionAnswer()) << i;
@@ -56,19 +56,19 @@ TEST_P(Connections, OfTheOldVersionStayOpenOnRequest) {
 }
 
 TEST_P(Connections, ObeyTheLastOfSeveralConnectionHeaders) {
-    Connection closing(Port());
+    Client closing(Port());
     closing.Send(VersionCall({"Connection: keep-alive", "Connection: upgrade", "Connection: close"}));
     EXPECT_EQ(closing.ReadAnswer().status, 200);
     EXPECT_TRUE(closing.ClosedByPeer());
 
-    Connection staying(Port());
+    Client staying(Port());
     staying.Send(VersionCall({"Connection: close", "Connection: keep-alive", "Connection: TE"}));
     EXPECT_EQ(staying.ReadAnswer().status, 200);
     EXPECT_TRUE(staying.StaysSilent());
 }
 
 TEST_P(Connections, StayOpenAfterARefusalByAMethod) {
-    Connection client(Port());
+    Client client(Port());
     client.Send(Call("rdxGetVersion", "not a packet"));
     EXPECT_EQ(client.ReadAnswer().text, BadRequestAnswer());
     client.Send(Call("rdxReleaseDevice", VersionPacket()));
@@ -85,7 +85,7 @@ TEST_P(Connections, CloseAfterARequestThatCannotBeRead) {
           Request("DELETE /rDx HTTP/1.1", {"Host: a"}), UnknownTarget()}) {
         Server server({.threads = GetParam()}); // a fresh one: nothing was kept open before
         ASSERT_TRUE(server.Start());
-        Connection client(server.Port());
+        Client client(server.Port());
         client.Send(request);
         EXPECT_NE(client.ReadAnswer().status, 0) << request;
         EXPECT_TRUE(client.ClosedByPeer()) << request;
@@ -97,11 +97,11 @@ TEST_P(Connections, CloseAfterARequestThatCannotBeRead) {
 TEST(OneThread, KeepsAConnectionAfterAnUnreadableRequestWhenTheLastCallWasKept) {
     Server server;
     ASSERT_TRUE(server.Start());
-    Connection first(server.Port());
+    Client first(server.Port());
     first.Send(VersionCall());
     EXPECT_EQ(first.ReadAnswer().status, 200);
 
-    Connection second(server.Port());
+    Client second(server.Port());
     second.Send("hello\r\n");
     EXPECT_EQ(second.ReadAnswer().text, BadRequestAnswer());
     EXPECT_TRUE(second.StaysSilent());
@@ -114,7 +114,7 @@ TEST(OneThread, KeepsAConnectionAfterAnUnreadableRequestWhenTheLastCallWasKept) 
 }
 
 TEST_P(Connections, AnswerSeveralRequestsWrittenAtOnceInTheirOrder) {
-    Connection client(Port());
+    Client client(Port());
     client.Send(VersionCall() + UnknownTarget() + Call("rdxGetVersion", "junk") + VersionForm() +
                 Call("rdxReleaseDevice", VersionPacket()) + VersionCall({"Connection: close"}));
     EXPECT_EQ(client.ReadAnswer().text, VersionAnswer());
@@ -129,7 +129,7 @@ TEST_P(Connections, AnswerSeveralRequestsWrittenAtOnceInTheirOrder) {
 TEST_P(Connections, TakeRequestsInPiecesOfEverySize) {
     for (const std::size_t size : {std::size_t{1}, std::size_t{2}, std::size_t{3}, std::size_t{5}}) {
         for (const std::string& request : {VersionCall(), VersionForm()}) {
-            Connection client(Port());
+            Client client(Port());
             ASSERT_TRUE(client.SendInPieces(request, size));
             ASSERT_EQ(client.ReadAnswer().text, VersionAnswer()) << "pieces of " << size;
         }
@@ -138,14 +138,14 @@ TEST_P(Connections, TakeRequestsInPiecesOfEverySize) {
 
 TEST_P(Connections, TakeRequestsALineAtATime) {
     for (const std::string& request : {VersionCall(), VersionForm()}) {
-        Connection client(Port());
+        Client client(Port());
         ASSERT_TRUE(client.SendInLines(request));
         ASSERT_EQ(client.ReadAnswer().text, VersionAnswer());
     }
 }
 
 TEST_P(Connections, TakeSeveralRequestsOneByteAtATime) {
-    Connection client(Port());
+    Client client(Port());
     ASSERT_TRUE(client.SendInPieces(VersionCall() + VersionCallAndClose(), 1));
     EXPECT_EQ(client.ReadAnswer().text, VersionAnswer());
     EXPECT_EQ(client.ReadAnswer().text, VersionAnswer());
@@ -166,10 +166,10 @@ TEST_P(Connections, AreReusedByAnOrdinaryClient) {
 }
 
 TEST_P(Connections, OfSeveralClientsAreAllServed) {
-    std::vector<Connection> clients;
+    std::vector<Client> clients;
     for (int i = 0; i < 5; ++i) clients.emplace_back(Port());
     for (int round = 0; round < 3; ++round) {
-        for (Connection& client : clients) {
+        for (Client& client : clients) {
             client.Send(VersionCall());
             ASSERT_EQ(client.ReadAnswer().text, VersionAnswer());
         }
@@ -178,7 +178,7 @@ TEST_P(Connections, OfSeveralClientsAreAllServed) {
 
 // What is left of a request that was refused half way must not hold back its answer.
 TEST_P(Connections, BringTheAnswerToAClientThatIsStillSending) {
-    Connection client(Port());
+    Client client(Port());
     client.Send("POST /rDx HTTP/1.1\r\nX-Custom: 1\r\nContent-length: 60000\r\n\r\n" +
                 std::string(60000, 'x'));
     EXPECT_EQ(client.ReadAnswer().text, ServerErrorAnswer());
@@ -190,16 +190,16 @@ RDX_IN_BOTH_MODES(Idle);
 TEST_P(Idle, ConnectionsAreClosedWhenTheLoopEnds) {
     Server server({.threads = GetParam()});
     ASSERT_TRUE(server.Start());
-    std::vector<Connection> clients;
+    std::vector<Client> clients;
     for (int i = 0; i < 5; ++i) clients.emplace_back(server.Port());
     for (std::size_t i = 0; i < 2; ++i) { // some have been served, some never spoke
         clients[i].Send(VersionCall());
         ASSERT_EQ(clients[i].ReadAnswer().status, 200);
     }
-    for (Connection& client : clients) ASSERT_TRUE(client.StaysSilent());
+    for (Client& client : clients) ASSERT_TRUE(client.StaysSilent());
     server.Signal(SIGUSR1);
     ASSERT_TRUE(server.WaitForLoop(2));
-    for (Connection& client : clients) EXPECT_TRUE(client.ClosedByPeer());
+    for (Client& client : clients) EXPECT_TRUE(client.ClosedByPeer());
     EXPECT_EQ(AskUntilAnswered(server.Port(), VersionCall()).text, VersionAnswer());
 }
 
@@ -209,7 +209,7 @@ TEST_P(Idle, ServersHoldNothingOfAThousandCalls) {
     ASSERT_TRUE(server.Start());
     ASSERT_EQ(Ask(server.Port(), VersionCallAndClose()).status, 200);
     const int descriptors = server.DescriptorsWhenClosed();
-    Connection client(server.Port());
+    Client client(server.Port());
     for (int i = 0; i < kCalls; ++i) {
         client.Send(VersionCall());
         ASSERT_EQ(client.ReadAnswer().status, 200) << i;
@@ -228,7 +228,7 @@ TEST_P(Idle, ServersHoldOneSocketOfAThousandStatusCalls) {
     ASSERT_EQ(Ask(server.Port(), VersionCallAndClose()).status, 200);
     const int descriptors = server.DescriptorsWhenClosed();
     const std::string call = Call("rdxGetDeviceStatus", VersionPacket());
-    Connection client(server.Port());
+    Client client(server.Port());
     for (int i = 0; i < kCalls; ++i) {
         client.Send(call);
         ASSERT_EQ(client.ReadAnswer().status, 200) << i;
@@ -246,11 +246,11 @@ TEST_P(Idle, ConnectionsThatTheirClientClosesLeaveNothingBehind) {
     ASSERT_TRUE(server.WaitForServingThreads(0));
     const int descriptors = server.DescriptorsWhenClosed();
     for (int i = 0; i < 10; ++i) {
-        Connection silent(server.Port());
-        Connection served(server.Port());
+        Client silent(server.Port());
+        Client served(server.Port());
         served.Send(VersionCall());
         ASSERT_EQ(served.ReadAnswer().status, 200);
-        Connection cut(server.Port());
+        Client cut(server.Port());
         cut.Send("POST /rDx HT");
         // More at a time could find no free slot, and would stay open.
         silent.Close();
@@ -265,7 +265,7 @@ TEST_P(Idle, ConnectionsThatTheirClientClosesLeaveNothingBehind) {
 TEST(SeveralThreads, ServeEachOtherClientWhileOneStalls) {
     Server server({.threads = kSeveralThreads});
     ASSERT_TRUE(server.Start());
-    Connection stalled(server.Port());
+    Client stalled(server.Port());
     const std::string request = VersionCallAndClose();
     stalled.Send(request.substr(0, 30));
     for (int i = 0; i < 20; ++i) ASSERT_EQ(Ask(server.Port(), VersionCall()).text, VersionAnswer());
@@ -277,11 +277,11 @@ TEST(SeveralThreads, ServeEachOtherClientWhileOneStalls) {
 TEST(OneThread, MakesOtherClientsWaitWhileOneStalls) {
     Server server;
     ASSERT_TRUE(server.Start());
-    Connection stalled(server.Port());
+    Client stalled(server.Port());
     const std::string request = VersionCallAndClose();
     stalled.Send(request.substr(0, 30));
     ASSERT_TRUE(server.WaitForOutput("HttpServer: Handling socket"));
-    Connection waiting(server.Port());
+    Client waiting(server.Port());
     waiting.Send(VersionCall());
     EXPECT_TRUE(waiting.StaysSilent());
     stalled.Send(request.substr(30));
@@ -304,7 +304,7 @@ protected:
     }
 
     void FinishStalled() {
-        for (Connection& client : stalled_) {
+        for (Client& client : stalled_) {
             client.Send(VersionCall().substr(kSent));
             EXPECT_EQ(client.ReadAnswer().text, VersionAnswer());
         }
@@ -312,11 +312,11 @@ protected:
 
     static constexpr std::size_t kSent = 40;
     Server server_{{.threads = kThreads}};
-    std::vector<Connection> stalled_;
+    std::vector<Client> stalled_;
 };
 
 TEST_F(Busy, ServersLeaveAReadyConnectionUnservedAndOpenUntilTheLoopEnds) {
-    Connection unlucky(server_.Port());
+    Client unlucky(server_.Port());
     unlucky.Send(VersionCall());
     ASSERT_TRUE(
         Eventually([&] { return CountOf("HttpServer: Handling socket", server_.Output()) == kThreads + 1; }));
@@ -334,7 +334,7 @@ TEST_F(Busy, ServersLeaveAReadyConnectionUnservedAndOpenUntilTheLoopEnds) {
 }
 
 TEST_F(Busy, ServersKeepAQuietConnectionWatched) {
-    Connection quiet(server_.Port());
+    Client quiet(server_.Port());
     EXPECT_TRUE(quiet.StaysSilent());
     FinishStalled();
     ASSERT_TRUE(server_.WaitForServingThreads(0));
@@ -345,7 +345,7 @@ TEST_F(Busy, ServersKeepAQuietConnectionWatched) {
 }
 
 TEST_F(Busy, ServersEndOnASignal) {
-    Connection unlucky(server_.Port());
+    Client unlucky(server_.Port());
     unlucky.Send(VersionCall());
     EXPECT_TRUE(unlucky.StaysSilent());
     server_.Signal(SIGTERM);
@@ -357,13 +357,13 @@ TEST_F(Busy, ServersEndOnASignal) {
 }
 
 // Connections that are answered, until one is closed unanswered; `most` at most.
-std::vector<Connection> TakeAllRoom(const Server& server, std::size_t most) {
-    std::vector<Connection> kept;
+std::vector<Client> TakeAllRoom(const Server& server, std::size_t most) {
+    std::vector<Client> kept;
     while (kept.size() < most) {
-        Connection client(server.Port());
+        Client client(server.Port());
         EXPECT_TRUE(client.Connected());
         client.Send(VersionCall());
-        const Answer answer = client.ReadAnswer();
+        const Reply answer = client.ReadAnswer();
         if (answer.status == 0) {
             EXPECT_EQ(answer.text, "");
             EXPECT_TRUE(client.ClosedByPeer());
@@ -382,15 +382,15 @@ void ExpectRoomForLessThan(std::size_t most, Server& server) {
     ASSERT_EQ(Ask(server.Port(), VersionCallAndClose()).status, 200);
     const int descriptors = server.DescriptorsWhenClosed();
 
-    std::vector<Connection> kept = TakeAllRoom(server, most);
+    std::vector<Client> kept = TakeAllRoom(server, most);
     ASSERT_GT(kept.size(), 0U);
     ASSERT_LT(kept.size(), most);
     EXPECT_EQ(server.Descriptors(), descriptors + static_cast<int>(kept.size()));
     for (int i = 0; i < 30; ++i) {
-        Connection client(server.Port());
+        Client client(server.Port());
         EXPECT_TRUE(client.ClosedByPeer()) << i;
     }
-    for (Connection& client : kept) {
+    for (Client& client : kept) {
         client.Send(VersionCall());
         EXPECT_EQ(client.ReadAnswer().text, VersionAnswer());
     }

@@ -15,7 +15,7 @@ class ConfiguredText : public OwnServer {
 protected:
     void SetUp() override { ASSERT_TRUE(server_.Start()); }
 
-    Answer AskWith(const std::string& authorization) {
+    Reply AskWith(const std::string& authorization) {
         return Ask(server_.Port(), VersionCall({"Authorization: " + authorization}));
     }
 
@@ -88,11 +88,11 @@ protected:
         ASSERT_TRUE(server_->Start());
     }
 
-    Answer AskAs(const std::string& user, const std::string& password) {
+    Reply AskAs(const std::string& user, const std::string& password) {
         return AskWith(BasicAuthorization(user, password));
     }
 
-    Answer AskWith(const std::string& header) {
+    Reply AskWith(const std::string& header) {
         return Ask(server_->Port(), Call("rdxNoSuchMethod", VersionPacket(), {header}));
     }
 
@@ -100,7 +100,7 @@ protected:
 };
 RDX_IN_BOTH_MODES(ShadowDatabase);
 
-std::string UnknownMethodAnswer() { return AnswerText("200 OK", StatusPacket(42010, 9003)); }
+std::string UnknownMethodAnswer() { return Answer(200, StatusPacket(42010, 9003)); }
 
 TEST_P(ShadowDatabase, LetsAUserPassWhoseWordMatches) {
     EXPECT_EQ(AskAs("tester", "secret").text, UnknownMethodAnswer());
@@ -183,9 +183,9 @@ TEST(SeveralThreads, DoNotMixUpTheirUsers) {
     const std::string bad = Call("rdxNoSuchMethod", VersionPacket(),
                                  {BasicAuthorization("other", "secret"), "Connection: close"});
     for (int round = 0; round < 20; ++round) {
-        Connection first(server.Port());
-        Connection second(server.Port());
-        Connection third(server.Port());
+        Client first(server.Port());
+        Client second(server.Port());
+        Client third(server.Port());
         first.Send(good);
         second.Send(bad);
         third.Send(good);

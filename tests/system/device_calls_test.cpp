@@ -1,6 +1,6 @@
 // What of a call reaches the device, as its record of calls shows it, and which calls reach nothing.
 
-#include "tests/system/client.h"
+#include "tests/support/client.h"
 #include "tests/system/device_server.h"
 #include "tests/system/messages.h"
 
@@ -18,10 +18,10 @@ protected:
     void SetUp() override {
         ASSERT_TRUE(server_.Start());
         server_.Play(kEveryday);
-        client_ = std::make_unique<Connection>(server_.Port());
+        client_ = std::make_unique<Client>(server_.Port());
     }
 
-    Answer Send(const std::string& request) {
+    Reply Send(const std::string& request) {
         client_->Send(request);
         return client_->ReadAnswer();
     }
@@ -58,7 +58,7 @@ protected:
     }
 
     DeviceServer server_;
-    std::unique_ptr<Connection> client_;
+    std::unique_ptr<Client> client_;
 };
 
 using Lines = std::vector<std::string>;
@@ -109,7 +109,7 @@ TEST_F(DeviceCalls, AskForTheOwnerWhereTheAnswerNamesOne) {
 TEST_F(DeviceCalls, NameTheClientOfEachConnection) {
     const std::string packet = Arguments("rdxReleaseDevice");
     for (int i = 0; i < 3; ++i) {
-        client_ = std::make_unique<Connection>(server_.Port());
+        client_ = std::make_unique<Client>(server_.Port());
         EXPECT_EQ(CallOf("rdxReleaseDevice", packet),
                   "rDxReleaseDevice client=" + Endpoint() + R"( owner="Workstation 7" flag=1)");
     }
@@ -368,7 +368,7 @@ TEST_F(Refusals, MeetArgumentsThatAreNoStructureOrNoPacket) {
 // A call without a body brings along a packet that cannot be read.
 TEST_F(Refusals, MeetCallsWithoutArguments) {
     for (const std::string& method : Methods()) {
-        const Answer answer =
+        const Reply answer =
             Send(Request("GET /rDx?FunctionName=" + method + " HTTP/1.1", {Authorization()}));
         const bool served = method == "rdxGetDeviceStatus";
         EXPECT_EQ(answer.status, served ? 200 : 400) << method;
@@ -386,7 +386,7 @@ TEST_F(Refusals, MeetCallersWithoutCredentials) {
              {std::string("Accept: text/html"), BasicAuthorization(kUser, "wrong"),
               BasicAuthorization("stranger", kPassword),
               "Authorization: Digest " + Base64("tester:secret")}) {
-            const Answer answer = Send(Call(method, packet, {header}));
+            const Reply answer = Send(Call(method, packet, {header}));
             EXPECT_EQ(answer.text == UnauthorizedAnswer(), !open) << method << header;
             EXPECT_EQ(answer.status, open ? 200 : 401) << method << header;
         }
@@ -398,7 +398,7 @@ TEST_F(DeviceCalls, ComeFromNamesInAnyCase) {
     server_.Play(Result("rDxAllocateDevice", 0) + Result("rDxReleaseDevice", 0)); // always the same answer
     for (std::string method : Methods()) {
         const std::string packet = Arguments(method);
-        Answer answer = Send(UserCall(method, packet));
+        Reply answer = Send(UserCall(method, packet));
         const Lines calls = server_.TakeCalls();
         std::ranges::transform(method, method.begin(), [](unsigned char c) { return std::toupper(c); });
         answer = Send(UserCall(method, packet));

@@ -1,6 +1,7 @@
 #include "tests/system/harness.h"
 
 #include "tests/support/free_port.h"
+#include "tests/support/process.h"
 
 #include <algorithm>
 #include <arpa/inet.h>
@@ -34,34 +35,6 @@ extern "C" char** environ;
 namespace rdx::test {
 
 namespace {
-
-#if defined(__has_feature)
-#if __has_feature(address_sanitizer)
-#define RDX_TEST_SLOW_BUILD 1
-#endif
-#if __has_feature(thread_sanitizer)
-#define RDX_TEST_THREAD_SANITIZER 1
-#endif
-#endif
-#if defined(__SANITIZE_ADDRESS__)
-#define RDX_TEST_SLOW_BUILD 1
-#endif
-#if defined(__SANITIZE_THREAD__)
-#define RDX_TEST_THREAD_SANITIZER 1
-#endif
-#if defined(RDX_TEST_THREAD_SANITIZER)
-#define RDX_TEST_SLOW_BUILD 1
-#endif
-
-double TimeScale() {
-    const char* scale = std::getenv("RDX_TEST_TIME_SCALE");
-    if (scale != nullptr) return std::max(1.0, std::atof(scale));
-#ifdef RDX_TEST_SLOW_BUILD
-    return 8;
-#else
-    return 1;
-#endif
-}
 
 constexpr int kSetUpFailed = 125; // exit status of a child that could not become the server
 
@@ -196,17 +169,6 @@ const char* ProgramOf(Host host) {
 #endif
 }
 
-int EntriesOf(const std::string& folder) {
-    DIR* entries = opendir(folder.c_str());
-    if (entries == nullptr) return -1;
-    int count = 0;
-    while (const dirent* entry = readdir(entries)) {
-        if (entry->d_name[0] != '.') ++count;
-    }
-    closedir(entries);
-    return count;
-}
-
 // The parent of a process, the second word behind the name in /proc/PID/stat.
 pid_t ParentOf(const std::string& pid) {
     const std::string stat = ReadFile("/proc/" + pid + "/stat");
@@ -251,20 +213,6 @@ bool SucceedsInAChild(const std::function<bool()>& attempt) {
 }
 
 } // namespace
-
-milliseconds Scaled(milliseconds limit) {
-    static const double scale = TimeScale();
-    return milliseconds(static_cast<milliseconds::rep>(static_cast<double>(limit.count()) * scale));
-}
-
-bool Eventually(const std::function<bool()>& condition, milliseconds limit) {
-    const auto end = std::chrono::steady_clock::now() + Scaled(limit);
-    while (!condition()) {
-        if (std::chrono::steady_clock::now() > end) return false;
-        std::this_thread::sleep_for(milliseconds(2));
-    }
-    return true;
-}
 
 std::string ReadFile(const std::string& path) {
     std::ifstream file(path, std::ios::binary);
@@ -455,29 +403,27 @@ bool Server::WaitForLoop(int count) {
 // The thread sanitizer can lose a signal that comes during a thread's first wait, when it makes what it keeps
 // signals in.
 void Server::WaitForPasses() const {
-#if defined(RDX_TEST_THREAD_SANITIZER)
+    if constexpr (!kThreadSanitizer) return;
     const pid_t process = ServingPid();
     const int before = WaitsOf(process);
     Eventually([&] { return WaitsOf(process) > before + 1; });
-#endif
 }
 
 bool Server::WaitForServingThreads(int count) const {
-#if defined(RDX_TEST_THREAD_SANITIZER)
-    // The sanitizer's own thread comes with the first other one, and a process that was forked has one more.
-    const int others = (options_.threads > 1 ? 2 : 1) + (options_.host == Host::kRdxhttpd ? 1 : 0);
-#else
-    const int others = 1;
-#endif
-    const std::string folder = "/proc/" + std::to_string(ServingPid()) + "/task";
-    return Eventually([&] { return EntriesOf(folder) == others + count; });
+    int others = 1;
+    if constexpr (kThreadSanitizer) {
+        // Its own thread comes with the first other one, and a process that was forked has one more.
+        others += (options_.threads > 1 ? 1 : 0) + (options_.host == Host::kRdxhttpd ? 1 : 0);
+    }
+    const std::string process = std::to_string(ServingPid());
+    return Eventually([&] { return ThreadsOf(process) == others + count; });
 }
 
 bool Server::WaitForDescriptors(int count) const {
     return Eventually([&] { return Descriptors() == count; });
 }
 
-int Server::Descriptors() const { return EntriesOf("/proc/" + std::to_string(ServingPid()) + "/fd"); }
+int Server::Descriptors() const { return OpenDescriptors(std::to_string(ServingPid())); }
 
 int Server::DescriptorsWhenClosed() const {
     WaitForOutput("ServeClientDone: Socket closed");

@@ -5,14 +5,16 @@
 //
 //     Server server({.settings = {"Verbosity=VERBOSITY_ALL"}, .threads = 8});
 //     ASSERT_TRUE(server.Start());
-//     Connection client(server.Port());
+//     Client client(server.Port());
 //
 // Environment:
-//     RDX_TEST_TIME_SCALE  factor on every time limit (default 1, under a sanitizer 8)
+//     RDX_TEST_TIME_SCALE  see tests/support/eventually.h
 //     RDX_TEST_SERVER      port of a server that runs already, for the tests that need no settings of
 //                          their own; it must allow GET and POST and serve with several threads
 #ifndef RDX_TESTS_SYSTEM_HARNESS_H
 #define RDX_TESTS_SYSTEM_HARNESS_H
+
+#include "tests/support/eventually.h"
 
 #include <gtest/gtest.h>
 
@@ -25,20 +27,6 @@
 #include <vector>
 
 namespace rdx::test {
-
-using std::chrono::milliseconds;
-
-// How long to wait for what must happen, before scaling.
-inline constexpr milliseconds kPatience{60000};
-
-// How long to look for what must not happen, before scaling.
-inline constexpr milliseconds kGlance{150};
-
-// `limit` times RDX_TEST_TIME_SCALE.
-milliseconds Scaled(milliseconds limit);
-
-// Polls `condition` until it holds; false when it did not within the scaled limit.
-bool Eventually(const std::function<bool()>& condition, milliseconds limit = kPatience);
 
 std::string ReadFile(const std::string& path);
 void WriteFile(const std::string& path, const std::string& text);

@@ -12,8 +12,6 @@
 namespace rdx::test {
 namespace {
 
-const std::string kBadPage = "<HTML><BODY>Bad Request</BODY></HTML>";
-
 // Beside an exchange that is recorded, these are what the administration server answers.
 const std::string kTaken = "HTTP/1.1 200 OK\r\nServer: a\r\nContent-length: 5\r\n\r\ntaken";
 
@@ -32,7 +30,7 @@ std::string Recorded(const std::string& name, int port) {
 // The acknowledge of another ticket than the recorded one; its length is that of a whole answer again.
 std::string Acknowledge(const std::string& ticket) {
     const std::string recorded = Recorded("acknowledge", ">TND-ST_42<", ">TND-ST_" + ticket + "<");
-    return AnswerText("200 OK", recorded.substr(recorded.find("\r\n\r\n") + 4));
+    return Answer(200, recorded.substr(recorded.find("\r\n\r\n") + 4));
 }
 
 std::string FollowUp(const std::string& command, const std::string& ticket, const std::string& body) {
@@ -91,7 +89,7 @@ public:
 
     // The descriptors of a server that keeps no connection.
     int DescriptorsWhenIdle() const {
-        Connection last(process.Port());
+        Client last(process.Port());
         last.Send(VersionCallAndClose());
         EXPECT_EQ(last.ReadUntilClosed(), VersionAnswer());
         EXPECT_TRUE(process.WaitForServingThreads(0));
@@ -172,7 +170,7 @@ TEST_P(Junior, AcknowledgesEveryTicketAndPostsItsResult) {
     JuniorServer server(GetParam());
     ASSERT_TRUE(server.Start());
     for (const auto& [ticket, quoted] : rows) {
-        Connection client(server.Port());
+        Client client(server.Port());
         client.Send(Ticketed(ticket));
         EXPECT_EQ(client.ReadUntilClosed(), Acknowledge(quoted)) << "and nothing more";
         EXPECT_EQ(server.TakeRequests(1), Requests{Success(quoted)});
@@ -217,7 +215,7 @@ TEST_P(Junior, PostsFailuresAsSuch) {
         {"no packet",
          Request("GET /rDx?FunctionName=rdxGetVersion&SvcTicket=9 HTTP/1.1", {"Connection: close"}),
          kBadPage},
-        {"no credentials", Ticketed("9", "rdxReleaseDevice"), kServerErrorPage},
+        {"no credentials", Ticketed("9", "rdxReleaseDevice"), kErrorPage},
         {"no method", Request("POST /rDx?SvcTicket=9 HTTP/1.1", {"Connection: close"}, VersionPacket()),
          kBadPage},
     };
@@ -275,7 +273,7 @@ TEST_P(Junior, PostsALongResultWhole) {
 TEST_P(Junior, SendsTheTerminatorBehindAcknowledgeAndFollowUp) {
     JuniorServer server(GetParam(), kTaken + "END", AdminServer::Then::Close, {"SendEOT=1", "EOTString=END"});
     ASSERT_TRUE(server.Start());
-    Connection client(server.Port());
+    Client client(server.Port());
     client.Send(Ticketed("42"));
     EXPECT_EQ(client.ReadUntilClosed(), Acknowledge("42") + "END");
     const Requests requests = server.TakeRequests(1);
@@ -299,7 +297,7 @@ TEST_P(Junior, ServesACallWithoutATicketInOneStage) {
 // Not all as in the direct service: what cannot be read, and a method that wants credentials, is an error of
 // the server.
 TEST_P(Junior, AnswersEveryStatus) {
-    const std::string badAnswer = AnswerText("400 Bad Request", kBadPage);
+    const std::string badAnswer = Answer(400, kBadPage);
     const struct {
         const char* why;
         std::string request;
@@ -350,18 +348,18 @@ TEST_P(Junior, KeepsOrClosesTheConnectionAsItsSlotSays) {
     JuniorServer server(GetParam());
     ASSERT_TRUE(server.Start());
     const std::string keeping = Ticketed("1", "rdxGetVersion", VersionPacket(), "Connection: keep-alive");
-    Connection unticketed(server.Port());
+    Client unticketed(server.Port());
     unticketed.Send(VersionCall({"Connection: keep-alive"}));
     EXPECT_EQ(unticketed.ReadUntilClosed(), VersionAnswer()) << "its wish is not asked";
     EXPECT_TRUE(server.WaitUntilIdle());
 
-    Connection first(server.Port());
+    Client first(server.Port());
     first.Send(keeping);
     EXPECT_EQ(first.ReadUntilClosed(), Acknowledge("1")) << "its own wish comes too late";
     EXPECT_TRUE(server.WaitForFollowUps(1));
     EXPECT_TRUE(server.WaitUntilIdle());
 
-    Connection second(server.Port());
+    Client second(server.Port());
     second.Send(Ticketed("2"));
     EXPECT_EQ(second.ReadAnswer().text, Acknowledge("2"));
     EXPECT_TRUE(server.WaitForFollowUps(2));
@@ -383,7 +381,7 @@ TEST(OneThread, ServesATicketAfterTheOtherOverOneConnection) {
     };
     EXPECT_EQ(Ask(server.Port(), call("0")).text, Acknowledge("0"));
     EXPECT_EQ(server.TakeRequests(1), Requests{Success("0")});
-    Connection client(server.Port());
+    Client client(server.Port());
     for (const std::string ticket : {"1", "2", "3"}) {
         EXPECT_TRUE(server.WaitUntilIdle());
         client.Send(call(ticket));
@@ -542,7 +540,7 @@ protected:
 RDX_IN_BOTH_MODES(SilentAdministrationServer);
 
 TEST_P(SilentAdministrationServer, HoldsUpOneThreadAlone) {
-    Connection other(server_.Port());
+    Client other(server_.Port());
     other.Send(VersionCallAndClose());
     if (GetParam() == 1) {
         EXPECT_TRUE(other.StaysSilent());
@@ -605,7 +603,7 @@ TEST_P(ManyTickets, AreAllAcknowledgedAndPostedAtMostOnce) {
     ExpectAFollowUp(server, "1000");
     const int descriptors = server.DescriptorsWhenIdle();
     for (int round = 0; round < 5; ++round) {
-        std::vector<Connection> clients;
+        std::vector<Client> clients;
         for (int call = 0; call < kCalls; ++call) {
             clients.emplace_back(server.Port());
             // One by one: the server lets few of them wait to be accepted.

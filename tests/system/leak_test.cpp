@@ -67,7 +67,7 @@ TEST_P(Leaks, AreNotFoundAfterAHundredMixedCalls) {
     ASSERT_TRUE(server.Start());
     for (int number = 0; number < 100; ++number) {
         if (number % 25 == 0) { // a client that stops half way
-            Connection client(server.Port());
+            Client client(server.Port());
             client.Send(VersionCall().substr(0, 20));
         }
         ASSERT_NE(AskUntilAnswered(server.Port(), CallNumber(number)).status, 0) << number;

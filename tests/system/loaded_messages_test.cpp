@@ -1,4 +1,5 @@
 // Messages and sockets as an outside program sees them.
+#include "tests/support/answers.h"
 #include "tests/system/loaded.h"
 
 #include <gtest/gtest.h>
@@ -147,11 +148,7 @@ TEST(Loaded, ResponsesAreBuiltAndWritten) {
     EXPECT_EQ(response->ucNumOfGeneralHeaders, 3);
     EXPECT_EQ(response->ucNumOfEntityHeaders, 2);
     EXPECT_EQ(response->uiBodyLength, 3U);
-    const std::string expected =
-        "HTTP/1.1 200 OK\r\nDate: Tue, 30 April 2002 12:08:00 GMT\r\n"
-        "Last-modified: Tue, 30 April 2002 12:08:00 GMT\r\nAccept-Ranges: bytes\r\n"
-        "Server: Halvor Dx httpd/0.1\r\nContent-type: text/html\r\nContent-length: 3\r\n"
-        "\r\nabc";
+    const std::string expected = Answer(200, "abc");
     std::vector<char> wire(1000);
     const auto write = Function<int(HttpResponse*, char*, unsigned int)>("SerializeHttpResponse");
     EXPECT_EQ(write(response, wire.data(), 1000), static_cast<int>(expected.size()));

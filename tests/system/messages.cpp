@@ -4,45 +4,6 @@
 
 namespace rdx::test {
 
-const std::string kVersionBody =
-    "<?xml version='1.0'?><!DOCTYPE wddxPacket SYSTEM 'wddx_dtd_10.dtd'><wddxPacket version='1.0'>"
-    "<header><comment>rDxGetVersion</comment></header><data>"
-    "    <struct>"
-    "        <var name='status'>"
-    "\t\t\t<struct>"
-    "\t\t\t\t<var name='code'><number>0</number></var>"
-    "\t\t\t</struct></var>"
-    "        <var name='version'><number>100</number></var>"
-    "    </struct></data></wddxPacket>";
-
-std::string AnswerText(const std::string& statusLine, const std::string& body, const std::string& challenge) {
-    return "HTTP/1.1 " + statusLine +
-           "\r\n"
-           "Date: Tue, 30 April 2002 12:08:00 GMT\r\n"
-           "Last-modified: Tue, 30 April 2002 12:08:00 GMT\r\n"
-           "Accept-Ranges: bytes\r\n"
-           "Server: Halvor Dx httpd/0.1\r\n" +
-           challenge +
-           "Content-type: text/html\r\n"
-           "Content-length: " +
-           std::to_string(body.size()) + "\r\n\r\n" + body;
-}
-
-std::string VersionAnswer() { return AnswerText("200 OK", kVersionBody); }
-
-std::string BadRequestAnswer() { return AnswerText("400 Bad Request", kInvalidRequestPage); }
-
-std::string UnauthorizedAnswer(const std::string& realm) {
-    return AnswerText("401 Unauthorized", kUnauthorizedPage,
-                      "WWW-Authenticate: BASIC realm=\"" + realm + "\"\r\n");
-}
-
-std::string NotFoundAnswer() { return AnswerText("404 Not found", kNotFoundPage); }
-
-std::string NotAllowedAnswer() { return AnswerText("405 Not implemented", kNotAllowedPage); }
-
-std::string ServerErrorAnswer() { return AnswerText("500 Internal Server Error", kServerErrorPage); }
-
 std::string StatusPacket(int code, int reason) {
     return "<?xml version='1.0'?><!DOCTYPE wddxPacket SYSTEM 'wddx_dtd_10.dtd'><wddxPacket version='1.0'>"
            "<header><comment></comment></header><data><struct><var name='Status'><struct>"

@@ -2,32 +2,13 @@
 #ifndef RDX_TESTS_SYSTEM_MESSAGES_H
 #define RDX_TESTS_SYSTEM_MESSAGES_H
 
+#include "tests/support/answers.h"
+
 #include <string>
 #include <string_view>
 #include <vector>
 
 namespace rdx::test {
-
-// The body of every answer to rdxGetVersion.
-extern const std::string kVersionBody;
-
-inline const std::string kInvalidRequestPage = "<HTML><BODY>Invalid Request</BODY></HTML>";
-inline const std::string kUnauthorizedPage = "<HTML><BODY>Unauthorized</BODY></HTML>";
-inline const std::string kNotFoundPage = "<HTML><BODY>Not Found</BODY></HTML>";
-inline const std::string kNotAllowedPage = "<HTML><BODY>Method not allowed</BODY></HTML>";
-inline const std::string kServerErrorPage = "<HTML><BODY>Internal Server Error</BODY></HTML>";
-
-// A whole answer: status line, the headers of every answer, `challenge` lines if any, and the body.
-std::string AnswerText(const std::string& statusLine, const std::string& body,
-                       const std::string& challenge = "");
-
-// The answers, whole.
-std::string VersionAnswer();
-std::string BadRequestAnswer();
-std::string UnauthorizedAnswer(const std::string& realm = "Tavrin");
-std::string NotFoundAnswer();
-std::string NotAllowedAnswer();
-std::string ServerErrorAnswer();
 
 // The result packet with nothing but this status and null parameters.
 std::string StatusPacket(int code, int reason);

@@ -1,8 +1,8 @@
 // Every method as a workstation sees it: each row of the status-code table and each case of its own, with a
 // device that does what a scenario says, the whole answer compared byte for byte with its file in golden/.
 
+#include "tests/support/client.h"
 #include "tests/support/interfaces.h"
-#include "tests/system/client.h"
 #include "tests/system/curl_client.h"
 #include "tests/system/device_server.h"
 #include "tests/system/messages.h"
@@ -393,7 +393,7 @@ protected:
     void ExpectGolden(const CurlAnswer& answer, const std::string& golden, long earliest) {
         EXPECT_EQ(answer.error, "");
         EXPECT_EQ(answer.status, 200);
-        EXPECT_EQ(answer.head + answer.body, AnswerText("200 OK", Filled(golden, answer.body, earliest)));
+        EXPECT_EQ(answer.head + answer.body, Answer(200, Filled(golden, answer.body, earliest)));
     }
 
     DeviceServer server_{{.threads = std::get<1>(GetParam())}};
@@ -516,7 +516,7 @@ protected:
         SCOPED_TRACE(scenario);
         server.Play(kEveryday + scenario);
         const long earliest = UpTimeOfTheMachine();
-        const Answer answer = Ask(server.Port(), Call("rdxGetDeviceStatus", Arguments("rdxGetDeviceStatus")));
+        const Reply answer = Ask(server.Port(), Call("rdxGetDeviceStatus", Arguments("rdxGetDeviceStatus")));
         EXPECT_EQ(answer.body, Filled(Golden("rdxGetDeviceStatus", "0"), answer.body, earliest, interface));
     }
 };

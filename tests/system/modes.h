@@ -2,7 +2,7 @@
 #ifndef RDX_TESTS_SYSTEM_MODES_H
 #define RDX_TESTS_SYSTEM_MODES_H
 
-#include "tests/system/client.h"
+#include "tests/support/client.h"
 #include "tests/system/harness.h"
 #include "tests/system/messages.h"
 

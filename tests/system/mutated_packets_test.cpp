@@ -1,7 +1,7 @@
 // Every good argument packet, mutated in every place: the answer is 400 or a well-formed packet, nothing
 // reaches the device that a method must not pass on, and the server keeps no memory of it.
 
-#include "tests/system/client.h"
+#include "tests/support/client.h"
 #include "tests/system/device_server.h"
 #include "tests/system/messages.h"
 #include "tests/system/modes.h"
@@ -229,8 +229,8 @@ public:
     }
 
     // Sends as many requests at a time as there are connections, then reads their answers.
-    std::vector<Answer> Send(std::span<const std::string> requests) {
-        std::vector<Answer> answers;
+    std::vector<Reply> Send(std::span<const std::string> requests) {
+        std::vector<Reply> answers;
         while (!requests.empty()) {
             const std::size_t count = std::min(requests.size(), connections_.size());
             for (std::size_t i = 0; i < count; ++i) connections_[i].Send(requests[i]);
@@ -241,7 +241,7 @@ public:
     }
 
 private:
-    std::vector<Connection> connections_;
+    std::vector<Client> connections_;
 };
 
 // So many requests are looked at together.
@@ -282,7 +282,7 @@ protected:
     }
 
     // True for an answer that says what was done.
-    static bool CheckAnswer(const Answer& answer) {
+    static bool CheckAnswer(const Reply& answer) {
         if (answer.text == BadRequestAnswer()) return false;
         EXPECT_EQ(answer.status, 200) << answer.text;
         const XmlPacket packet(answer.body);
@@ -311,7 +311,7 @@ protected:
         }
         SCOPED_TRACE(whys);
         int answered = 0;
-        for (const Answer& answer : caller_->Send(requests)) {
+        for (const Reply& answer : caller_->Send(requests)) {
             const bool refusedBefore = CountOf("<number>9064</number>", answer.body) > 0;
             const bool done = CheckAnswer(answer);
             ++(done ? answers_ : refusals_);
@@ -410,7 +410,7 @@ protected:
     void Send(Caller& caller, std::size_t count) {
         for (std::size_t sent = 0; sent < count; sent += kBatch) {
             const std::size_t first = sent % (requests_.size() - kBatch);
-            for (const Answer& answer : caller.Send(std::span(requests_).subspan(first, kBatch))) {
+            for (const Reply& answer : caller.Send(std::span(requests_).subspan(first, kBatch))) {
                 ASSERT_TRUE(answer.status == 200 || answer.status == 400) << answer.text;
             }
         }

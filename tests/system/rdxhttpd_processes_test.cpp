@@ -1,6 +1,6 @@
 // The two processes of rdxhttpd: what they make of signals however these come, and of each other's end.
 
-#include "tests/system/client.h"
+#include "tests/support/client.h"
 #include "tests/system/harness.h"
 #include "tests/system/messages.h"
 
@@ -103,7 +103,7 @@ TEST(RdxhttpdProcesses, ServeWithoutStandardStreams) {
         const auto ending = server.Run({"-c", server.ConfigurationPath(), "-mt", "4"});
         EXPECT_TRUE(ending && ending->result == 0);
     });
-    EXPECT_TRUE(Eventually([&] { return Connection(server.Port()).Connected(); }));
+    EXPECT_TRUE(Eventually([&] { return Client(server.Port()).Connected(); }));
     for (int i = 0; i < 5; ++i) {
         EXPECT_EQ(AskUntilAnswered(server.Port(), VersionCallAndClose()).text, VersionAnswer());
     }

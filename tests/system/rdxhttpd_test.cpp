@@ -67,7 +67,7 @@ TEST_P(Rdxhttpd, ReconfiguresOnASignal) {
 
 TEST_P(Rdxhttpd, ReportsAnAssertionThatEndedTheServer) {
     ASSERT_TRUE(server_.Start());
-    Connection client(server_.Port());
+    Client client(server_.Port());
     client.Send("GET /x HTTP/1.1\r\nno colon\r\n\r\n");
     client.ReadUntilClosed();
     ExpectEnding(1);
@@ -81,7 +81,7 @@ TEST_P(Rdxhttpd, LeavesNoServerBehindWhenItIsKilled) {
     ASSERT_GT(child, 0);
     server_.Signal(SIGKILL);
     ASSERT_TRUE(server_.WaitForEnd());
-    EXPECT_TRUE(Eventually([&] { return !Connection(server_.Port()).Connected(); }));
+    EXPECT_TRUE(Eventually([&] { return !Client(server_.Port()).Connected(); }));
     // One that ended but that nobody has waited for yet has no program any more.
     const std::string program = "/proc/" + std::to_string(child) + "/exe";
     EXPECT_TRUE(Eventually([&] {
@@ -93,7 +93,7 @@ TEST_P(Rdxhttpd, LeavesNoServerBehindWhenItIsKilled) {
 TEST(RdxhttpdWithSeveralThreads, LetsRequestsInServiceFinish) {
     Server server({.threads = kSeveralThreads, .host = Host::kRdxhttpd});
     ASSERT_TRUE(server.Start());
-    Connection client(server.Port());
+    Client client(server.Port());
     const std::string call = VersionCall();
     client.Send(call.substr(0, 40));
     EXPECT_EQ(Ask(server.Port(), VersionCallAndClose()).status, 200); // the other is in service by now

@@ -48,10 +48,10 @@ TEST_P(EndingSignals, EndsAnIdleServerWithResultZero) {
 TEST_P(EndingSignals, EndsAServerWithIdleConnections) {
     Server server({.threads = Threads()});
     ASSERT_TRUE(server.Start());
-    Connection served(server.Port());
+    Client served(server.Port());
     served.Send(VersionCall());
     ASSERT_EQ(served.ReadAnswer().status, 200);
-    Connection silent(server.Port());
+    Client silent(server.Port());
     server.Signal(Number());
     ExpectOrderlyEnd(server);
     EXPECT_TRUE(served.ClosedByPeer());
@@ -76,7 +76,7 @@ protected:
 
     static int Threads() { return std::get<1>(GetParam()); }
 
-    static void StartAndStall(Server& server, Connection& client) {
+    static void StartAndStall(Server& server, Client& client) {
         client.Send(Beginning());
         ASSERT_TRUE(server.WaitForOutput("HttpServer: Handling socket"));
         if (Threads() > 1) {
@@ -101,7 +101,7 @@ TEST_P(Stalled, DoesNotHoldUpAnEnd) {
     for (const int number : {SIGTERM, SIGHUP}) {
         Server server({.threads = Threads()});
         ASSERT_TRUE(server.Start());
-        Connection client(server.Port());
+        Client client(server.Port());
         StartAndStall(server, client);
         server.Signal(number);
         ExpectOrderlyEnd(server);
@@ -113,7 +113,7 @@ TEST_P(Stalled, DoesNotHoldUpAnEnd) {
 TEST_P(Stalled, GetsItsWholeAnswerAfterAReconfiguration) {
     Server server({.threads = Threads()});
     ASSERT_TRUE(server.Start());
-    Connection client(server.Port());
+    Client client(server.Port());
     StartAndStall(server, client);
 
     PortReservation other;
@@ -139,7 +139,7 @@ RDX_IN_BOTH_MODES(Signals);
 TEST_P(Signals, ThatAreIgnoredChangeNothing) {
     Server server({.threads = GetParam()});
     ASSERT_TRUE(server.Start());
-    Connection client(server.Port());
+    Client client(server.Port());
     client.Send(VersionCall());
     ASSERT_EQ(client.ReadAnswer().status, 200);
     for (const int number : {SIGINT, SIGQUIT, SIGPIPE}) {
@@ -157,7 +157,7 @@ TEST_P(Signals, ReconfigureToAnotherPortAndVerbosity) {
     Server server({.settings = {"Verbosity=VERBOSITY_NONE"}, .threads = GetParam()});
     ASSERT_TRUE(server.Start());
     EXPECT_EQ(CountOf("DumpConfiguration", server.Output()), 0);
-    Connection client(server.Port());
+    Client client(server.Port());
     client.Send(VersionCall());
     ASSERT_EQ(client.ReadAnswer().status, 200);
 
@@ -166,7 +166,7 @@ TEST_P(Signals, ReconfigureToAnotherPortAndVerbosity) {
     server.Signal(SIGUSR1);
     ASSERT_TRUE(server.WaitForLoop(2));
     EXPECT_TRUE(client.ClosedByPeer());
-    EXPECT_FALSE(Connection(server.Port()).Connected());
+    EXPECT_FALSE(Client(server.Port()).Connected());
     EXPECT_EQ(Ask(other.Port(), VersionCall()).text, VersionAnswer());
 
     const std::string output = server.Output();
@@ -207,7 +207,7 @@ TEST_P(Signals, ReconfigureInAFloodWhileClientsCall) {
     Server server({.threads = GetParam()});
     ASSERT_TRUE(server.Start());
     for (int i = 0; i < 30; ++i) {
-        Connection client(server.Port());
+        Client client(server.Port());
         client.Send(VersionCall());
         server.Signal(SIGUSR1);
         client.ReadAnswer(milliseconds(20)); // an answer or a closed connection, as it happens
@@ -221,7 +221,7 @@ TEST_P(Signals, ReconfigureInAFloodWhileClientsCall) {
 TEST_P(Signals, ApplyWhatIsReadUpToABadLineAndServeOn) {
     Server server({.threads = GetParam()});
     ASSERT_TRUE(server.Start());
-    Connection client(server.Port());
+    Client client(server.Port());
     client.Send(VersionCall());
     ASSERT_EQ(client.ReadAnswer().status, 200);
 
@@ -255,27 +255,27 @@ TEST(SeveralThreads, OfAnEndedLoopLeaveTheNewLoopItsFullNumber) {
     Server server({.threads = kThreads});
     ASSERT_TRUE(server.Start());
     const std::string call = VersionCall();
-    const auto stall = [&](std::vector<Connection>& clients) {
+    const auto stall = [&](std::vector<Client>& clients) {
         for (int i = 0; i < kThreads; ++i) {
             clients.emplace_back(server.Port());
             clients.back().Send(call.substr(0, 40));
         }
     };
-    std::vector<Connection> before;
+    std::vector<Client> before;
     stall(before);
     ASSERT_TRUE(server.WaitForServingThreads(kThreads));
     server.Signal(SIGUSR1);
     ASSERT_TRUE(server.WaitForLoop(2));
-    std::vector<Connection> after;
+    std::vector<Client> after;
     stall(after);
     ASSERT_TRUE(server.WaitForServingThreads(2 * kThreads));
 
-    for (Connection& client : before) { // whole answers, and no place in the new loop
+    for (Client& client : before) { // whole answers, and no place in the new loop
         client.Send(call.substr(40));
         EXPECT_EQ(client.ReadAnswer().text, VersionAnswer());
         EXPECT_TRUE(client.ClosedByPeer());
     }
-    for (Connection& client : after) {
+    for (Client& client : after) {
         client.Send(call.substr(40));
         EXPECT_EQ(client.ReadAnswer().text, VersionAnswer());
         EXPECT_TRUE(client.StaysSilent());

@@ -211,7 +211,7 @@ TEST(Port, OfTheFileWinsOverTheCommandLine) {
     PortReservation other;
     Server server({.settings = {"Verbosity=VERBOSITY_LOG"}});
     ASSERT_TRUE(server.Start({"-p", std::to_string(other.Port())}));
-    EXPECT_FALSE(Connection(other.Port()).Connected());
+    EXPECT_FALSE(Client(other.Port()).Connected());
     EXPECT_EQ(Ask(server.Port(), VersionCall()).status, 200);
     EXPECT_EQ(CountOf("main(): warning - svc port from config file overrides cmdline or default param <" +
                           std::to_string(server.Port()) + ">",
@@ -353,7 +353,7 @@ std::string TracesOfACall(const std::string& level, const std::string& request, 
     Server server({.settings = {"Verbosity=" + level}});
     if (!server.Start() || !server.WaitForOutput("mtPrimaryThread=")) return "did not start";
     const std::string before = NormalCall(server.Output());
-    Connection client(server.Port());
+    Client client(server.Port());
     client.Send(request);
     client.ReadAnswer();
     if (!server.WaitForOutput(last)) return "did not finish";
@@ -489,7 +489,7 @@ TEST(Traces, TellTheAllowedMethodTheShortBodyAndTheMissingCredentials) {
     ASSERT_TRUE(server.Start());
     EXPECT_EQ(Ask(server.Port(), Request("DELETE / HTTP/1.1", {"Host: a"})).status, 405);
     EXPECT_TRUE(server.WaitForOutput("\nParsing: method ok (0)"));
-    Connection shortBody(server.Port());
+    Client shortBody(server.Port());
     shortBody.Send("POST / HTTP/1.1\r\nContent-length: 10\r\n\r\n1234");
     shortBody.FinishSending();
     EXPECT_EQ(shortBody.ReadAnswer().text, BadRequestAnswer());

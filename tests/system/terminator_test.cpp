@@ -10,7 +10,7 @@ protected:
     void SetUp() override { ASSERT_TRUE(server_.Start()); }
 
     std::string AskAndClose(const std::string& request) {
-        Connection client(server_.Port());
+        Client client(server_.Port());
         client.Send(request);
         client.FinishSending();
         return client.ReadUntilClosed();
@@ -44,7 +44,7 @@ TEST_P(Terminator, AtTheEndOfABodyIsPartOfIt) {
 // The body that was announced never came whole: the request is refused at once, without waiting.
 TEST_P(Terminator, EndsABodyThatIsShorterThanAnnounced) {
     for (const char* end : {"<<END>>", "<<END>>\r\n"}) {
-        Connection client(server_.Port());
+        Client client(server_.Port());
         client.Send("POST /rDx?FunctionName=rdxGetVersion HTTP/1.1\r\nContent-length: 5000\r\n\r\n" +
                     VersionPacket() + end);
         EXPECT_EQ(client.ReadAnswer().text, BadRequestAnswer());
@@ -54,7 +54,7 @@ TEST_P(Terminator, EndsABodyThatIsShorterThanAnnounced) {
 TEST_P(Terminator, IsNotSentWhenTheFlagIsOff) {
     Server server({.settings = {"SendEOT=yes", "EOTString=<<END>>"}, .threads = GetParam()});
     ASSERT_TRUE(server.Start());
-    Connection client(server.Port());
+    Client client(server.Port());
     client.Send(VersionCallAndClose());
     EXPECT_EQ(client.ReadUntilClosed(), VersionAnswer());
 }
@@ -62,7 +62,7 @@ TEST_P(Terminator, IsNotSentWhenTheFlagIsOff) {
 TEST_P(Terminator, ThatIsEmptyAddsNothing) {
     Server server({.settings = {"SendEOT=1"}, .threads = GetParam()});
     ASSERT_TRUE(server.Start());
-    Connection client(server.Port());
+    Client client(server.Port());
     client.Send(UnknownTarget());
     EXPECT_EQ(client.ReadUntilClosed(), NotFoundAnswer());
 }

@@ -1,7 +1,7 @@
 // Answers are XML to a parser that is not ours, and the texts in them are what the device or a client gave,
 // whatever characters they hold.
 
-#include "tests/system/client.h"
+#include "tests/support/client.h"
 #include "tests/system/device_server.h"
 #include "tests/system/messages.h"
 #include "tests/system/xml.h"
@@ -59,14 +59,14 @@ TEST(Files, HoldWhatTheParserFinds) {
     EXPECT_EQ(status.TextAt("Status/params"), std::nullopt);
     EXPECT_EQ(status.TextAt("status"), std::nullopt);
     EXPECT_FALSE(XmlPacket("<string>a & b</string>").WellFormed());
-    EXPECT_FALSE(XmlPacket("<HTML><BODY>Invalid Request</BODY></HTML>").HasData());
+    EXPECT_FALSE(XmlPacket(kInvalidPage).HasData());
 }
 
 class Texts : public testing::Test {
 protected:
     void SetUp() override {
         ASSERT_TRUE(server_.Start());
-        client_ = std::make_unique<Connection>(server_.Port());
+        client_ = std::make_unique<Client>(server_.Port());
     }
 
     // The answer to a call, which must be XML and of which the request was XML too.
@@ -74,7 +74,7 @@ protected:
         const XmlPacket request(packet);
         EXPECT_TRUE(request.WellFormed()) << packet << request.Error();
         client_->Send(UserCall(method, packet));
-        const Answer answer = client_->ReadAnswer();
+        const Reply answer = client_->ReadAnswer();
         EXPECT_EQ(answer.status, 200) << packet;
         auto parsed = std::make_unique<XmlPacket>(answer.body);
         EXPECT_TRUE(parsed->WellFormed()) << answer.body << parsed->Error();
@@ -83,7 +83,7 @@ protected:
     std::unique_ptr<XmlPacket> Send(const std::string& method) { return Send(method, Arguments(method)); }
 
     DeviceServer server_;
-    std::unique_ptr<Connection> client_;
+    std::unique_ptr<Client> client_;
 };
 
 // Runs a test's body with each of the texts.
@@ -209,7 +209,7 @@ TEST_F(Texts, OfTheMachineComeThroughAsItsName) {
     for (const char* name : {"bay-1", "<&>\"'", "\xc3\xbc-\xe2\x82\xac", "]]>&amp;"}) {
         DeviceServer named({.machineName = name});
         ASSERT_TRUE(named.Start());
-        const Answer answer = Ask(named.Port(), Call("rdxGetDeviceStatus", VersionPacket()));
+        const Reply answer = Ask(named.Port(), Call("rdxGetDeviceStatus", VersionPacket()));
         const XmlPacket status(answer.body);
         EXPECT_TRUE(status.WellFormed()) << answer.text << status.Error();
         EXPECT_EQ(status.TextAt("Hostname"), name);

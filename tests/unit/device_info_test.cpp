@@ -6,6 +6,7 @@
 #include "tests/support/fake_device.h"
 #include "tests/support/faults.h"
 #include "tests/support/interfaces.h"
+#include "tests/support/process.h"
 #include "tests/support/wddx.h"
 
 #include <algorithm>
@@ -14,7 +15,6 @@
 #include <cstdarg>
 #include <cstring>
 #include <fcntl.h>
-#include <filesystem>
 #include <gtest/gtest.h>
 #include <iterator>
 #include <mutex>
@@ -227,11 +227,6 @@ TEST_F(DeviceInfo, CutsALongNameToWhatTheSystemTakes) {
 
 // ------------------------------------------------------------------------------------- the socket for it
 
-std::ptrdiff_t OpenDescriptors() {
-    const std::filesystem::directory_iterator entries("/proc/self/fd");
-    return std::distance(begin(entries), end(entries));
-}
-
 void AskOften(int threads, int calls) {
     const auto ask = [=] {
         unsigned char bytes[MAC_ADDRESS_SIZE];
@@ -245,9 +240,9 @@ void AskOften(int threads, int calls) {
 }
 
 TEST_F(DeviceInfo, AsksThroughOneSocket) {
-    const std::ptrdiff_t before = OpenDescriptors();
+    const int before = test::OpenDescriptors();
     for (int i = 0; i < 1000; ++i) Mac();
-    EXPECT_LE(OpenDescriptors(), before + 1);
+    EXPECT_LE(test::OpenDescriptors(), before + 1);
     EXPECT_EQ(std::ranges::count(askedThrough, askedThrough.front()), 1000);
     EXPECT_NE(fcntl(askedThrough.front(), F_GETFD) & FD_CLOEXEC, 0);
 }
@@ -261,11 +256,11 @@ protected:
 TEST_F(FirstUse, OpensOneSocketAndKeepsIt) {
     EXPECT_EXIT(
         {
-            const std::ptrdiff_t before = OpenDescriptors();
+            const int before = test::OpenDescriptors();
             AskOften(1, 1);
-            const std::ptrdiff_t after = OpenDescriptors();
+            const int after = test::OpenDescriptors();
             AskOften(1, 1000);
-            std::_Exit(after == before + 1 && OpenDescriptors() == after ? 0 : 1);
+            std::_Exit(after == before + 1 && test::OpenDescriptors() == after ? 0 : 1);
         },
         testing::ExitedWithCode(0), "");
 }
@@ -274,9 +269,9 @@ TEST_F(FirstUse, KeepsOneSocketOfSeveralOpenedAtOnce) {
     EXPECT_EXIT(
         {
             socketsTogether = 8;
-            const std::ptrdiff_t before = OpenDescriptors();
+            const int before = test::OpenDescriptors();
             AskOften(8, 125);
-            const bool keptOne = OpenDescriptors() == before + 1;
+            const bool keptOne = test::OpenDescriptors() == before + 1;
             std::_Exit(keptOne && socketsWanted == 8 ? 0 : 1);
         },
         testing::ExitedWithCode(0), "");

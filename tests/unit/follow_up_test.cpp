@@ -146,7 +146,7 @@ TEST_F(TwoStagesTest, ReadsTheTicketsNumber) {
         lastFunction.clear();
         Serving serving;
         Serve(serving, Get("/rDx?" + row.query));
-        EXPECT_EQ(serving.Received(), Answer(kOk, row.ticket.empty() ? "x" : Acknowledge(row.ticket)));
+        EXPECT_EQ(serving.Received(), Answer(200, row.ticket.empty() ? "x" : Acknowledge(row.ticket)));
         EXPECT_EQ(lastFunction, row.ticket.empty() ? "" : "vsFollowUpSuccess&SvcTicket=" + row.ticket);
     }
 }
@@ -226,9 +226,9 @@ TEST_F(TwoStagesTest, RefusesATicketWithoutMemoryForTheAcknowledge) {
         serving.call.ucKeepAlive = keep;
         serving.Send(Get(kTicketUri));
         const FailCall noMemory("calloc", 2); // the first one is the request's
-        EXPECT_EQ(Serve(serving), static_cast<long>(kNoResourcesAnswer.size()));
+        EXPECT_EQ(Serve(serving), static_cast<long>(NoResourcesAnswer().size()));
         EXPECT_TRUE(noMemory.Struck());
-        EXPECT_EQ(serving.Received(), kNoResourcesAnswer);
+        EXPECT_EQ(serving.Received(), NoResourcesAnswer());
         EXPECT_EQ(serving.IsWatched(), keep == 1);
     }
     EXPECT_FALSE(lastConnect);

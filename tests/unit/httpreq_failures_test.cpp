@@ -3,6 +3,7 @@
 #include "common/config.h"
 #include "tests/support/assertion.h"
 #include "tests/support/broken_requests.h"
+#include "tests/support/exchange.h"
 #include "tests/support/faults.h"
 #include "tests/support/request_reading.h"
 #include "tests/support/wire.h"
@@ -34,7 +35,7 @@ TEST_F(ConsumeHttpRequestDeathTest, EndsTheProcessOnEveryLethalRequest) {
         SCOPED_TRACE(row.why);
         EXPECT_DEATH(
             {
-                const ArrivedWire wire(row.bytes);
+                const Exchange wire(row.bytes);
                 HttpRequest* request = nullptr;
                 if (ConsumeHttpRequest(wire.Socket(), &request) == 200) FreeHttpRequest(request);
             },
@@ -78,7 +79,7 @@ TEST_F(ConsumeHttpRequestTest, KnowsEveryPrefixOfAGoodRequest) {
 TEST_F(ConsumeHttpRequestDeathTest, EndsTheProcessWhereAHeaderNameIsCutOff) {
     for (const auto& [prefix, outcome] : Prefixes()) {
         if (outcome != kLethal) continue;
-        const ArrivedWire wire(prefix);
+        const Exchange wire(prefix);
         HttpRequest* request = nullptr;
         EXPECT_DEATH(ConsumeHttpRequest(wire.Socket(), &request),
                      rdx::test::Assertion("http/http.cpp", "AssignHeaderData", "pcolon != __null"))
@@ -141,7 +142,7 @@ TEST_F(ConsumeHttpRequestTest, IgnoresAConnectionHeaderItHasNoMemoryFor) {
 }
 
 TEST_F(ConsumeHttpRequestTest, ReportsAFailingReceive) {
-    const ArrivedWire whole(kMultipartPost);
+    const Exchange whole(kMultipartPost);
     Read counted;
     const int before = CallsOf("recv");
     ReadFrom(whole.Socket(), counted);
@@ -150,7 +151,7 @@ TEST_F(ConsumeHttpRequestTest, ReportsAFailingReceive) {
     ASSERT_GE(calls, 5) << "four lines and a body";
     for (int nth = 1; nth <= calls; ++nth) {
         SCOPED_TRACE(nth);
-        const ArrivedWire wire(kMultipartPost);
+        const Exchange wire(kMultipartPost);
         const FailCall reset("recv", nth, ECONNRESET);
         Read read;
         ReadFrom(wire.Socket(), read);

@@ -5,10 +5,12 @@
 #include "tests/support/broken_requests.h"
 #include "tests/support/capture.h"
 #include "tests/support/classifier.h"
+#include "tests/support/client.h"
+#include "tests/support/exchange.h"
 #include "tests/support/faults.h"
 #include "tests/support/guarded.h"
 #include "tests/support/header_lists.h"
-#include "tests/support/loopback.h"
+#include "tests/support/listener.h"
 #include "tests/support/request_reading.h"
 #include "tests/support/wire.h"
 
@@ -142,7 +144,7 @@ TEST_F(ConsumeHttpRequestTest, AcceptsAConnectionThatSaysNothing) {
 }
 
 TEST_F(ConsumeHttpRequestTest, RemembersItsSocket) {
-    const ArrivedWire wire("GET /x HTTP/1.1\r\nHost: a\r\n\r\n");
+    const Exchange wire("GET /x HTTP/1.1\r\nHost: a\r\n\r\n");
     Read read;
     ReadFrom(wire.Socket(), read);
     EXPECT_EQ(read->iSocket, wire.Socket());
@@ -151,7 +153,7 @@ TEST_F(ConsumeHttpRequestTest, RemembersItsSocket) {
 TEST_F(ConsumeHttpRequestTest, CostsFarFewerSystemCallsThanBytes) {
     const std::string request = "GET /" + std::string(250, 'u') + " HTTP/1.1\r\n" +
                                 Repeat("Host: " + std::string(490, 'h') + "\r\n", 14) + "\r\n";
-    const ArrivedWire wire(request);
+    const Exchange wire(request);
     Read read;
     const int before = CallsOf("recv");
     ReadFrom(wire.Socket(), read);
@@ -526,7 +528,7 @@ TEST_F(IsMethodAllowedTest, AgreesWithTheSettingsOnEveryIndex) {
 }
 
 int ReadBody(std::string_view bytes, HttpRequest* request) {
-    const ArrivedWire wire(bytes);
+    const Exchange wire(bytes);
     const CaptureStdout quiet;
     return ReadPostData(wire.Socket(), request);
 }

@@ -4,6 +4,7 @@
 #include "tests/support/assertion.h"
 #include "tests/support/broken_requests.h"
 #include "tests/support/classifier.h"
+#include "tests/support/exchange.h"
 #include "tests/support/faults.h"
 #include "tests/support/guarded.h"
 #include "tests/support/header_lists.h"
@@ -257,7 +258,7 @@ TEST_F(ConsumeHttpResponseTest, SurvivesEveryFailingAllocation) {
 TEST_F(ConsumeHttpResponseTest, ReportsAFailingReceive) {
     constexpr std::string_view kResponse = OK "Content-length: 4\r\n\r\nbody";
     const auto consume = [&] {
-        const ArrivedWire wire(kResponse);
+        const Exchange wire(kResponse);
         HttpResponse* response = nullptr;
         const int code = ConsumeHttpResponse(wire.Socket(), &response);
         if (code == 0) Response(response).reset();
@@ -277,7 +278,7 @@ TEST_F(ConsumeHttpResponseTest, ReportsAFailingReceive) {
 TEST_F(ConsumeHttpResponseDeathTest, AssertsItsOutputAndWhatItMeets) {
     EXPECT_DEATH(ConsumeHttpResponse(-1, nullptr), Assertion("ConsumeHttpResponse", "ppResponse != __null"));
     const auto consume = [](std::string_view bytes) {
-        const ArrivedWire wire(bytes);
+        const Exchange wire(bytes);
         HttpResponse* response = nullptr;
         if (ConsumeHttpResponse(wire.Socket(), &response) == 0) FreeHttpResponse(response);
     };

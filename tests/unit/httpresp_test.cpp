@@ -88,22 +88,14 @@ TEST_F(CreateHttpResponseTest, FillsTheStandardHeaders) {
 }
 
 TEST_F(CreateHttpResponseTest, KnowsTheReasonOfEveryStatus) {
-    const std::pair<int, std::string> reasons[] = {
-        {200, "OK"},        {400, "Bad Request"},           {401, "Unauthorized"},
-        {404, "Not found"}, {500, "Internal Server Error"},
-    };
     for (int status = 0; status <= 65535; ++status) {
         const auto code = static_cast<unsigned short>(status);
         if (status < 100 || status > 599) {
             ASSERT_EQ(CreateFails(code, "text/html"), -7) << status;
             continue;
         }
-        std::string expected = "Not implemented";
-        for (const auto& [known, reason] : reasons) {
-            if (known == status) expected = reason;
-        }
         const Response response = Create(code);
-        ASSERT_EQ(response->pszReason, expected) << status;
+        ASSERT_EQ(response->pszReason, ReasonOf(status)) << status;
         ASSERT_EQ(response->usStatusCode, status);
         ASSERT_EQ(response->ucNumOfResponseHeaders, status == 401 ? 2 : 1) << status;
     }
@@ -182,11 +174,7 @@ TEST_F(SerializeHttpResponseTest, WritesACreatedResponse) {
 
 TEST_F(SerializeHttpResponseTest, WritesAChallengeBehindTheServer) {
     const Response response = Create(401);
-    EXPECT_EQ(Serialize(response.get()),
-              "HTTP/1.1 401 Unauthorized\r\nDate: Tue, 30 April 2002 12:08:00 GMT\r\n"
-              "Last-modified: Tue, 30 April 2002 12:08:00 GMT\r\nAccept-Ranges: bytes\r\n"
-              "Server: Halvor Dx httpd/0.1\r\nWWW-Authenticate: BASIC realm=\"Tavrin\"\r\n"
-              "Content-type: text/html\r\n\r\n");
+    EXPECT_EQ(Serialize(response.get()), Answer(401, "", Challenge()));
 }
 
 TEST_F(SerializeHttpResponseTest, AppendsTheTerminatorWhenConfigured) {

@@ -8,6 +8,7 @@
 #include "tests/support/capture.h"
 #include "tests/support/eventually.h"
 #include "tests/support/faults.h"
+#include "tests/support/process.h"
 
 #include <gtest/gtest.h>
 
@@ -16,7 +17,6 @@
 #include <climits>
 #include <csignal>
 #include <cstring>
-#include <dirent.h>
 #include <dlfcn.h>
 #include <pthread.h>
 #include <string>
@@ -72,19 +72,11 @@ private:
     unsigned char before_;
 };
 
-// The threads of the process, those included that have left the count and are about to end.
-int ThreadsOfTheProcess() {
-    int count = 0;
-    DIR* const tasks = opendir("/proc/self/task");
-    while (readdir(tasks) != nullptr) ++count;
-    closedir(tasks);
-    return count;
-}
-
-// The same when no test runs. Seen from a thread: a sanitizer starts one of its own with the first.
+// The threads of the process when no test runs. Seen from a thread: a sanitizer starts one of its own with
+// the first.
 int ThreadsAtRest() {
     int count = 0;
-    std::thread([&] { count = ThreadsOfTheProcess() - 1; }).join();
+    std::thread([&] { count = test::ThreadsOf() - 1; }).join();
     return count;
 }
 
@@ -93,15 +85,11 @@ const int threadsAtRest = ThreadsAtRest();
 // Every test begins and ends without serving threads.
 class Threads : public testing::Test {
 protected:
-    Threads() {
-        GTEST_FLAG_SET(death_test_style, "threadsafe");
-        StoreShared(nThreads, 0);
-    }
+    Threads() { GTEST_FLAG_SET(death_test_style, "threadsafe"); }
     ~Threads() override {
         EXPECT_EQ(NumOfThreads(), 0);
         // A thread that is still ending could overwrite the next one's result.
-        EXPECT_TRUE(Eventually([] { return ThreadsOfTheProcess() <= threadsAtRest; }));
-        StoreShared(mtPrimaryThread, kNoThread);
+        EXPECT_TRUE(Eventually([] { return test::ThreadsOf() <= threadsAtRest; }));
     }
 };
 

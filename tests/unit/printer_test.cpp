@@ -538,6 +538,7 @@ TEST(PrintedPacket, ReadsAWholeFloatBackAsAnInteger) {
 class CommaLocale {
 public:
     CommaLocale() {
+        uselocale(LC_GLOBAL_LOCALE); // that of this thread would hide it
         for (const char* const name : {"de_DE.UTF-8", "fr_FR.UTF-8", "es_ES.UTF-8", "ru_RU.UTF-8"}) {
             if (Set(name)) return;
         }
@@ -588,6 +589,14 @@ TEST(Numbers, HaveAPointWhateverTheLocale) {
     EXPECT_EQ(number, 2.0);
     std::snprintf(text, sizeof text, "%G", 0.5);
     EXPECT_STREQ(text, "0,5") << "the locale of the process is left";
+}
+
+TEST(Numbers, LeaveTheLocaleOfTheThread) {
+    uselocale(LC_GLOBAL_LOCALE);
+    ExpectPrints(wddxCreateFloat(0.5), "<number>0.5</number>");
+    EXPECT_EQ(uselocale(nullptr), LC_GLOBAL_LOCALE);
+    ASSERT_NE(Parse(Packet("<number>2.5</number>")), nullptr);
+    EXPECT_EQ(uselocale(nullptr), LC_GLOBAL_LOCALE);
 }
 
 // Texts -----------------------------------------------------------------------------------------------

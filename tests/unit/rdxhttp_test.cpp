@@ -7,9 +7,11 @@
 #include "rDxsd/rDxsd.h"
 #include "server/service.h"
 #include "tests/support/capture.h"
+#include "tests/support/client.h"
 #include "tests/support/entry.h"
 #include "tests/support/faults.h"
-#include "tests/support/loopback.h"
+#include "tests/support/free_port.h"
+#include "tests/support/listener.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

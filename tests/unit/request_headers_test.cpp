@@ -23,11 +23,7 @@ auto Assertion(const std::string& function, const std::string& text) {
 class HeadersTest : public testing::Test {
 protected:
     void SetUp() override { GTEST_FLAG_SET(death_test_style, "threadsafe"); }
-    void TearDown() override {
-        FreeHttpRequest(&request_);
-        ucAuthRequired = 0;
-        szConfigAuthInfo[0] = '\0';
-    }
+    void TearDown() override { FreeHttpRequest(&request_); }
 
     static HttpHeader Header(const char* name, const char* value) {
         HttpHeader header{};

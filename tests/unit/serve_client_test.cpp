@@ -4,8 +4,9 @@
 #include "common/portability_sockets.h"
 #include "rDxsd/rDxsd.h"
 #include "tests/support/capture.h"
+#include "tests/support/client.h"
 #include "tests/support/faults.h"
-#include "tests/support/loopback.h"
+#include "tests/support/listener.h"
 #include "tests/support/request.h"
 #include "tests/support/service.h"
 #include "tests/support/serving.h"
@@ -36,8 +37,8 @@ struct ServedRow {
 TEST_F(ServeClientTest, AnswersWhatTheParserRefuses) {
     const std::string bad = "\nServeClient: HTTP_BAD_REQUEST\nServeClient-: HTTP_BAD_REQUEST 0";
     const std::string error = "ServeClient: HTTP_INTERNAL_SERVER_ERROR";
-    const std::string invalid = Answer("400 Bad Request", kInvalidPage);
-    const std::string notAllowed = Answer("405 Not implemented", kNotAllowedPage);
+    const std::string invalid = BadRequestAnswer();
+    const std::string notAllowed = NotAllowedAnswer();
     const ServedRow rows[] = {
         {"no protocol", "GET /x\r\n\r\n", invalid, "\nParsing: method ok (1)" + bad},
         {"no header", "GET /x HTTP/1.0\r\n\r\n", invalid, kRead + bad},
@@ -47,9 +48,9 @@ TEST_F(ServeClientTest, AnswersWhatTheParserRefuses) {
         {"unknown method", "FOO /x HTTP/1.1\r\n", notAllowed, "ServeClient: HTTP_METHOD_NOT_ALLOWED"},
         {"forbidden method", "PUT /x HTTP/1.1\r\n", notAllowed,
          "\nParsing: method ok (0)ServeClient: HTTP_METHOD_NOT_ALLOWED"},
-        {"unknown header", "GET /x HTTP/1.1\r\nX-Custom: 1\r\n", kErrorAnswer, kRead + error},
-        {"unknown protocol", "GET /x FTP/1.0\r\n", kErrorAnswer, "\nParsing: method ok (1)" + error},
-        {"unknown version", "GET /x HTTP/2.0\r\n", kErrorAnswer, "\nParsing: method ok (1)" + error},
+        {"unknown header", "GET /x HTTP/1.1\r\nX-Custom: 1\r\n", ServerErrorAnswer(), kRead + error},
+        {"unknown protocol", "GET /x FTP/1.0\r\n", ServerErrorAnswer(), "\nParsing: method ok (1)" + error},
+        {"unknown version", "GET /x HTTP/2.0\r\n", ServerErrorAnswer(), "\nParsing: method ok (1)" + error},
     };
     for (const ServedRow& row : rows) {
         SCOPED_TRACE(row.why);
@@ -69,14 +70,14 @@ TEST_F(ServeClientTest, AsksForCredentials) {
     std::strcpy(szConfigAuthInfo, "dXNlcjpwYXNz");
     const CaptureStdout capture;
     Serving without;
-    EXPECT_EQ(Serve(without, Get("/other")), static_cast<long>(kUnauthorizedAnswer.size()));
-    EXPECT_EQ(without.Received(), kUnauthorizedAnswer);
+    EXPECT_EQ(Serve(without, Get("/other")), static_cast<long>(UnauthorizedAnswer().size()));
+    EXPECT_EQ(without.Received(), UnauthorizedAnswer());
     EXPECT_EQ(capture.Text(),
               kRead + std::string("\nConsumeHttpRequest: no authServeClient: HTTP_UNAUTHORIZED"
                                   "\nServeClientDone: Socket closed"));
     Serving with;
     Serve(with, "GET /other HTTP/1.1\r\nAuthorization: Basic dXNlcjpwYXNz\r\n\r\n");
-    EXPECT_EQ(with.Received(), kNotFoundAnswer);
+    EXPECT_EQ(with.Received(), NotFoundAnswer());
 }
 
 TEST_F(ServeClientTest, AnswersEveryOutcomeOfAHandler) {
@@ -86,11 +87,11 @@ TEST_F(ServeClientTest, AnswersEveryOutcomeOfAHandler) {
         std::string answer;
         std::string trace;
     } rows[] = {
-        {400, Answer("400 Bad Request", kInvalidPage), bad},
-        {1, Answer("400 Bad Request", kInvalidPage), bad},
-        {-401, kUnauthorizedAnswer, "ServeClient: HTTP_UNAUTHORIZED"},
-        {-6, kErrorAnswer, "ServeClient: HTTP_INTERNAL_SERVER_ERROR"},
-        {-404, kErrorAnswer, "ServeClient: HTTP_INTERNAL_SERVER_ERROR"},
+        {400, BadRequestAnswer(), bad},
+        {1, BadRequestAnswer(), bad},
+        {-401, UnauthorizedAnswer(), "ServeClient: HTTP_UNAUTHORIZED"},
+        {-6, ServerErrorAnswer(), "ServeClient: HTTP_INTERNAL_SERVER_ERROR"},
+        {-404, ServerErrorAnswer(), "ServeClient: HTTP_INTERNAL_SERVER_ERROR"},
     };
     for (const auto& row : rows) {
         SCOPED_TRACE(row.handled);
@@ -110,14 +111,14 @@ TEST_F(ServeClientTest, AnswersWithTheHandlersOutput) {
         const CaptureStdout capture;
         Serving serving;
         Serve(serving, Get(uri));
-        EXPECT_EQ(serving.Received(), Answer(kOk, "<wddxPacket/>")) << uri;
+        EXPECT_EQ(serving.Received(), Answer(200, "<wddxPacket/>")) << uri;
         EXPECT_EQ(capture.Text(), std::string(kRead) + "ServeClient: HTTP_OK");
     }
     for (const std::string uri : {"/rD", "/other", "/"}) {
         const CaptureStdout capture;
         Serving serving;
         Serve(serving, Get(uri));
-        EXPECT_EQ(serving.Received(), kNotFoundAnswer) << uri;
+        EXPECT_EQ(serving.Received(), NotFoundAnswer()) << uri;
         EXPECT_EQ(capture.Text(),
                   std::string(kRead) + "ServeClient: HTTP_NOT_FOUND\nServeClientDone: Socket closed");
     }
@@ -128,7 +129,7 @@ TEST_F(ServeClientTest, SendsAnEmptyOutputWithoutALength) {
     const CaptureStdout quiet;
     Serving serving;
     Serve(serving, Get("/rDx"));
-    EXPECT_EQ(serving.Received(), Answer(kOk, ""));
+    EXPECT_EQ(serving.Received(), Answer(200, ""));
 }
 
 TEST_F(ServeClientTest, ServesARealMethod) {
@@ -138,7 +139,7 @@ TEST_F(ServeClientTest, ServesARealMethod) {
                        std::to_string(std::strlen(kVersionArguments)) + "\r\n\r\n" + kVersionArguments);
     const std::string answer = serving.Received();
     const std::size_t body = answer.find("\r\n\r\n") + 4;
-    EXPECT_EQ(answer, Answer(kOk, answer.substr(body)));
+    EXPECT_EQ(answer, Answer(200, answer.substr(body)));
     EXPECT_THAT(answer, HasSubstr("<number>100</number>"));
     EXPECT_THAT(capture.Text(), HasSubstr("\nrDxProcessCall: Req=rdxGetVersion\n"));
 }
@@ -156,7 +157,7 @@ TEST_F(ServeClientTest, GivesTheHandlerARoomOf129KiB) {
 
 // The largest output that the answer's own buffer has room for, and one byte more.
 TEST_F(ServeClientTest, SendsAnOutputUpToTheSizeOfTheAnswersBuffer) {
-    const std::size_t head = Answer(kOk, std::string(131000, 'x')).size() - 131000;
+    const std::size_t head = Answer(200, std::string(131000, 'x')).size() - 131000;
     const std::size_t most = SERVICE_BUFFER_SIZE - 2 - head;
     const CaptureStdout capture;
     for (const std::size_t size : {most, most + 1}) {
@@ -173,7 +174,7 @@ TEST_F(ServeClientTest, SendsAnOutputUpToTheSizeOfTheAnswersBuffer) {
         done = true;
         reader.join();
         EXPECT_EQ(status, size == most ? static_cast<long>(head + most) : -3);
-        EXPECT_EQ(received, size == most ? Answer(kOk, std::string(size, 'x')) : "");
+        EXPECT_EQ(received, size == most ? Answer(200, std::string(size, 'x')) : "");
         EXPECT_EQ(serving.IsWatched(), size == most);
         EXPECT_EQ(serving.IsClosed(), size != most);
     }
@@ -198,7 +199,7 @@ TEST_F(ServeClientTest, SendsTheEntityTerminatorBehindTheAnswer) {
     const CaptureStdout quiet;
     Serving serving;
     Serve(serving, Get("/other"));
-    EXPECT_EQ(serving.Received(), kNotFoundAnswer + "END");
+    EXPECT_EQ(serving.Received(), NotFoundAnswer() + "END");
 }
 
 TEST_F(ServeClientTest, SendsNothingWhenThePeerClosedBeforeARequest) {
@@ -244,8 +245,8 @@ TEST_F(ServeClientTest, FindsNothingForAnEmptyFirstLine) {
     for (const char* line : {"\r\n", "\n"}) {
         const CaptureStdout capture;
         Serving serving;
-        EXPECT_EQ(Serve(serving, line), static_cast<long>(kNotFoundAnswer.size()));
-        EXPECT_EQ(serving.Received(), kNotFoundAnswer);
+        EXPECT_EQ(Serve(serving, line), static_cast<long>(NotFoundAnswer().size()));
+        EXPECT_EQ(serving.Received(), NotFoundAnswer());
         EXPECT_EQ(capture.Text(), "ServeClient: HTTP_NOT_FOUND\nServeClientDone: Socket closed");
     }
 }
@@ -257,8 +258,8 @@ TEST_F(ServeClientTest, AnswersAnEmptyFirstLineWhenTheClientHasEndedItsSide) {
         Serving serving;
         serving.Send(line);
         serving.EndSending();
-        EXPECT_EQ(Serve(serving), static_cast<long>(kNotFoundAnswer.size()));
-        EXPECT_EQ(serving.Received(), kNotFoundAnswer);
+        EXPECT_EQ(Serve(serving), static_cast<long>(NotFoundAnswer().size()));
+        EXPECT_EQ(serving.Received(), NotFoundAnswer());
     }
 }
 
@@ -268,9 +269,9 @@ TEST_F(ServeClientTest, AnswersWithAnErrorWhenMemoryForTheBuffersIsShort) {
         Serving serving;
         serving.Send("\r\n"); // needs no malloc to be read
         const FailCall noMemory("malloc", nth);
-        EXPECT_EQ(Serve(serving), static_cast<long>(kErrorAnswer.size())) << nth;
+        EXPECT_EQ(Serve(serving), static_cast<long>(ServerErrorAnswer().size())) << nth;
         EXPECT_TRUE(noMemory.Struck());
-        EXPECT_EQ(serving.Received(), kErrorAnswer);
+        EXPECT_EQ(serving.Received(), ServerErrorAnswer());
         EXPECT_EQ(capture.Text(), "\nServeClient: HTTP_INTERNAL_SERVER_ERROR"
                                   "ServeClient: HTTP_INTERNAL_SERVER_ERROR"
                                   "\nServeClientDone: Socket closed");
@@ -298,9 +299,9 @@ TEST_F(ServeClientTest, DoesNotHandleARequestThatThereAreNoBuffersFor) {
         Serving serving;
         serving.Send(Get("/rDx"));
         const FailCall noMemory("malloc", before + nth);
-        EXPECT_EQ(Serve(serving), static_cast<long>(kErrorAnswer.size()));
+        EXPECT_EQ(Serve(serving), static_cast<long>(ServerErrorAnswer().size()));
         EXPECT_TRUE(noMemory.Struck());
-        EXPECT_EQ(serving.Received(), kErrorAnswer);
+        EXPECT_EQ(serving.Received(), ServerErrorAnswer());
     }
 }
 
@@ -333,9 +334,9 @@ TEST_F(ServeClientTest, AnswersWithAnErrorWhenMemoryForTheRequestIsShort) {
     Serving serving;
     serving.Send(Get("/other"));
     const FailCall noMemory("calloc");
-    EXPECT_EQ(Serve(serving), static_cast<long>(kErrorAnswer.size()));
+    EXPECT_EQ(Serve(serving), static_cast<long>(ServerErrorAnswer().size()));
     EXPECT_TRUE(noMemory.Struck());
-    EXPECT_EQ(serving.Received(), kErrorAnswer);
+    EXPECT_EQ(serving.Received(), ServerErrorAnswer());
     EXPECT_EQ(capture.Text(), "ServeClient: HTTP_INTERNAL_SERVER_ERROR\nServeClientDone: Socket closed");
 }
 
@@ -357,7 +358,7 @@ TEST_F(ServeClientTest, SurvivesEveryFailedAllocation) {
             const std::string answer = serving.Received();
             EXPECT_EQ(status > 0, !answer.empty()) << allocator << " " << nth;
             if (!struck) {
-                EXPECT_EQ(answer, Answer(kOk, "body"));
+                EXPECT_EQ(answer, Answer(200, "body"));
                 EXPECT_GT(nth, 1);
             }
         }
@@ -498,7 +499,7 @@ TEST_F(ServeClientTest, TracesThePeerOfATcpConnection) {
     EXPECT_EQ(capture.Text(),
               kRead + ("\nConsumeHttpRequest: szPeerName = 127.0.0.1:" + std::to_string(client.Port())) +
                   "ServeClient: HTTP_NOT_FOUND\nServeClientDone: Socket closed");
-    EXPECT_EQ(client.ReceiveAll(), kNotFoundAnswer);
+    EXPECT_EQ(client.ReadUntilClosed(), NotFoundAnswer());
 }
 
 // Closing resets the connection; what was sent must have arrived by then.
@@ -513,7 +514,7 @@ TEST_F(ServeClientTest, LosesNothingOfALongAnswerThatIsReadSlowly) {
         std::string received;
         std::thread reader([&] {
             std::string piece;
-            while (!(piece = client.Receive(1000)).empty()) {
+            while (!(piece = client.Read(1000)).empty()) {
                 received += piece;
                 std::this_thread::yield();
             }
@@ -522,7 +523,7 @@ TEST_F(ServeClientTest, LosesNothingOfALongAnswerThatIsReadSlowly) {
         serving.Replace(accept(listener.Socket(), nullptr, nullptr));
         Serve(serving);
         reader.join();
-        EXPECT_EQ(received, Answer(kOk, body));
+        EXPECT_EQ(received, Answer(200, body));
     }
 }
 

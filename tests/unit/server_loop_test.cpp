@@ -8,9 +8,10 @@
 #include "common/shared.h"
 #include "common/signal_windows.h"
 #include "tests/support/capture.h"
+#include "tests/support/client.h"
 #include "tests/support/eventually.h"
 #include "tests/support/faults.h"
-#include "tests/support/loopback.h"
+#include "tests/support/listener.h"
 #include "tests/support/reports.h"
 #include "tests/support/request.h"
 #include "tests/support/server_loop.h"
@@ -100,7 +101,7 @@ TEST_F(RunHttpServerTest, ServesOnTheCallingThreadWhateverSlotsWereMadeBefore) {
     };
     Client client = loop.Connect();
     client.Send(Get("/rDx", "close"));
-    EXPECT_EQ(client.ReceiveAll(), Answer(kOk, ""));
+    EXPECT_EQ(client.ReadUntilClosed(), Answer(200, ""));
     EXPECT_EQ(handledBy, loop.ThreadNumberOfLoop());
     EXPECT_EQ(loop.Stop(), 0);
     EXPECT_EQ(DeinitializeThreads(), 0);
@@ -139,7 +140,7 @@ TEST_F(RunHttpServerTest, TracesAtEveryVerbosity) {
         LoopRun loop(1);
         Client client = loop.Connect();
         client.Send(Get("/other", "close"));
-        EXPECT_EQ(client.ReceiveAll(), kNotFoundAnswer);
+        EXPECT_EQ(client.ReadUntilClosed(), NotFoundAnswer());
         EXPECT_TRUE(
             Eventually([&] { return Count(capture.Text(), "\nServeClientDone: Socket closed") == 1; }));
         EXPECT_EQ(loop.Stop(), 0);
@@ -171,7 +172,7 @@ TEST_F(RunHttpServerTest, TracesAtEveryVerbosity) {
                  {kAlways, "\nConsumeHttpRequest: szPeerName = 127.0.0.1:" + std::to_string(client.Port())},
                  {kAlways, "ServeClient: HTTP_NOT_FOUND"},
                  {kProgress, line("ServeClient()", "sent bytes successfully",
-                                  static_cast<long>(kNotFoundAnswer.size()))},
+                                  static_cast<long>(NotFoundAnswer().size()))},
                  {kDetail, line("ServeClientDone()", "client socket closed", socket)},
                  {kAlways, "\nServeClientDone: Socket closed"},
                  {kAlways, "\nucTerminated=1"}}));
@@ -196,12 +197,13 @@ TEST_F(RunHttpServerTest, ServesOneRequestAtATimeOnItsOwnThread) {
     for (int round = 0; round < 3; ++round) {
         for (Client& client : clients) client.Send(Get("/rDx"));
         for (Client& client : clients) {
-            EXPECT_EQ(client.Receive(Answer(kOk, "").size()), Answer(kOk, ""));
+            EXPECT_EQ(client.Read(Answer(200, "").size()), Answer(200, ""));
         }
     }
     EXPECT_EQ(handledBy, loop.ThreadNumberOfLoop());
     EXPECT_EQ(loop.Stop(), 0);
-    for (Client& client : clients) EXPECT_EQ(client.ReceiveAll(), "") << "kept ones are closed at the end";
+    for (Client& client : clients)
+        EXPECT_EQ(client.ReadUntilClosed(), "") << "kept ones are closed at the end";
 }
 
 TEST_F(RunHttpServerTest, ServesSuccessiveRequestsOfOneConnection) {
@@ -212,9 +214,9 @@ TEST_F(RunHttpServerTest, ServesSuccessiveRequestsOfOneConnection) {
         Client client = loop.Connect();
         for (int i = 0; i < 20; ++i) {
             client.Send(Get("/rDx", i < 19 ? "keep-alive" : "close"));
-            EXPECT_EQ(client.Receive(Answer(kOk, "body").size()), Answer(kOk, "body")) << i;
+            EXPECT_EQ(client.Read(Answer(200, "body").size()), Answer(200, "body")) << i;
         }
-        EXPECT_EQ(client.ReceiveAll(), "");
+        EXPECT_EQ(client.ReadUntilClosed(), "");
         EXPECT_EQ(loop.Stop(), 0);
     }
 }
@@ -232,7 +234,7 @@ TEST_F(RunHttpServerTest, GoesOnWhenAcceptFails) {
         });
         Client client = loop.Connect();
         client.Send(Get("/other", "close"));
-        EXPECT_EQ(client.ReceiveAll(), kNotFoundAnswer);
+        EXPECT_EQ(client.ReadUntilClosed(), NotFoundAnswer());
         EXPECT_EQ(loop.Stop(), 0);
     }
 }
@@ -275,7 +277,7 @@ TEST_F(RunHttpServerTest, ServesNobodyInThePassInWhichAcceptFails) {
     client.Send(Get("/other", "close"));
     ASSERT_TRUE(Eventually([&] { return Count(Text(), "accepted connection") > 0; }));
     armed = true;
-    EXPECT_EQ(client.ReceiveAll(), kNotFoundAnswer);
+    EXPECT_EQ(client.ReadUntilClosed(), NotFoundAnswer());
     EXPECT_EQ(servedInThatPass, 0U);
     EXPECT_EQ(loop.Stop(), 0);
 }
@@ -292,7 +294,7 @@ TEST_F(RunHttpServerTest, GoesOnWhenSelectFails) {
     LoopRun loop(1);
     Client client = loop.Connect();
     client.Send(Get("/other", "close"));
-    EXPECT_EQ(client.ReceiveAll(), kNotFoundAnswer);
+    EXPECT_EQ(client.ReadUntilClosed(), NotFoundAnswer());
     EXPECT_GE(failures, 5);
     EXPECT_EQ(loop.Stop(), 0);
 }
@@ -316,7 +318,7 @@ TEST_F(RunHttpServerTest, ClosesARefusedClientAtOnce) {
     LoopRun loop(1);
     Client client = loop.Connect();
     client.Send(Get("/rDx"));
-    EXPECT_EQ(client.ReceiveAll(), "");
+    EXPECT_EQ(client.ReadUntilClosed(), "");
     EXPECT_EQ(loop.Stop(), 0);
     EXPECT_THAT(Text(), Not(HasSubstr("Handling socket")));
     EXPECT_THAT(Text(), Not(HasSubstr("accepted connection")));
@@ -337,11 +339,11 @@ TEST_F(RunHttpServerTest, ClosesAConnectionThatNoSetCanHold) {
         while (taken.empty() || taken.back() < FD_SETSIZE) taken.push_back(dup(0));
         Client refused = loop.Connect();
         EXPECT_TRUE(refused.Connected());
-        EXPECT_EQ(refused.ReceiveAll(), "");
+        EXPECT_EQ(refused.ReadUntilClosed(), "");
         for (const int descriptor : taken) close(descriptor);
         Client served = loop.Connect();
         served.Send(Get("/other", "close"));
-        EXPECT_EQ(served.ReceiveAll(), kNotFoundAnswer);
+        EXPECT_EQ(served.ReadUntilClosed(), NotFoundAnswer());
         EXPECT_EQ(loop.Stop(), 0);
     }
     setrlimit(RLIMIT_NOFILE, &before);
@@ -361,7 +363,7 @@ TEST_F(RunHttpServerTest, EndsWhenAHandlerAsksForIt) {
             LoopRun loop(threads);
             Client client = loop.Connect();
             client.Send(Get("/rDx"));
-            EXPECT_EQ(client.ReceiveAll(), Answer(kOk, "")) << "the answer is sent before";
+            EXPECT_EQ(client.ReadUntilClosed(), Answer(200, "")) << "the answer is sent before";
             EXPECT_EQ(loop.Join(), 0);
             EXPECT_EQ(ucTerminated, 1);
             const std::string text = WithoutTimes(capture.Text());
@@ -398,7 +400,7 @@ TEST_F(RunHttpServerTest, ClearsTheRequestsOfASlotBeforeItIsUsedAgain) {
         for (int i = 0; i < 2; ++i) {
             Client client = loop.Connect();
             client.Send(Get("/rDx", "close"));
-            EXPECT_EQ(client.ReceiveAll(), Answer(kOk, ""));
+            EXPECT_EQ(client.ReadUntilClosed(), Answer(200, ""));
             ASSERT_TRUE(Eventually([&] { return soiled.load(); }));
         }
         EXPECT_EQ(LoadShared(ucTerminated), 0) << "nobody asked for it";
@@ -423,7 +425,7 @@ TEST_F(RunHttpServerTest, LosesNothingOfAnAnswerWhenItEnds) {
         Client client = loop.Connect(kSmallBuffer);
         client.Send(Get("/rDx"));
         ASSERT_TRUE(Eventually([] { return LoadShared(ucTerminated) != 0; }));
-        EXPECT_EQ(client.ReceiveAll(), Answer(kOk, body));
+        EXPECT_EQ(client.ReadUntilClosed(), Answer(200, body));
         EXPECT_EQ(loop.Join(), 0);
     }
 }

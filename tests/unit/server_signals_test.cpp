@@ -6,11 +6,14 @@
 #include "common/shared.h"
 #include "common/signal_windows.h"
 #include "server/service.h"
+#include "tests/support/answers.h"
 #include "tests/support/capture.h"
+#include "tests/support/client.h"
 #include "tests/support/entry.h"
 #include "tests/support/eventually.h"
 #include "tests/support/faults.h"
-#include "tests/support/loopback.h"
+#include "tests/support/free_port.h"
+#include "tests/support/listener.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -220,8 +223,6 @@ TEST_F(RdxHttpTest, InitSignalHandlingDoesNotAskWhetherSignalsAreIgnored) {
 
 // --- the server as a whole -----------------------------------------------------------------------------
 
-const std::string kNotFoundPage = "<HTML><BODY>Not Found</BODY></HTML>";
-
 // A server in a child process.
 class ServerTest : public RdxHttpTest {
 protected:
@@ -242,7 +243,7 @@ protected:
 
     static void ExpectServes(Client& client) {
         client.Send("GET /other HTTP/1.1\r\nConnection: close\r\n\r\n");
-        EXPECT_THAT(client.ReceiveAll(), testing::EndsWith(kNotFoundPage));
+        EXPECT_THAT(client.ReadUntilClosed(), testing::EndsWith(kNotFoundPage));
     }
 
     void ExpectServes(int port) {
@@ -278,7 +279,7 @@ TEST_F(ServerTest, StopsInOrderOnEachTerminatingSignal) {
             ASSERT_TRUE(Server().Prints("ServeClientDone: Socket closed"));
             Server().Signal(row.number);
             EXPECT_EQ(Server().Result(), 0);
-            EXPECT_EQ(idle.ReceiveAll(), "");
+            EXPECT_EQ(idle.ReadUntilClosed(), "");
             EXPECT_THAT(Server().Output(),
                         testing::EndsWith("\nSignal handling " + std::to_string(row.number) +
                                           "\n[TIME],SignalHandler(): " + row.line +
@@ -308,7 +309,7 @@ TEST_F(ServerTest, BeginsAgainOnSigusr1) {
         Client idle(port_);
         Server().Signal(SIGUSR1);
         ASSERT_TRUE(Server().Prints("mtPrimaryThread=", 2));
-        EXPECT_EQ(idle.ReceiveAll(), "");
+        EXPECT_EQ(idle.ReadUntilClosed(), "");
         ExpectServes(port_);
 
         const int other = test::FreePort();
@@ -359,7 +360,7 @@ TEST_F(ServerTest, AnswersARequestInServiceAfterItBeganAgain) {
         Server().Signal(SIGUSR1);
         ASSERT_TRUE(Server().Prints("mtPrimaryThread=", run + 1));
         client.Send("st: a\r\n\r\n");
-        EXPECT_THAT(client.ReceiveAll(), testing::EndsWith(kNotFoundPage));
+        EXPECT_THAT(client.ReadUntilClosed(), testing::EndsWith(kNotFoundPage));
     }
     ExpectServes(port_);
     Server().Signal(SIGTERM);
@@ -374,7 +375,7 @@ TEST_F(ServerTest, IsNotHeldUpByAStalledClient) {
     ASSERT_TRUE(Server().Prints("ParseHttpMethodLine ok"));
     Server().Signal(SIGTERM);
     EXPECT_EQ(Server().Result(), 0);
-    EXPECT_EQ(stalled.ReceiveAll(), "") << "no answer to half a request";
+    EXPECT_EQ(stalled.ReadUntilClosed(), "") << "no answer to half a request";
 }
 
 TEST_F(ServerTest, FinishesTheRequestBeforeItBeginsAgain) {
@@ -384,9 +385,9 @@ TEST_F(ServerTest, FinishesTheRequestBeforeItBeginsAgain) {
     ASSERT_TRUE(Server().Prints("ParseHttpMethodLine ok"));
     Server().Signal(SIGUSR1);
     ASSERT_TRUE(Server().Prints("handling signal <SIGBUS>"));
-    EXPECT_TRUE(client.IsSilent());
+    EXPECT_TRUE(client.StaysSilent(milliseconds(0)));
     client.Send("st: a\r\n\r\n");
-    EXPECT_THAT(client.ReceiveAll(), testing::EndsWith(kNotFoundPage));
+    EXPECT_THAT(client.ReadUntilClosed(), testing::EndsWith(kNotFoundPage));
     ASSERT_TRUE(Server().Prints("mtPrimaryThread=", 2));
     ExpectServes(port_);
     Server().Signal(SIGTERM);

@@ -5,9 +5,10 @@
 #include "common/log_lines.h"
 #include "common/portability_sockets.h"
 #include "common/shared.h"
+#include "tests/support/client.h"
 #include "tests/support/eventually.h"
 #include "tests/support/faults.h"
-#include "tests/support/loopback.h"
+#include "tests/support/listener.h"
 #include "tests/support/request.h"
 #include "tests/support/server_loop.h"
 #include "tests/support/serving.h"
@@ -53,14 +54,14 @@ TEST_F(RunHttpServerTest, ServesEachRequestOnAThreadOfItsOwn) {
         EXPECT_EQ(NumOfThreads(), kClients);
         leave.release(kClients);
         for (Client& client : clients) {
-            EXPECT_EQ(client.Receive(Answer(kOk, "").size()), Answer(kOk, ""));
+            EXPECT_EQ(client.Read(Answer(200, "").size()), Answer(200, ""));
         }
         ASSERT_TRUE(Serving(0));
         const int harvested = passes + kClients + 1; // a slot in each pass
         ASSERT_TRUE(Eventually([&] { return passes > harvested; }));
     }
     EXPECT_EQ(loop.Stop(), 0);
-    for (Client& client : clients) EXPECT_EQ(client.ReceiveAll(), "");
+    for (Client& client : clients) EXPECT_EQ(client.ReadUntilClosed(), "");
 }
 
 TEST_F(RunHttpServerTest, TracesItsThreads) {
@@ -74,7 +75,7 @@ TEST_F(RunHttpServerTest, TracesItsThreads) {
     LoopRun loop(2);
     Client client = loop.Connect();
     client.Send(Get("/rDx", "close"));
-    EXPECT_EQ(client.ReceiveAll(), Answer(kOk, ""));
+    EXPECT_EQ(client.ReadUntilClosed(), Answer(200, ""));
     EXPECT_TRUE(Printed("ThreadTerminate(): remaining threads = (0)"));
     EXPECT_EQ(loop.Stop(), 0);
     const std::string text = Text();
@@ -96,7 +97,7 @@ TEST_F(RunHttpServerTest, TracesNoThreadsBelowTheHighestVerbosity) {
     LoopRun loop(2);
     Client client = loop.Connect();
     client.Send(Get("/other", "close"));
-    EXPECT_EQ(client.ReceiveAll(), kNotFoundAnswer);
+    EXPECT_EQ(client.ReadUntilClosed(), NotFoundAnswer());
     EXPECT_EQ(loop.Stop(), 0);
     for (const char* text : {"created thread ID", "remaining threads", "removed handle", "found activity"}) {
         EXPECT_THAT(Text(), Not(HasSubstr(text)));
@@ -118,7 +119,7 @@ TEST_F(RunHttpServerTest, EndsWhenNoThreadCanBeStarted) {
         });
         Client client = loop.Connect();
         client.Send(Get("/other"));
-        EXPECT_EQ(client.ReceiveAll(), "") << "closed without an answer";
+        EXPECT_EQ(client.ReadUntilClosed(), "") << "closed without an answer";
         EXPECT_EQ(loop.Join(), 0);
         EXPECT_EQ(ucTerminated, 1);
         EXPECT_EQ(NumOfThreads(), 0);
@@ -148,7 +149,7 @@ TEST_F(RunHttpServerTest, EndsWhenAThreadCannotBeDetachedButLetsItServe) {
     EXPECT_EQ(loop.Join(), 0);
     EXPECT_EQ(ucTerminated, 1);
     leave.release();
-    EXPECT_EQ(client.ReceiveAll(), Answer(kOk, ""));
+    EXPECT_EQ(client.ReadUntilClosed(), Answer(200, ""));
     EXPECT_TRUE(ServingThreadsEnd());
     EXPECT_EQ(TimesClosed(LastHandled()), 1);
     pthread_detach(thread);
@@ -178,7 +179,7 @@ TEST_F(RunHttpServerTest, EndsTheScanWhenNoThreadCanBeStarted) {
     for (Client& client : clients) client.Send(Get("/other"));
     ASSERT_TRUE(Eventually([&] { return Count(Text(), "accepted connection") == 2; }));
     bothHaveSent = true;
-    for (Client& client : clients) EXPECT_EQ(client.ReceiveAll(), "");
+    for (Client& client : clients) EXPECT_EQ(client.ReadUntilClosed(), "");
     EXPECT_EQ(loop.Join(), 0);
     EXPECT_EQ(Count(Text(), "Handling socket"), 1U);
 }
@@ -196,16 +197,16 @@ TEST_F(RunHttpServerTest, LeavesAConnectionAloneThatFindsEveryThreadBusy) {
     ASSERT_TRUE(Eventually([&] { return Count(Text(), "Handling socket") == 3; }));
     for (Client& client : busy) {
         client.Send("TP/1.1\r\nHost: a\r\n\r\n");
-        EXPECT_EQ(client.Receive(kNotFoundAnswer.size()), kNotFoundAnswer);
+        EXPECT_EQ(client.Read(NotFoundAnswer().size()), NotFoundAnswer());
     }
     ASSERT_TRUE(Serving(0));
     // Threads are free again and serve, but the late connection is not watched.
     Client next = loop.Connect();
     next.Send(Get("/other", "close"));
-    EXPECT_EQ(next.ReceiveAll(), kNotFoundAnswer);
-    EXPECT_TRUE(late.IsSilent());
+    EXPECT_EQ(next.ReadUntilClosed(), NotFoundAnswer());
+    EXPECT_TRUE(late.StaysSilent(milliseconds(0)));
     EXPECT_EQ(loop.Stop(), 0);
-    EXPECT_EQ(late.ReceiveAll(), "");
+    EXPECT_EQ(late.ReadUntilClosed(), "");
 }
 
 // A client that has left is closed where it is found, without a thread: all of them are busy here.
@@ -256,8 +257,8 @@ TEST_F(RunHttpServerTest, ServesARequestWhoseClientHasEndedItsSide) {
     LoopRun loop(2);
     Client client = loop.Connect();
     client.Send(Get("/other"));
-    client.EndSending();
-    EXPECT_EQ(client.ReceiveAll(), kNotFoundAnswer);
+    client.FinishSending();
+    EXPECT_EQ(client.ReadUntilClosed(), NotFoundAnswer());
     EXPECT_EQ(loop.Stop(), 0);
 }
 
@@ -269,9 +270,9 @@ TEST_F(RunHttpServerTest, LetsAThreadCloseWhereAnAnswerIsNotDelivered) {
     Client client = loop.Connect(4096);
     client.Send(Get("/rDx"));
     ASSERT_TRUE(Printed("ServeClient: HTTP_OK"));
-    client.EndSending();
-    const std::string answer = Answer(kOk, std::string(kSize, 'x'));
-    EXPECT_EQ(client.ReceiveAll(), answer);
+    client.FinishSending();
+    const std::string answer = Answer(200, std::string(kSize, 'x'));
+    EXPECT_EQ(client.ReadUntilClosed(), answer);
     EXPECT_EQ(loop.Stop(), 0);
 }
 
@@ -293,14 +294,14 @@ TEST_F(RunHttpServerTest, ClosesAConnectionWithoutAThreadWhenItsClientHasLeft) {
     ForgetClosed();
     late[0].Close();
     late[1].Reset();
-    late[2].EndSending();
-    EXPECT_EQ(late[2].ReceiveAll(), "");
+    late[2].FinishSending();
+    EXPECT_EQ(late[2].ReadUntilClosed(), "");
     EXPECT_TRUE(Eventually([] { return TimesClosed().size() == 3; }));
-    EXPECT_TRUE(late[3].IsSilent()) << "its client is there";
+    EXPECT_TRUE(late[3].StaysSilent()) << "its client is there";
     for (const auto& [descriptor, times] : TimesClosed()) EXPECT_EQ(times, 1) << descriptor;
     for (Client& client : busy) client.Close();
     EXPECT_EQ(loop.Stop(), 0);
-    EXPECT_EQ(late[3].ReceiveAll(), "");
+    EXPECT_EQ(late[3].ReadUntilClosed(), "");
 }
 
 // A thread may still be on its way out when its slot is free again.
@@ -310,7 +311,7 @@ TEST_F(RunHttpServerTest, GoesByTheNumberOfThreadsToo) {
     LoopRun loop(2);
     Client served = loop.Connect();
     served.Send(Get("/other", "close"));
-    EXPECT_EQ(served.ReceiveAll(), kNotFoundAnswer);
+    EXPECT_EQ(served.ReadUntilClosed(), NotFoundAnswer());
     ASSERT_TRUE(Serving(0));
     StoreShared(nThreads, 2);
     Client late = loop.Connect();
@@ -321,8 +322,8 @@ TEST_F(RunHttpServerTest, GoesByTheNumberOfThreadsToo) {
     StoreShared(nThreads, 1);
     Client next = loop.Connect();
     next.Send(Get("/other", "close"));
-    EXPECT_EQ(next.ReceiveAll(), kNotFoundAnswer);
-    EXPECT_TRUE(late.IsSilent());
+    EXPECT_EQ(next.ReadUntilClosed(), NotFoundAnswer());
+    EXPECT_TRUE(late.StaysSilent(milliseconds(0)));
     ASSERT_TRUE(Serving(1));
     StoreShared(nThreads, 0);
     EXPECT_EQ(loop.Stop(), 0);
@@ -348,10 +349,11 @@ TEST_F(RunHttpServerTest, NeverServesMoreRequestsAtOnceThanItsLimit) {
                 client.Send(Get("/rDx", "close"));
                 // Unanswered when all threads are busy: then the client gives up.
                 const auto patience = std::chrono::steady_clock::now() + std::chrono::milliseconds(200);
-                while (client.IsSilent() && std::chrono::steady_clock::now() < patience) {
+                while (client.StaysSilent(milliseconds(0)) && std::chrono::steady_clock::now() < patience) {
                     std::this_thread::yield();
                 }
-                if (!client.IsSilent() && client.ReceiveAll() == Answer(kOk, "")) ++answered;
+                if (!client.StaysSilent(milliseconds(0)) && client.ReadUntilClosed() == Answer(200, ""))
+                    ++answered;
             }
         });
     }
@@ -376,8 +378,8 @@ TEST_F(RunHttpServerTest, LetsAServingThreadOutliveItsLoop) {
         const int oldSocket = LastHandled();
         ASSERT_EQ(first->Stop(), 0);
         EXPECT_EQ(NumOfThreads(), 0);
-        EXPECT_EQ(idle.ReceiveAll(), "") << "watched connections are closed";
-        EXPECT_TRUE(old.IsSilent()) << "the one in service is not";
+        EXPECT_EQ(idle.ReadUntilClosed(), "") << "watched connections are closed";
+        EXPECT_TRUE(old.StaysSilent(milliseconds(0))) << "the one in service is not";
 
         StoreShared<unsigned char>(ucTerminated, 0);
         std::optional<LoopRun> second(std::in_place, body, listener);
@@ -388,11 +390,11 @@ TEST_F(RunHttpServerTest, LetsAServingThreadOutliveItsLoop) {
         }
         ASSERT_TRUE(Serving(2));
         old.Send("st: a\r\n\r\n");
-        EXPECT_EQ(old.ReceiveAll(), kNotFoundAnswer) << "whole, and closed although it was to be kept";
+        EXPECT_EQ(old.ReadUntilClosed(), NotFoundAnswer()) << "whole, and closed although it was to be kept";
         EXPECT_EQ(NumOfThreads(), 2) << "the old thread does not count";
         for (Client& client : busy) {
             client.Send("er HTTP/1.1\r\nHost: a\r\n\r\n");
-            EXPECT_EQ(client.Receive(kNotFoundAnswer.size()), kNotFoundAnswer);
+            EXPECT_EQ(client.Read(NotFoundAnswer().size()), NotFoundAnswer());
         }
         ASSERT_TRUE(Serving(0));
         ASSERT_EQ(second->Stop(), 0);
@@ -413,7 +415,7 @@ TEST_F(RunHttpServerTest, LetsAThreadServeWhenNoLoopRunsAnyMore) {
         ASSERT_TRUE(Serving(1));
         ASSERT_EQ(loop.Stop(), 0);
         client.Send("st: a\r\n\r\n");
-        EXPECT_EQ(client.ReceiveAll(), Answer(kOk, std::string(100000, 'x')));
+        EXPECT_EQ(client.ReadUntilClosed(), Answer(200, std::string(100000, 'x')));
         EXPECT_TRUE(ServingThreadsEnd());
         EXPECT_EQ(NumOfThreads(), 0);
     }
@@ -434,10 +436,10 @@ TEST_F(RunHttpServerTest, IgnoresARequestForTerminationOfAnOldThread) {
     StoreShared<unsigned char>(ucTerminated, 0);
     LoopRun second(2);
     old.Send("st: a\r\n\r\n");
-    EXPECT_EQ(old.ReceiveAll(), Answer(kOk, ""));
+    EXPECT_EQ(old.ReadUntilClosed(), Answer(200, ""));
     Client client = second.Connect();
     client.Send(Get("/other", "close"));
-    EXPECT_EQ(client.ReceiveAll(), kNotFoundAnswer) << "the new loop goes on";
+    EXPECT_EQ(client.ReadUntilClosed(), NotFoundAnswer()) << "the new loop goes on";
     EXPECT_EQ(LoadShared(ucTerminated), 0);
     EXPECT_EQ(second.Stop(), 0);
 }
@@ -469,7 +471,7 @@ TEST_F(RunHttpServerTest, ClosesAConnectionOnceThatIsPutBackWhileTheLoopEnds) {
         go = true;
         stopper.join();
         EXPECT_EQ(loop.Join(), 0);
-        for (Client& client : clients) EXPECT_EQ(client.ReceiveAll(), Answer(kOk, ""));
+        for (Client& client : clients) EXPECT_EQ(client.ReadUntilClosed(), Answer(200, ""));
         EXPECT_TRUE(ServingThreadsEnd());
         EXPECT_EQ(TimesClosed().size(), 4U);
         for (const auto& [socket, times] : TimesClosed()) EXPECT_EQ(times, 1) << socket;

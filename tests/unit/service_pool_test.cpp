@@ -6,7 +6,7 @@
 #include "tests/support/capture.h"
 #include "tests/support/eventually.h"
 #include "tests/support/faults.h"
-#include "tests/support/threads.h"
+#include "tests/support/process.h"
 
 #include <gtest/gtest.h>
 

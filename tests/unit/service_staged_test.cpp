@@ -4,9 +4,10 @@
 #include "common/portability_sockets.h"
 #include "tests/support/assertion.h"
 #include "tests/support/capture.h"
+#include "tests/support/client.h"
 #include "tests/support/faults.h"
 #include "tests/support/guarded.h"
-#include "tests/support/loopback.h"
+#include "tests/support/listener.h"
 #include "tests/support/serving.h"
 #include "tests/support/staged_service.h"
 
@@ -35,11 +36,11 @@ TEST_F(OneStageTest, AnswersEveryResultOfReading) {
         int result;
         std::string answer;
     } rows[] = {
-        {-1, kErrorAnswer},   {-98, kErrorAnswer},       {-99, Answer("400 Bad Request", kInvalidPage)},
-        {-100, kErrorAnswer}, {-400, kErrorAnswer},      {-401, kUnauthorizedAnswer},
-        {-404, kErrorAnswer}, {-405, kNotAllowedAnswer}, {-500, kErrorAnswer},
-        {-501, kErrorAnswer}, {-505, kErrorAnswer},      {1, kErrorAnswer},
-        {201, kErrorAnswer},
+        {-1, ServerErrorAnswer()},   {-98, ServerErrorAnswer()},  {-99, BadRequestAnswer()},
+        {-100, ServerErrorAnswer()}, {-400, ServerErrorAnswer()}, {-401, UnauthorizedAnswer()},
+        {-404, ServerErrorAnswer()}, {-405, NotAllowedAnswer()},  {-500, ServerErrorAnswer()},
+        {-501, ServerErrorAnswer()}, {-505, ServerErrorAnswer()}, {1, ServerErrorAnswer()},
+        {201, ServerErrorAnswer()},
     };
     for (const auto& row : rows) {
         for (const unsigned char keep : kFlags) {
@@ -96,8 +97,8 @@ TEST_F(OneStageTest, AnswersAnEmptyFirstLineWhenTheClientHasEndedItsSide) {
         Serving serving;
         serving.Send(line);
         serving.EndSending();
-        EXPECT_EQ(Serve(serving), static_cast<long>(kNotFoundAnswer.size()));
-        EXPECT_EQ(serving.Received(), kNotFoundAnswer);
+        EXPECT_EQ(Serve(serving), static_cast<long>(NotFoundAnswer().size()));
+        EXPECT_EQ(serving.Received(), NotFoundAnswer());
     }
 }
 
@@ -109,13 +110,13 @@ TEST_F(OneStageTest, AnswersWhatTheParserRefuses) {
         int result;
         std::string trace;
     } rows[] = {
-        {"no protocol", "GET /x\r\n\r\n", kErrorAnswer, -400, "\nParsing: method ok (1)"},
-        {"no header", "GET /x HTTP/1.0\r\n\r\n", kErrorAnswer, -400, kRead},
-        {"unknown method", "FOO /x HTTP/1.1\r\n", kNotAllowedAnswer, -405, ""},
-        {"forbidden method", "PUT /x HTTP/1.1\r\n", kNotAllowedAnswer, -405, "\nParsing: method ok (0)"},
-        {"unknown header", "GET /x HTTP/1.1\r\nX-Custom: 1\r\n", kErrorAnswer, -500, kRead},
-        {"unknown protocol", "GET /x FTP/1.0\r\n", kErrorAnswer, -501, "\nParsing: method ok (1)"},
-        {"unknown version", "GET /x HTTP/2.0\r\n", kErrorAnswer, -505, "\nParsing: method ok (1)"},
+        {"no protocol", "GET /x\r\n\r\n", ServerErrorAnswer(), -400, "\nParsing: method ok (1)"},
+        {"no header", "GET /x HTTP/1.0\r\n\r\n", ServerErrorAnswer(), -400, kRead},
+        {"unknown method", "FOO /x HTTP/1.1\r\n", NotAllowedAnswer(), -405, ""},
+        {"forbidden method", "PUT /x HTTP/1.1\r\n", NotAllowedAnswer(), -405, "\nParsing: method ok (0)"},
+        {"unknown header", "GET /x HTTP/1.1\r\nX-Custom: 1\r\n", ServerErrorAnswer(), -500, kRead},
+        {"unknown protocol", "GET /x FTP/1.0\r\n", ServerErrorAnswer(), -501, "\nParsing: method ok (1)"},
+        {"unknown version", "GET /x HTTP/2.0\r\n", ServerErrorAnswer(), -505, "\nParsing: method ok (1)"},
     };
     for (const auto& row : rows) {
         const CaptureStdout capture;
@@ -133,11 +134,11 @@ TEST_F(OneStageTest, AsksForCredentials) {
     const CaptureStdout capture;
     Serving without;
     Serve(without, Get("/other"));
-    EXPECT_EQ(without.Received(), kUnauthorizedAnswer);
+    EXPECT_EQ(without.Received(), UnauthorizedAnswer());
     EXPECT_EQ(capture.Text(), kRead + "\nConsumeHttpRequest: no auth"s + Consumed(-401));
     Serving with;
     Serve(with, "GET /other HTTP/1.1\r\nAuthorization: Basic dXNlcjpwYXNz\r\n\r\n");
-    EXPECT_EQ(with.Received(), kNotFoundAnswer);
+    EXPECT_EQ(with.Received(), NotFoundAnswer());
 }
 
 TEST_F(OneStageTest, AnswersAFailedReceiveAsAnError) {
@@ -145,9 +146,9 @@ TEST_F(OneStageTest, AnswersAFailedReceiveAsAnError) {
     Serving serving;
     serving.Send(Get("/other"));
     const FailCall reset("recv", 2, ECONNRESET); // the first one looks whether anybody is there
-    EXPECT_EQ(Serve(serving), static_cast<long>(kErrorAnswer.size()));
+    EXPECT_EQ(Serve(serving), static_cast<long>(ServerErrorAnswer().size()));
     EXPECT_TRUE(reset.Struck());
-    EXPECT_EQ(serving.Received(), kErrorAnswer);
+    EXPECT_EQ(serving.Received(), ServerErrorAnswer());
     EXPECT_EQ(capture.Text(), Consumed(-1));
 }
 
@@ -155,9 +156,9 @@ TEST_F(OneStageTest, AnswersEveryOutcomeOfAHandler) {
     const struct {
         int handled;
         std::string answer;
-    } rows[] = {{1, kBadAnswer},      {400, kBadAnswer},    {2147483647, kBadAnswer},
-                {-1, kErrorAnswer},   {-6, kErrorAnswer},   {-400, kErrorAnswer},
-                {-401, kErrorAnswer}, {-404, kErrorAnswer}, {-500, kErrorAnswer}};
+    } rows[] = {{1, BadCallAnswer()},        {400, BadCallAnswer()},      {2147483647, BadCallAnswer()},
+                {-1, ServerErrorAnswer()},   {-6, ServerErrorAnswer()},   {-400, ServerErrorAnswer()},
+                {-401, ServerErrorAnswer()}, {-404, ServerErrorAnswer()}, {-500, ServerErrorAnswer()}};
     for (const auto& row : rows) {
         replaced.handler = Failing(row.handled);
         const CaptureStdout capture;
@@ -174,17 +175,17 @@ TEST_F(OneStageTest, FindsTheHandlerByTheUrisBeginning) {
     for (const std::string uri : {"/rDx", "/rdx", "/RDXanything", "/rDx?svcticket=42", "/rDx?SvcTicket="}) {
         Serving serving;
         Serve(serving, Get(uri));
-        EXPECT_EQ(serving.Received(), Answer(kOk, "<wddxPacket/>")) << uri;
+        EXPECT_EQ(serving.Received(), Answer(200, "<wddxPacket/>")) << uri;
     }
     for (const std::string uri : {"/rD", "/other", "/", "/other?SvcTicket=42"}) {
         Serving serving;
         Serve(serving, Get(uri));
-        EXPECT_EQ(serving.Received(), kNotFoundAnswer) << uri;
+        EXPECT_EQ(serving.Received(), NotFoundAnswer()) << uri;
     }
     for (const char* line : {"\r\n", "\n"}) {
         Serving serving;
         Serve(serving, line);
-        EXPECT_EQ(serving.Received(), kNotFoundAnswer) << "no URI";
+        EXPECT_EQ(serving.Received(), NotFoundAnswer()) << "no URI";
     }
     EXPECT_FALSE(lastConnect);
 }
@@ -208,13 +209,13 @@ TEST_F(OneStageTest, TakesTheOutputForAText) {
         replaced.handler = Answering(output);
         Serving serving;
         Serve(serving, Get("/rDx"));
-        EXPECT_EQ(serving.Received(), Answer(kOk, output.c_str()));
+        EXPECT_EQ(serving.Received(), Answer(200, output.c_str()));
     }
 }
 
 // The largest output that the response's own buffer has room for, and one byte more.
 TEST_F(OneStageTest, SendsAnOutputUpToTheSizeOfTheResponsesBuffer) {
-    const std::size_t head = Answer(kOk, std::string(131000, 'x')).size() - 131000;
+    const std::size_t head = Answer(200, std::string(131000, 'x')).size() - 131000;
     const std::size_t most = SERVICE_BUFFER_SIZE - 2 - head;
     const CaptureStdout quiet;
     for (const std::size_t size : {most, most + 1, std::size_t{SERVICE_BUFFER_SIZE}}) {
@@ -222,7 +223,7 @@ TEST_F(OneStageTest, SendsAnOutputUpToTheSizeOfTheResponsesBuffer) {
         Serving serving;
         serving.call.ucKeepAlive = 1;
         EXPECT_EQ(Serve(serving, Get("/rDx")), size == most ? static_cast<long>(head + most) : -3) << size;
-        EXPECT_EQ(serving.Received(), size == most ? Answer(kOk, std::string(size, 'x')) : "");
+        EXPECT_EQ(serving.Received(), size == most ? Answer(200, std::string(size, 'x')) : "");
         EXPECT_EQ(serving.IsWatched(), size == most);
         EXPECT_EQ(serving.IsClosed(), size != most);
     }
@@ -234,7 +235,7 @@ TEST_F(OneStageTest, SendsTheEntityTerminatorBehindTheResponse) {
     const CaptureStdout quiet;
     Serving serving;
     Serve(serving, Get("/other"));
-    EXPECT_EQ(serving.Received(), kNotFoundAnswer + "END");
+    EXPECT_EQ(serving.Received(), NotFoundAnswer() + "END");
 }
 
 TEST_F(OneStageTest, KeepsTheConnectionAsTheSlotSays) {
@@ -303,7 +304,7 @@ TEST_F(OneStageTest, SurvivesEveryFailedAllocation) {
             const std::string answer = serving.Received();
             EXPECT_EQ(status, answer.empty() ? -2 : static_cast<long>(answer.size()));
             if (!struck) {
-                EXPECT_EQ(answer, Answer(kOk, "body"));
+                EXPECT_EQ(answer, Answer(200, "body"));
                 EXPECT_GT(nth, 1);
             }
         }
@@ -400,7 +401,7 @@ protected:
     std::vector<char> buffer_ = std::vector<char>(SERVICE_BUFFER_SIZE);
 };
 
-const std::string kBodyAnswer = Answer(kOk, "body");
+const std::string kBodyAnswer = Answer(200, "body");
 
 TEST_F(FinalizeRequestTest, SendsTheResponseAndKeepsOrCloses) {
     for (const int status : {0, 1, 17}) {
@@ -514,14 +515,14 @@ TEST_F(FinalizeRequestTest, LosesNothingOfALongResponse) {
     for (int run = 0; run < 3; ++run) {
         Client client(listener.Port());
         std::string received;
-        std::thread reader([&] { received = client.ReceiveAll(); });
+        std::thread reader([&] { received = client.ReadUntilClosed(); });
         ServiceCall call{};
         call.hSocket = accept(listener.Socket(), nullptr, nullptr);
         ForgetClosed(call.hSocket);
         EXPECT_GT(FinalizeRequest(nullptr, MakeResponse(body), 0, buffer_.data(), 0, &call, nullptr, 0), 0);
         EXPECT_EQ(TimesClosed(call.hSocket), 1);
         reader.join();
-        EXPECT_EQ(received, Answer(kOk, body));
+        EXPECT_EQ(received, Answer(200, body));
     }
 }
 

@@ -7,8 +7,9 @@
 #include "tests/support/admin_server.h"
 #include "tests/support/assertion.h"
 #include "tests/support/capture.h"
+#include "tests/support/client.h"
 #include "tests/support/eventually.h"
-#include "tests/support/loopback.h"
+#include "tests/support/listener.h"
 #include "tests/support/serving.h"
 #include "tests/support/staged_service.h"
 
@@ -55,7 +56,7 @@ TEST_F(ServingThreadTest, EndsWithTheStatusOfTheService) {
     const CaptureStdout quiet;
     Serving unticketed;
     unticketed.Send(Get("/rDx"));
-    EXPECT_EQ(ServeOnThread(unticketed), Answer(kOk, "result").size());
+    EXPECT_EQ(ServeOnThread(unticketed), Answer(200, "result").size());
     Serving unheard;
     unheard.Send(Get(kTicketUri));
     EXPECT_EQ(ServeOnThread(unheard), 0xfffdUL) << "-3, its low 16 bits";
@@ -84,7 +85,7 @@ TEST_F(ServingThreadTest, ServesAllOfAServersTickets) {
         for (std::size_t turn = 1; turn <= 3; ++turn) {
             Client client(listener.Port());
             client.Send(Get(kTicketUri, "close"));
-            EXPECT_EQ(client.ReceiveAll(), kTicketAnswer);
+            EXPECT_EQ(client.ReadUntilClosed(), kTicketAnswer);
             EXPECT_TRUE(Eventually([&] { return admin.FollowUps().size() == before + turn; }));
             EXPECT_TRUE(Eventually([&] { return threads == 1 || NumOfThreads() == 0; }));
         }
@@ -110,7 +111,7 @@ TEST_F(ServingThreadTest, GoesOnAfterTheEndOfTheLoop) {
     EXPECT_TRUE(Eventually([&] { return admin.FollowUps().size() == 1; }));
     StoreShared<unsigned char>(ucTerminated, 1);
     server.join();
-    EXPECT_EQ(client.ReceiveAll(), kTicketAnswer);
+    EXPECT_EQ(client.ReadUntilClosed(), kTicketAnswer);
     EXPECT_EQ(NumOfThreads(), 0) << "it does not count any more";
     admin.HangUp(); // ends the thread, which the end of the test waits for
 }
@@ -133,19 +134,19 @@ TEST_F(ServingThreadTest, ClosesAConnectionToBeKeptAfterTheEndOfTheLoop) {
     std::thread server([&] { RunHttpServer(static_cast<unsigned>(listener.Socket()), 2); });
     Client first(listener.Port());
     first.Send(Get(kTicketUri));
-    EXPECT_EQ(first.ReceiveAll(), kTicketAnswer);
+    EXPECT_EQ(first.ReadUntilClosed(), kTicketAnswer);
     EXPECT_TRUE(Eventually([] { return NumOfThreads() == 0; }));
     Client client(listener.Port());
     client.Send(Get("/rDx"));
-    EXPECT_EQ(client.Receive(Answer(kOk, "result").size()), Answer(kOk, "result"));
+    EXPECT_EQ(client.Read(Answer(200, "result").size()), Answer(200, "result"));
     EXPECT_TRUE(Eventually([] { return NumOfThreads() == 0; }));
     client.Send(Get("/rDx"));
     EXPECT_TRUE(Eventually([&] { return handled == 3; }));
     StoreShared<unsigned char>(ucTerminated, 1);
     server.join();
-    EXPECT_TRUE(client.IsSilent());
+    EXPECT_TRUE(client.StaysSilent(milliseconds(0)));
     goOn = true;
-    EXPECT_EQ(client.ReceiveAll(), Answer(kOk, "result"));
+    EXPECT_EQ(client.ReadUntilClosed(), Answer(200, "result"));
 }
 
 auto StagedAssertion(const char* text) { return Assertion(kSource, "ServeClientInStages", text); }

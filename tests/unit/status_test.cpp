@@ -1,15 +1,16 @@
 #include "common/memory.h"
 #include "rDxsd/rDxsd.h"
+#include "tests/support/answers.h"
 #include "tests/support/capture.h"
 #include "tests/support/faults.h"
 #include "tests/support/method_call.h"
+#include "tests/support/process.h"
 #include "tests/support/wddx.h"
 
 #include <algorithm>
 #include <climits>
 #include <cstddef>
 #include <cstring>
-#include <filesystem>
 #include <fstream>
 #include <gtest/gtest.h>
 #include <iterator>
@@ -94,17 +95,8 @@ protected:
 };
 
 TEST_F(VersionCall, AnswersWithTheFixedPacket) {
-    const std::string four(4, ' ');
-    const std::string eight(8, ' ');
-    const std::string expected =
-        "<?xml version='1.0'?><!DOCTYPE wddxPacket SYSTEM 'wddx_dtd_10.dtd'>"
-        "<wddxPacket version='1.0'><header><comment>rDxGetVersion</comment></header><data>" +
-        four + "<struct>" + eight + "<var name='status'>" + std::string(3, '\t') + "<struct>" +
-        std::string(4, '\t') + "<var name='code'><number>0</number></var>" + std::string(3, '\t') +
-        "</struct></var>" + eight + "<var name='version'><number>100</number></var>" + four +
-        "</struct></data></wddxPacket>";
     EXPECT_EQ(ProcessVersion("<number>7</number>"), 0);
-    EXPECT_EQ(result_.pszWddxResult, expected);
+    EXPECT_EQ(result_.pszWddxResult, test::kVersionBody);
     EXPECT_EQ(result_.iStatus, 0);
     EXPECT_EQ(result_.ucFlag, 0);
     EXPECT_EQ(printed_, "\nProcessGetVersion");
@@ -614,15 +606,10 @@ TEST_F(DeviceStatus, HasNoHardwareAddressOfAMissingInterface) {
     EXPECT_EQ(capture_.Text(), "\nGetMacAddressByName error\nGetMacAddressByName error");
 }
 
-std::ptrdiff_t OpenDescriptors() {
-    const std::filesystem::directory_iterator entries("/proc/self/fd");
-    return std::distance(begin(entries), end(entries));
-}
-
 TEST_F(DeviceStatus, HoldsOneDescriptorAtMost) {
-    const std::ptrdiff_t before = OpenDescriptors();
+    const int before = test::OpenDescriptors();
     for (int i = 0; i < 1000; ++i) Process(ProcessGetDeviceStatus, "");
-    EXPECT_LE(OpenDescriptors(), before + 1);
+    EXPECT_LE(test::OpenDescriptors(), before + 1);
 }
 
 } // namespace

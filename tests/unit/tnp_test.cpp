@@ -31,17 +31,12 @@ using namespace std::string_literals;
 constexpr const char* kSource = "client/tnp.cpp";
 constexpr const char* kCredentials = "Basic dXNlcjpwYXNz";
 
-// The settings that this module reads are back afterwards.
 class TnpTest : public testing::Test {
 protected:
     TnpTest() {
         GTEST_FLAG_SET(death_test_style, "threadsafe");
         std::signal(SIGPIPE, SIG_IGN);
         rdx::StoreSharedText(szAuthInfo, kCredentials);
-    }
-    ~TnpTest() override {
-        rdx::StoreSharedText(szAuthInfo, "");
-        SetTerminator(0, "");
     }
 
     static void SetTerminator(unsigned char on, const char* text) {

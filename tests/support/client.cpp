@@ -1,4 +1,6 @@
-#include "tests/system/client.h"
+#include "tests/support/client.h"
+
+#include "tests/support/listener.h"
 
 #include <algorithm>
 #include <array>
@@ -37,13 +39,13 @@ std::size_t NumberOf(const std::string& head, const std::string& name) {
 
 } // namespace
 
-Connection::Connection(int port) {
+Client::Client(int port, int receiveBuffer) {
     socket_ = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_in address = {};
-    address.sin_family = AF_INET;
-    address.sin_port = htons(static_cast<in_port_t>(port));
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    if (connect(socket_, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0) {
+    const sockaddr_in address = LoopbackAddress(port);
+    if (receiveBuffer > 0) {
+        setsockopt(socket_, SOL_SOCKET, SO_RCVBUF, &receiveBuffer, sizeof receiveBuffer);
+    }
+    if (connect(socket_, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
         close(socket_);
         socket_ = -1;
         return;
@@ -52,17 +54,19 @@ Connection::Connection(int port) {
     setsockopt(socket_, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
 }
 
-Connection::~Connection() { Close(); }
+Client::~Client() { Close(); }
 
-void Connection::Close() {
+int Client::Port() const { return LocalPort(socket_); }
+
+void Client::Close() {
     if (socket_ >= 0) close(std::exchange(socket_, -1));
 }
 
-Connection::Connection(Connection&& other) noexcept
+Client::Client(Client&& other) noexcept
     : socket_(std::exchange(other.socket_, -1)), closed_(other.closed_),
       received_(std::move(other.received_)) {}
 
-bool Connection::Send(std::string_view bytes) {
+bool Client::Send(std::string_view bytes) {
     while (!bytes.empty()) {
         const ssize_t count = send(socket_, bytes.data(), bytes.size(), MSG_NOSIGNAL);
         if (count <= 0) return false;
@@ -72,14 +76,14 @@ bool Connection::Send(std::string_view bytes) {
 }
 
 // Waits until the peer's side has taken every byte sent, so that the next is a segment of its own.
-void Connection::WaitUntilArrived() const {
+void Client::WaitUntilArrived() const {
     Eventually([this] {
         int pending = 0;
         return ioctl(socket_, SIOCOUTQ, &pending) != 0 || pending == 0;
     });
 }
 
-bool Connection::SendInPieces(std::string_view bytes, std::size_t size) {
+bool Client::SendInPieces(std::string_view bytes, std::size_t size) {
     while (!bytes.empty()) {
         const std::string_view piece = bytes.substr(0, size);
         if (!Send(piece)) return false;
@@ -89,7 +93,7 @@ bool Connection::SendInPieces(std::string_view bytes, std::size_t size) {
     return true;
 }
 
-bool Connection::SendInLines(std::string_view bytes) {
+bool Client::SendInLines(std::string_view bytes) {
     while (!bytes.empty()) {
         const std::size_t feed = bytes.find('\n');
         const std::string_view line = bytes.substr(0, feed == bytes.npos ? bytes.npos : feed + 1);
@@ -100,9 +104,15 @@ bool Connection::SendInLines(std::string_view bytes) {
     return true;
 }
 
-void Connection::FinishSending() { shutdown(socket_, SHUT_WR); }
+void Client::Reset() {
+    const linger atOnce{1, 0};
+    EXPECT_EQ(setsockopt(socket_, SOL_SOCKET, SO_LINGER, &atOnce, sizeof atOnce), 0);
+    Close();
+}
 
-Connection::Arrival Connection::Receive(milliseconds scaledLimit) {
+void Client::FinishSending() { shutdown(socket_, SHUT_WR); }
+
+Client::Arrival Client::Receive(milliseconds scaledLimit) {
     if (closed_ || socket_ < 0) return Arrival::kClosed;
     pollfd ready = {socket_, POLLIN, 0};
     if (poll(&ready, 1, static_cast<int>(scaledLimit.count())) <= 0) return Arrival::kNothing;
@@ -116,7 +126,7 @@ Connection::Arrival Connection::Receive(milliseconds scaledLimit) {
     return Arrival::kBytes;
 }
 
-Answer Connection::ReadAnswer(milliseconds limit) {
+Reply Client::ReadAnswer(milliseconds limit) {
     const auto end = Clock::now() + Scaled(limit);
     for (;;) {
         const std::size_t empty = received_.find("\r\n\r\n");
@@ -124,7 +134,7 @@ Answer Connection::ReadAnswer(milliseconds limit) {
             const std::string head = received_.substr(0, empty + 4);
             const std::size_t length = NumberOf(head, "content-length");
             if (received_.size() >= head.size() + length) {
-                Answer answer;
+                Reply answer;
                 answer.head = head;
                 answer.body = received_.substr(head.size(), length);
                 answer.text = head + answer.body;
@@ -137,35 +147,46 @@ Answer Connection::ReadAnswer(milliseconds limit) {
         }
         if (Receive(Until(end)) != Arrival::kBytes) break;
     }
-    Answer none;
+    Reply none;
     none.text = received_;
     return none;
 }
 
-std::string Connection::ReadUntilClosed(milliseconds limit) {
+std::string Client::Read(std::size_t count) {
+    const auto end = Clock::now() + Scaled(kPatience);
+    while (received_.size() < count && Receive(Until(end)) == Arrival::kBytes) {
+    }
+    std::string text = received_.substr(0, count);
+    received_.erase(0, count);
+    return text;
+}
+
+std::string Client::ReadUntilClosed(milliseconds limit) {
     const auto end = Clock::now() + Scaled(limit);
     while (Receive(Until(end)) == Arrival::kBytes) {
     }
     return std::exchange(received_, {});
 }
 
-bool Connection::ClosedByPeer(milliseconds limit) {
+bool Client::ClosedByPeer(milliseconds limit) {
     const auto end = Clock::now() + Scaled(limit);
     return received_.empty() && Receive(Until(end)) == Arrival::kClosed;
 }
 
-bool Connection::StaysSilent() { return received_.empty() && Receive(kGlance) == Arrival::kNothing; }
+bool Client::StaysSilent(milliseconds glance) {
+    return received_.empty() && Receive(glance) == Arrival::kNothing;
+}
 
-Answer Ask(int port, std::string_view request) {
-    Connection connection(port);
+Reply Ask(int port, std::string_view request) {
+    Client connection(port);
     connection.Send(request);
     return connection.ReadAnswer();
 }
 
-Answer AskUntilAnswered(int port, std::string_view request) {
-    Answer answer;
+Reply AskUntilAnswered(int port, std::string_view request) {
+    Reply answer;
     Eventually([&] {
-        Connection connection(port);
+        Client connection(port);
         connection.Send(request);
         answer = connection.ReadAnswer(milliseconds(500));
         return answer.status != 0;

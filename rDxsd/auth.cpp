@@ -121,7 +121,7 @@ bool IsPassword(const char* password, const char* stored) {
 // An entry of the shadow database is a line of text; a real one has a few hundred bytes. A longer line, also
 // another user's or a comment, asks for more room.
 constexpr std::size_t kShadowEntrySize = 4096;
-constexpr std::size_t kShadowEntryMax = 1024 * 1024;
+constexpr std::size_t kShadowEntryMax = std::size_t{1024} * 1024;
 
 bool IsUser(const char* user, const char* password) {
     for (std::size_t size = kShadowEntrySize; size <= kShadowEntryMax; size *= 2) {

@@ -103,7 +103,7 @@ const KindRow& Describe(Kind kind) {
         {-1, kMostAttributes, "a number from -1 to 1000", false},
         {INT32_MIN, INT32_MAX, kAnInt, true},
         {-1, UINT32_MAX, kAWord, true},
-        {0, 0, "a text, if it is quoted with every quote closed and \\\\ \\\" \\n \\r \\t \\xHH alone", true},
+        {0, 0, R"(a text, if it is quoted with every quote closed and \\ \" \n \r \t \xHH alone)", true},
         {0, 0, "a name, a value (both quoted texts or null) and persistent or volatile", false},
     };
     static_assert(std::size(kRows) == static_cast<std::size_t>(Kind::kOutputAttribute) + 1);

@@ -36,7 +36,7 @@ Paths PathsFromEnvironment() {
 
 Simulation& CurrentSimulation() {
     if (Simulation* const other = replacement.load(std::memory_order_acquire)) return *other;
-    static Simulation* const own = new Simulation(PathsFromEnvironment(), SystemClock());
+    static auto* const own = new Simulation(PathsFromEnvironment(), SystemClock());
     return *own;
 }
 

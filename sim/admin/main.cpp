@@ -131,7 +131,7 @@ struct Server {
 // One request while it arrives.
 struct Arriving {
     std::string url;       // with its query
-    std::string body = ""; // so far
+    std::string body{};    // so far
     bool begun = false;    // its headers have been seen
     bool recorded = false; // it is whole
 };

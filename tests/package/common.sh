@@ -35,6 +35,7 @@ choose_port() {
     junior) first=12000 ;;
     server) first=14000 ;;
     install) first=16000 ;;
+    readme) first=7000 ;;
     *) fail "$name has no ports" ;;
     esac
     port=$((first + RANDOM % 1998))

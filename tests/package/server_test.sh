@@ -127,6 +127,14 @@ grep -q "^owner = \"Workstation 1\"" "$XDG_STATE_HOME/rdx-sim.state" || fail "th
 
 script/server --port "$port" >"$work/second" 2>&1 && fail "a busy port was accepted"
 grep -q "port $port is in use" "$work/second" || fail "$(cat "$work/second")"
+
+# What the README allocates it gives back.
+if grep -q '^  curl .*-u demo:demo' "$work/log"; then
+    release=$(sed -n "s/^    \$ \(curl .*rdxReleaseDevice\"\)$/\1/p" README.md)
+    sh -c "${release/127.0.0.1:8080/127.0.0.1:$port}" >"$work/answer" || fail "the README's release: $release"
+    grep -qxF "    $(cat "$work/answer")" README.md || fail "README: $(cat "$work/answer")"
+    grep -q '^owner = ""' "$XDG_STATE_HOME/rdx-sim.state" || fail "the device was not given back"
+fi
 stop
 
 # Where the system allows no namespaces, as most containers; and where nothing helps.

@@ -79,6 +79,12 @@ Values::Values(WddxValue* structure, std::span<const ArgumentRow> rows, const ch
     : structure_(structure), rows_(rows), of_(of) {}
 
 bool Values::Fit() const {
+    return MembersFit() && std::ranges::all_of(rows_, [this](const ArgumentRow& row) {
+               return std::string_view(row.of) != of_ || row.type != ArgumentType::kArray || ElementsFit(row);
+           });
+}
+
+bool Values::MembersFit() const {
     return wddxGetType(structure_) == WDDX_STRUCT &&
            std::ranges::all_of(rows_, [this](const ArgumentRow& row) {
                return std::string_view(row.of) != of_ || Fits(row);
@@ -101,7 +107,7 @@ bool Values::Fits(const ArgumentRow& row) const {
     case ArgumentType::kArray:
         break;
     }
-    return GetDataArrayParam(structure_, row.name) != nullptr && ElementsFit(row);
+    return GetDataArrayParam(structure_, row.name) != nullptr;
 }
 
 // Elements without rows may be anything.
@@ -109,7 +115,7 @@ bool Values::ElementsFit(const ArgumentRow& array) const {
     const bool have = std::ranges::find(rows_, std::string_view(array.name), &ArgumentRow::of) != rows_.end();
     WddxValue* const elements = GetDataArrayParam(structure_, array.name);
     for (int i = 0; have && i < wddxGetArraySize(elements); ++i) {
-        if (!Values(wddxGetArrayElem(elements, i), rows_, array.name).Fit()) return false;
+        if (!Values(wddxGetArrayElem(elements, i), rows_, array.name).MembersFit()) return false;
     }
     return true;
 }

@@ -28,6 +28,7 @@ public:
 
 private:
     const ArgumentRow* Row(const char* name) const;
+    bool MembersFit() const;
     bool Fits(const ArgumentRow& row) const;
     bool ElementsFit(const ArgumentRow& array) const;
 

@@ -21,16 +21,16 @@ using File = std::unique_ptr<FILE, CloseFile>;
 // Take the places of the C library's. A user who is not there is no error.
 extern "C" {
 
-int getspnam_r(const char* name, spwd* entry, char* buffer, size_t size, spwd** result) {
+int getspnam_r(const char* name, spwd* result_buf, char* buffer, size_t buflen, spwd** result) {
     *result = nullptr;
     const char* const path = std::getenv("RDX_SIM_USERS");
     const File users(path != nullptr ? fopen(path, "re") : nullptr);
     if (!users) return path != nullptr ? errno : ENOENT;
     for (;;) {
         spwd* next = nullptr;
-        const int failure = fgetspent_r(users.get(), entry, buffer, size, &next);
+        const int failure = fgetspent_r(users.get(), result_buf, buffer, buflen, &next);
         if (failure != 0) return failure == ENOENT ? 0 : failure;
-        if (std::strcmp(entry->sp_namp, name) != 0) continue;
+        if (std::strcmp(result_buf->sp_namp, name) != 0) continue;
         *result = next;
         return 0;
     }

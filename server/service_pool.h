@@ -58,7 +58,7 @@ public:
     [[noreturn]] void EndThisThread(int status);
 
 private:
-    static void* RunThread(void* argument);
+    static void* RunThread(void* ticket);
 
     void LeaveLoop();
 

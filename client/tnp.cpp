@@ -2,6 +2,7 @@
 
 #include "common/check.h"
 #include "common/config.h"
+#include "common/entity_terminator.h"
 #include "common/memory.h"
 #include "common/shared.h"
 #include "common/text.h"
@@ -13,7 +14,6 @@
 
 namespace {
 
-constexpr int kNoBody = -1;
 constexpr std::string_view kUri = "/Tavrin?FunctionName=";
 
 // A header as AddHeader2Request takes it, which copies the texts and changes nothing.
@@ -21,39 +21,40 @@ HttpHeader MakeHeader(const char* name, const char* value) {
     return {const_cast<char*>(name), const_cast<char*>(value)};
 }
 
-// 0, or below 0 the number of the first header that could not be added.
+struct CallHeader {
+    const char* name;
+    const char* value;
+    int notAdded; // the result when it could not be
+};
+
 int AddHeaders(HttpRequest& request, const char* host, std::size_t argumentsLength, bool close) {
     const rdx::SharedText credentials(szAuthInfo);
     char length[16];
     rdx::Appender(length).AddDecimal(static_cast<std::int64_t>(argumentsLength));
-    HttpHeader headers[] = {
-        MakeHeader("Host", host),
-        MakeHeader("User-Agent", "VXL tnp/0.1"),
-        MakeHeader("Accept", "*/*"),
-        MakeHeader("Content-type", "text/xml"),
-        MakeHeader("Authorization", credentials.c_str()),
-        MakeHeader("Content-length", length),
-        MakeHeader("Connection", close ? "close" : "keep-alive"),
+    const CallHeader headers[] = {
+        {"Host", host, TNP_NO_HOST},
+        {"User-Agent", "VXL tnp/0.1", TNP_NO_USER_AGENT},
+        {"Accept", "*/*", TNP_NO_ACCEPT},
+        {"Content-type", "text/xml", TNP_NO_CONTENT_TYPE},
+        {"Authorization", credentials.c_str(), TNP_NO_AUTHORIZATION},
+        {"Content-length", length, TNP_NO_CONTENT_LENGTH},
+        {"Connection", close ? "close" : "keep-alive", TNP_NO_CONNECTION},
     };
-    int failure = 0;
-    for (HttpHeader& header : headers) {
-        --failure;
-        if (AddHeader2Request(&request, &header) != 0) return failure;
+    for (const CallHeader& header : headers) {
+        HttpHeader record = MakeHeader(header.name, header.value);
+        if (AddHeader2Request(&request, &record) != HTTPREQ_DONE) return header.notAdded;
     }
-    return 0;
+    return TNP_BUILT;
 }
 
 // Copies as much of the answer's body as fits: QueryTavrinExt's result.
 int CopyAnswer(const HttpResponse& response, char* buffer, unsigned int* size) {
-    constexpr unsigned short kOk = 200;
-    constexpr int kOtherStatus = -1;
-    constexpr int kCut = -2;
-    if (response.usStatusCode != kOk) return kOtherStatus;
+    if (response.usStatusCode != HTTP_STATUS_OK) return TNP_OTHER_STATUS;
     const unsigned int length = response.pEntityBody != nullptr ? response.uiBodyLength : 0;
     const bool fits = length <= *size;
     std::copy_n(response.pEntityBody, fits ? length : *size, buffer);
     *size = length;
-    return fits ? 0 : kCut;
+    return fits ? TNP_ANSWERED : TNP_BODY_CUT;
 }
 
 } // namespace
@@ -65,10 +66,9 @@ int BuildTavrinRequestExt(HttpRequest* pRequest, const char* pszHost, const char
     pRequest->ucHttpVersion = 11;
     pRequest->pszUri = rdx::JoinText(kUri, pszFunction).release();
     RDX_CHECK(pRequest->pszUri != nullptr, "pRequest->pszUri != __null");
-    if (pszBody == nullptr) return kNoBody;
-    const rdx::SharedText terminator(szEntityTerminator);
-    const bool terminated = rdx::LoadShared(ucEntityTerminator) != 0;
-    const std::string_view tail = terminated ? terminator.View() : std::string_view();
+    if (pszBody == nullptr) return TNP_NO_BODY;
+    const rdx::EntityTerminator terminator = rdx::LoadEntityTerminator();
+    const std::string_view tail = terminator.View();
     const std::size_t length = std::strlen(pszBody);
     pRequest->pEntityBody = rdx::JoinText(pszBody, tail).release();
     RDX_CHECK(pRequest->pEntityBody != nullptr, "pRequest->pEntityBody != __null");
@@ -89,11 +89,11 @@ int QueryTavrinExt(int sock, const char* pszHost, const char* /*pszUnused*/, con
     RDX_CHECK(*puiBufsiz > 0, "*puiBufsiz > 0");
     rdx::ScopedRequest call;
     const int built = BuildTavrinRequestExt(&call.request, pszHost, pszFunction, pszArgs, ucClose);
-    if (built != 0) return built;
+    if (built != TNP_BUILT) return built;
     HttpResponse* response = nullptr;
     const int sent = SendHttpRequest(sock, &call.request, &response);
     const rdx::OwnedResponse owner(response);
-    return sent != 0 ? sent : CopyAnswer(*response, pBuf, puiBufsiz);
+    return sent != HTTPREQ_DONE ? sent : CopyAnswer(*response, pBuf, puiBufsiz);
 }
 
 int QueryTavrin(int sock, const char* pszHost, const char* pszUnused, const char* pszArgs,

@@ -17,6 +17,26 @@
 extern "C" {
 #endif
 
+/* Results of building a call: the header that could not be added. */
+enum {
+    TNP_BUILT = 0,
+    TNP_NO_BODY = -1,
+    TNP_NO_HOST = -1,
+    TNP_NO_USER_AGENT = -2,
+    TNP_NO_ACCEPT = -3,
+    TNP_NO_CONTENT_TYPE = -4,
+    TNP_NO_AUTHORIZATION = -5,
+    TNP_NO_CONTENT_LENGTH = -6,
+    TNP_NO_CONNECTION = -7
+};
+
+/* Results of a call, beside those of building and sending it. */
+enum {
+    TNP_ANSWERED = 0,      /* with 200, body copied */
+    TNP_OTHER_STATUS = -1, /* with another status; `*puiBufsiz` is as it was */
+    TNP_BODY_CUT = -2      /* with 200, body cut to the buffer */
+};
+
 /*
  * Fills a request record with a call. Whatever the record held is forgotten, not freed.
  *
@@ -24,12 +44,11 @@ extern "C" {
  *   pszHost      the Host header
  *   pszFunction  the function called, and what is to follow it in the query
  *   pszBody      the arguments; the configured end-of-entity text is put behind them, and left out of the
- *                Content-length (kept)
+ *                Content-length: the other server reads on until it finds the text
  *   ucClose      1: the connection is to be closed after the answer
  *
- * Returns 0, -1 without a body, or the number of the header that could not be added: -1 Host, -2 User-Agent,
- * -3 Accept, -4 Content-type, -5 Authorization, -6 Content-length, -7 Connection. Running out of memory for
- * URI or body is an assertion.
+ * Returns TNP_BUILT, TNP_NO_BODY, or the header that could not be added. Running out of memory for URI or
+ * body is an assertion.
  */
 RDX_API int BuildTavrinRequestExt(HttpRequest* pRequest, const char* pszHost, const char* pszFunction,
                                   const char* pszBody, unsigned char ucClose);
@@ -50,11 +69,8 @@ RDX_API int BuildTavrinRequest(HttpRequest* pRequest, const char* pszHost, const
  *   pBuf         out: the answer's body, without a NUL
  *   puiBufsiz    in: the size of `pBuf` in bytes, above 0; out: the length of the whole body
  *
- * Returns  0  answered with 200, body copied
- *         -1  answered with another status; `*puiBufsiz` is as it was
- *         -2  answered with 200, body cut to the buffer
- * or a code of BuildTavrinRequestExt or SendHttpRequest. Null or empty arguments, a null buffer and a size of
- * 0 are assertions.
+ * Returns TNP_ANSWERED, TNP_OTHER_STATUS, TNP_BODY_CUT, or a code of BuildTavrinRequestExt or
+ * SendHttpRequest. Null or empty arguments, a null buffer and a size of 0 are assertions.
  */
 RDX_API int QueryTavrinExt(int sock, const char* pszHost, const char* pszUnused, const char* pszArgs,
                            const char* pszFunction, unsigned char ucClose, char* pBuf,

@@ -1,5 +1,7 @@
-# What `cmake --install` puts into a prefix: the libraries, the headers of exported names, and what lets
-# another project find them (a CMake package and a pkg-config file).
+# What `cmake --install` puts into a prefix, by component:
+#   runtime       the library and rdxhttpd
+#   development   the headers of exported names, and what lets another project find the library
+#   simulator     the simulated device and rdxadmin, only when asked for by name
 include(CMakePackageConfigHelpers)
 
 # Headers of exported names keep their folders below include/rDxsH.
@@ -13,22 +15,32 @@ set(RDX_HEADERS
   server/rdxhttp.h server/service.h)
 foreach(header IN LISTS RDX_HEADERS)
   cmake_path(GET header PARENT_PATH folder)
-  install(FILES ${PROJECT_SOURCE_DIR}/${header} DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/rDxsH/${folder})
+  install(FILES ${PROJECT_SOURCE_DIR}/${header} DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/rDxsH/${folder}
+          COMPONENT development)
 endforeach()
 
-# The device library goes with the server's: without one the server's cannot be loaded.
-install(TARGETS rDxsH DxSvcs EXPORT rDxsH LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR})
+install(TARGETS rDxsH EXPORT rDxsH
+        LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT runtime NAMELINK_COMPONENT development)
+# Without a run path, the loader looks for the device library where the system keeps libraries, and nowhere else.
+install(CODE "
+  cmake_path(APPEND library \"\${CMAKE_INSTALL_PREFIX}\" ${CMAKE_INSTALL_LIBDIR} $<TARGET_SONAME_FILE_NAME:rDxsH>)
+  file(RPATH_REMOVE FILE \"\$ENV{DESTDIR}\${library}\")
+" COMPONENT runtime)
+
 set(RDX_PACKAGE_DIR ${CMAKE_INSTALL_LIBDIR}/cmake/rDxsH)
-install(EXPORT rDxsH NAMESPACE rDxsH:: FILE rDxsHTargets.cmake DESTINATION ${RDX_PACKAGE_DIR})
+install(EXPORT rDxsH NAMESPACE rDxsH:: FILE rDxsHTargets.cmake DESTINATION ${RDX_PACKAGE_DIR}
+        COMPONENT development)
 configure_package_config_file(cmake/rDxsHConfig.cmake.in rDxsHConfig.cmake
                               INSTALL_DESTINATION ${RDX_PACKAGE_DIR})
 write_basic_package_version_file(rDxsHConfigVersion.cmake COMPATIBILITY SameMinorVersion)
 install(FILES ${CMAKE_CURRENT_BINARY_DIR}/rDxsHConfig.cmake
-              ${CMAKE_CURRENT_BINARY_DIR}/rDxsHConfigVersion.cmake DESTINATION ${RDX_PACKAGE_DIR})
+              ${CMAKE_CURRENT_BINARY_DIR}/rDxsHConfigVersion.cmake DESTINATION ${RDX_PACKAGE_DIR}
+        COMPONENT development)
 
 # The pkg-config file finds the prefix from its own place, so that the tree can be moved.
 set(RDX_PKGCONFIG_DIR ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
 file(RELATIVE_PATH RDX_PREFIX_FROM_PKGCONFIG
      ${CMAKE_INSTALL_FULL_LIBDIR}/pkgconfig ${CMAKE_INSTALL_PREFIX})
 configure_file(cmake/rDxsH.pc.in rDxsH.pc @ONLY)
-install(FILES ${CMAKE_CURRENT_BINARY_DIR}/rDxsH.pc DESTINATION ${RDX_PKGCONFIG_DIR})
+install(FILES ${CMAKE_CURRENT_BINARY_DIR}/rDxsH.pc DESTINATION ${RDX_PKGCONFIG_DIR}
+        COMPONENT development)

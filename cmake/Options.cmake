@@ -19,12 +19,14 @@ endif()
 
 set(RDX_SANITIZE "" CACHE STRING "Sanitizers for -fsanitize=, such as address,undefined or thread")
 option(RDX_COVERAGE "Instrument for gcov" OFF)
+# Who only builds may have a compiler that warns of more than ours; the presets have warnings fail.
+option(RDX_WERROR "Let the compiler's warnings fail the build" OFF)
 
 add_library(rdx_options INTERFACE)
 target_include_directories(rdx_options INTERFACE ${PROJECT_SOURCE_DIR})
 target_compile_options(rdx_options INTERFACE
   -Wall -Wextra -Wpedantic -Wshadow -Wconversion -Wsign-conversion -Wcast-qual -Wcast-align
-  -Wformat=2 -Wundef -Wnon-virtual-dtor -Wold-style-cast -Wimplicit-fallthrough -Werror
+  -Wformat=2 -Wundef -Wnon-virtual-dtor -Wold-style-cast -Wimplicit-fallthrough $<$<BOOL:${RDX_WERROR}>:-Werror>
   # Reports name sources relative to the root, and the path of a checkout leaves no trace.
   -ffile-prefix-map=${PROJECT_SOURCE_DIR}/=
   -fstack-protector-strong)

@@ -32,10 +32,13 @@ std::int64_t MonotonicMs() {
     return std::int64_t{now.tv_sec} * 1000 + now.tv_nsec / 1'000'000;
 }
 
-bool HasFailed(int socket) {
-    pollfd state{socket, 0, 0};
-    return poll(&state, 1, 0) > 0 && (state.revents & (POLLERR | POLLHUP | POLLNVAL)) != 0;
+// Which of `wanted`, POLLERR, POLLHUP and POLLNVAL hold now.
+short EventsOf(int socket, short wanted) {
+    pollfd state{socket, wanted, 0};
+    return poll(&state, 1, 0) > 0 ? state.revents : short{0};
 }
+
+bool HasFailed(int socket) { return EventsOf(socket, 0) != 0; }
 
 constexpr int kPauseMs = 1; // between two looks at what is unacknowledged
 
@@ -62,9 +65,16 @@ void AwaitDeliveries(const fd_set& sockets) {
     }
 }
 
-bool PeerHasClosed(int socket) {
-    char next;
-    return recv(socket, &next, 1, MSG_PEEK | MSG_DONTWAIT) == 0;
+bool IsDelivered(int socket) { return UnacknowledgedBytes(socket) == 0; }
+
+Peer LookAtPeer(int socket) {
+    const short events = EventsOf(socket, POLLRDHUP);
+    if (events == 0) return Peer::kThere;
+    int unread = 0;
+    if (ioctl(socket, FIONREAD, &unread) == 0 && unread > 0) return Peer::kThere;
+    return (events & (POLLERR | POLLNVAL)) != 0 ? Peer::kFailed : Peer::kClosed;
 }
+
+bool HasPeerLeft(int socket) { return EventsOf(socket, POLLRDHUP) != 0; }
 
 } // namespace rdx

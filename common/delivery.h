@@ -1,4 +1,4 @@
-// Closing a connection without losing the answer.
+// Closing a connection without losing the answer, and learning that the peer has done so.
 #ifndef RDX_COMMON_DELIVERY_H
 #define RDX_COMMON_DELIVERY_H
 
@@ -18,8 +18,19 @@ void AwaitDelivery(int socket);
 // together; a terminating signal, which may be why the loop ends, does not cut that short.
 void AwaitDeliveries(const fd_set& sockets);
 
-// True when the peer has closed its side and left nothing to be read.
-bool PeerHasClosed(int socket);
+// True when the peer has acknowledged everything that was sent on a TCP socket; also for any other socket.
+bool IsDelivered(int socket);
+
+// What a look at a connection finds, which takes nothing from it and leaves its error where it is.
+enum class Peer {
+    kThere,  // it may still send, or something that it sent is unread
+    kClosed, // it has closed its side, and everything that it sent was read
+    kFailed  // the connection was reset, or failed otherwise, and everything was read
+};
+Peer LookAtPeer(int socket);
+
+// True when the peer has closed its side or the connection has failed, whatever is unread.
+bool HasPeerLeft(int socket);
 
 } // namespace rdx
 

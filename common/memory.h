@@ -28,6 +28,13 @@ Owned<T> AllocateZeroed() {
     return Owned<T>(static_cast<T*>(std::calloc(1, sizeof(T))));
 }
 
+// `count` zero-filled records in a row, or null when memory is short.
+template <typename T>
+Owned<T> AllocateZeroedArray(std::size_t count) {
+    static_assert(std::is_trivial_v<T>);
+    return Owned<T>(static_cast<T*>(std::calloc(count, sizeof(T))));
+}
+
 // `size` bytes whose contents are unspecified, or null when memory is short. A size of 0 gives one byte.
 OwnedText AllocateBytes(std::size_t size);
 

@@ -62,7 +62,7 @@ bool MakeUnique(std::span<char> unique) {
     std::uint64_t random = 0;
     if (getrandom(&random, sizeof random, 0) != sizeof random) return false;
     for (char& c : unique) {
-        c = kAlphabet[random % kAlphabet.size()];
+        c = kAlphabet[static_cast<std::size_t>(random % kAlphabet.size())];
         random /= kAlphabet.size();
     }
     return true;

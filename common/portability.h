@@ -77,7 +77,7 @@ RDX_API unsigned int SecondsBetween(const char* szEvent, const char* szLater);
 /*
  * The day's number in the year, from 1. A month that is not one of "Jan" to "Dec", case ignored, or is null
  * counts as the end of the year. Once it has been asked about a leap year, February has 29 days in every
- * later call of the process (kept).
+ * later call of the process: dates of other years are a day later then, as callers have always seen them.
  */
 RDX_API int DayOfYear(int year, const char* month, int day);
 

@@ -10,20 +10,25 @@ constexpr std::uint64_t kDecimalCeiling = std::uint64_t{1} << 32; // above every
 
 struct Decimal {
     bool negative;
-    std::uint64_t magnitude; // at most 2^32 - 1
+    std::uint64_t magnitude; // at most kDecimalCeiling
 };
+
+// The number that the digits at the front make, at most kDecimalCeiling.
+std::uint64_t ReadDigits(std::string_view text) {
+    std::uint64_t magnitude = 0;
+    for (const char c : text) {
+        if (c < '0' || c > '9') break;
+        magnitude = std::min(magnitude * 10 + static_cast<std::uint64_t>(c - '0'), kDecimalCeiling);
+    }
+    return magnitude;
+}
 
 Decimal ReadDecimal(std::string_view text) {
     Reader reader(text);
     reader.Skip(kWhiteSpace);
     const bool negative = reader.Take("-");
     if (!negative) reader.Take("+");
-    std::uint64_t magnitude = 0;
-    for (const char c : reader.Rest()) {
-        if (c < '0' || c > '9') break;
-        magnitude = std::min(magnitude * 10 + static_cast<std::uint64_t>(c - '0'), kDecimalCeiling);
-    }
-    return {negative, magnitude};
+    return {negative, ReadDigits(reader.Rest())};
 }
 
 } // namespace
@@ -44,6 +49,11 @@ std::int32_t ParseDecimal(std::string_view text) {
     const std::int64_t number = decimal.negative ? -magnitude : magnitude;
     return static_cast<std::int32_t>(std::clamp<std::int64_t>(
         number, std::numeric_limits<std::int32_t>::min(), std::numeric_limits<std::int32_t>::max()));
+}
+
+std::int32_t ParseLeadingDigits(std::string_view text) {
+    constexpr std::uint64_t kMost = std::numeric_limits<std::int32_t>::max();
+    return static_cast<std::int32_t>(std::min(ReadDigits(text), kMost));
 }
 
 std::uint32_t ParseUnsignedDecimal(std::string_view text) {

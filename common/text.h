@@ -28,7 +28,11 @@ constexpr std::string_view kWhiteSpace = " \t\n\v\f\r";
 // digits read as 0. Saturates at the 32-bit limits, as a 32-bit device's conversions do.
 std::int32_t ParseDecimal(std::string_view text);
 
-// The same for an unsigned number. A minus sign negates modulo 2^32, as strtoul does.
+// The number that the digits at the front of `text` make, 0 without any: no white space and no sign.
+// Saturates as well.
+std::int32_t ParseLeadingDigits(std::string_view text);
+
+// The same as ParseDecimal for an unsigned number. A minus sign negates modulo 2^32, as strtoul does.
 std::uint32_t ParseUnsignedDecimal(std::string_view text);
 
 // The part of `text` before its first NUL: what a C function would see of it.

@@ -63,8 +63,9 @@ constexpr std::array<PassedSignal, 7> kPassedSignals = {{
     {SIGSYS, SIGSYS},
 }};
 
-// `signals` and SIGCHLD blocked with their default action: a signal that a parent process has set to be
-// ignored would never wait to be received.
+// Blocks the signals that are passed on, and SIGCHLD, and gives them their default action: one that a parent
+// process has set to be ignored would never wait to be received. `before` receives the mask as it was.
+// Returns the blocked ones.
 sigset_t HoldSignals(sigset_t* before) {
     sigset_t held;
     sigemptyset(&held);

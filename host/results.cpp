@@ -1,5 +1,6 @@
 #include "host/results.h"
 
+#include "common/config.h"
 #include "server/rdxhttp.h"
 
 #include <algorithm>
@@ -8,8 +9,6 @@
 #include <string_view>
 
 namespace {
-
-constexpr const char* kDefaultConfigurationPath = "/etc/tnd.ini";
 
 // What a cause is about; its name follows the cause's words.
 enum class Subject { kNone, kFile, kPort };
@@ -60,7 +59,7 @@ const char* NameOf(Subject subject, const char* path, const char* port) {
 namespace rdx {
 
 const char* ConfigurationPath(int argc, char** argv) {
-    const char* path = kDefaultConfigurationPath;
+    const char* path = CONFIG_DEFAULT_PATH;
     for (int i = 1; i + 1 < argc; i += 2)
         if (std::string_view(argv[i]) == "-c") path = argv[i + 1];
     return path;

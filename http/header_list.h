@@ -21,8 +21,8 @@ inline std::string_view Line(const char* p, const char* q) {
 
 using NameTable = std::span<const char* const>;
 
-// The result of the classifier whose names are `names`; see IsGeneralHeader.
-int ClassifyHeader(const char* p, const char* q, char** ppcolon, NameTable names);
+// The result of the classifier `function`, by its signature, whose names are `names`; see IsGeneralHeader.
+int ClassifyHeader(const char* function, const char* p, const char* q, char** ppcolon, NameTable names);
 
 // One list of a message, and the classifier that selects lines for it.
 struct HeaderList {

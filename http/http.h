@@ -33,6 +33,48 @@ enum {
     HTTP_MAX_ENTITY_HEADERS = 16
 };
 
+/* Statuses. A function that fails as HTTP does returns one with a minus sign, such as
+ * -HTTP_STATUS_BAD_REQUEST. */
+enum {
+    HTTP_STATUS_OK = 200,
+    HTTP_STATUS_BAD_REQUEST = 400,
+    HTTP_STATUS_UNAUTHORIZED = 401,
+    HTTP_STATUS_NOT_FOUND = 404,
+    HTTP_STATUS_METHOD_NOT_ALLOWED = 405,
+    HTTP_STATUS_INTERNAL_ERROR = 500,
+    HTTP_STATUS_NOT_IMPLEMENTED = 501,
+    HTTP_STATUS_OUT_OF_RESOURCES = 503,
+    HTTP_STATUS_VERSION_NOT_SUPPORTED = 505
+};
+
+/* Results of the classifiers of header lines. */
+enum {
+    HTTP_HEADER_KNOWN = 1,     /* the name, case ignored, is an entry of the table or the beginning of one */
+    HTTP_HEADER_OTHER = 0,     /* it is not */
+    HTTP_HEADER_MALFORMED = -6 /* there is no colon, or a name of less than 2 characters before it */
+};
+
+/* Results of AssignHeaderData. */
+enum {
+    HTTP_HEADER_STORED = 1,
+    HTTP_HEADER_LIST_FULL = -6, /* nothing stored */
+    HTTP_HEADER_NO_MEMORY = -1  /* the name is null, or set with a null value; FreeHeaders accepts both */
+};
+
+/* Results of AllocHeader. */
+enum {
+    HTTP_ALLOC_DONE = 0,
+    HTTP_ALLOC_NO_NAME = -1, /* no memory for the name, which is null then; the value is untouched */
+    HTTP_ALLOC_NO_VALUE = -2 /* no memory for the value, which is null then; the name stays stored */
+};
+
+/* Results of the bounded appenders. */
+enum {
+    HTTP_APPENDED = 0,
+    HTTP_APPEND_NO_ROOM = -2,   /* it does not fit, or is null though it has a length; nothing written */
+    HTTP_APPEND_EMPTY_TEXT = -9 /* the text is empty, or null; nothing written */
+};
+
 /* Limits of a received message, in bytes. */
 enum {
     HTTP_LINE_SIZE = 512,   /* buffer of one line, with its NUL: a line has at most 511 characters */
@@ -53,14 +95,12 @@ extern RDX_API const int g_cnEntityHeaders;
 
 /*
  * Tells whether the line from `p` to `q` is a general header. Only the line's name length is compared, so the
- * leading part of a name stands for it: "Con: x" is a general header (kept: clients abbreviate).
+ * leading part of a name stands for it: "Con: x" is a general header, because clients abbreviate.
  *
- *   ppcolon  out: the position of the first colon; untouched when there is none
+ *   ppcolon  out: the position of the first colon, also before a name that is too short; untouched when there
+ *            is none
  *
- * Returns  1   the name, case ignored, is an entry of the table or the beginning of one
- *          0   it is not
- *         -6   the line is malformed: it has no colon, or a name of less than 2 characters (then *ppcolon is
- *              set all the same)
+ * Returns HTTP_HEADER_KNOWN, HTTP_HEADER_OTHER or HTTP_HEADER_MALFORMED.
  */
 RDX_API int IsGeneralHeader(const char* p, const char* q, char** ppcolon);
 
@@ -74,14 +114,12 @@ RDX_API int IsEntityHeader(const char* p, const char* q, char** ppcolon);
  * value is stored as an empty text.
  *
  *   p, q      the line; not null
- *   pcolon    a colon inside the line; not null
- *   aHeaders  out: the list; not null. The entry's former pointers are overwritten, not freed.
- *   index     the entry to fill
- *   capacity  how many entries the list has
+ *   pcolon    a colon inside the line; not null. One in front of `p`, or one at or behind `q`, is an
+ * assertion aHeaders  out: the list; not null. The entry's former pointers are overwritten, not freed. index
+ * the entry to fill capacity  how many entries the list has
  *
- * Returns  1   stored
- *         -6   `index` is not below `capacity`; nothing stored
- *         -1   no memory. The entry's name is null, or set with a null value; FreeHeaders accepts both.
+ * Returns HTTP_HEADER_STORED, HTTP_HEADER_LIST_FULL when `index` is not below `capacity`, or
+ * HTTP_HEADER_NO_MEMORY.
  * Null pointers and a `pcolon` that is no colon are assertions.
  */
 RDX_API int AssignHeaderData(const char* p, char* pcolon, const char* q, HttpHeader* aHeaders,
@@ -93,9 +131,7 @@ RDX_API int AssignHeaderData(const char* p, char* pcolon, const char* q, HttpHea
  *   pHeader      out: the header; not null. Its former pointers are overwritten, not freed.
  *   name, value  not null, not empty
  *
- * Returns  0   stored
- *         -1   no memory for the name, which is null then; the value is untouched
- *         -2   no memory for the value, which is null then; the name stays stored
+ * Returns HTTP_ALLOC_DONE, HTTP_ALLOC_NO_NAME or HTTP_ALLOC_NO_VALUE.
  * Null pointers and empty texts are assertions.
  */
 RDX_API int AllocHeader(HttpHeader* pHeader, const char* name, const char* value);
@@ -114,9 +150,7 @@ RDX_API void FreeHeaders(HttpHeader* aHeaders, int count);
  *   pLast     the last byte of the buffer
  *   text      the text
  *
- * Returns  0   appended
- *         -9   the text is empty, or null; nothing written
- *         -2   it does not fit; nothing written
+ * Returns HTTP_APPENDED, HTTP_APPEND_EMPTY_TEXT or HTTP_APPEND_NO_ROOM.
  */
 RDX_API int AssertedStrCopy(char** ppCursor, const char* pLast, const char* text);
 
@@ -128,8 +162,7 @@ RDX_API int AssertedStrCopy(char** ppCursor, const char* pLast, const char* text
  *   data      the bytes; may be null when `n` is 0
  *   n         how many
  *
- * Returns  0   appended
- *         -2   they do not fit, or `data` is null although `n` is not 0; nothing written
+ * Returns HTTP_APPENDED or HTTP_APPEND_NO_ROOM.
  */
 RDX_API int AssertedMemCopy(char** ppCursor, const char* pLast, const void* data, unsigned int n);
 

@@ -4,7 +4,7 @@
  * Ownership: a request is created zero-filled. FreeHttpRequest frees what it owns; whoever created the record
  *   then frees the record itself (one made by ConsumeHttpRequest comes from calloc).
  * Lines: as in http.h, the range from `p` up to and without `q`.
- * Codes: a negative HTTP status where one is meant, small negative numbers elsewhere.
+ * Codes: an HTTP status of http.h with a minus sign where one is meant, small negative numbers elsewhere.
  * Traces: reading prints progress lines, each beginning with a line feed, on standard output.
  * Threads: a request belongs to one thread at a time. The settings that are read here may be rewritten
  *   meanwhile.
@@ -42,6 +42,39 @@ enum {
     HTTP_SEND_BUFFER_SIZE = 132096 /* a request written out to be sent (129 KiB) */
 };
 
+/* Results of reading, searching, writing and sending a request. */
+enum {
+    HTTPREQ_DONE = 0,
+    HTTPREQ_NOT_RECEIVED = -1, /* the socket's receive failed */
+    HTTPREQ_NO_METHOD = -1,    /* a method that nobody knows */
+    HTTPREQ_REFUSED = -1,      /* credentials are missing or wrong */
+    HTTPREQ_NOT_ADDED = -1,    /* a header's name is in no table, or memory is short */
+    HTTPREQ_BAD_ESCAPE = -1,   /* an empty text, or an escape that is not known */
+    HTTPREQ_NO_RECORD = -1,    /* no request to write */
+    HTTPREQ_NO_BUFFER = -2,    /* no buffer, no room in it, or a length but no body */
+    HTTPREQ_EMPTY_TEXT = -9,   /* an empty text: URI, header name or header value */
+    HTTPREQ_NO_MEMORY = -1,    /* to send with */
+    HTTPREQ_NOT_WRITTEN = -3, /* could not be written out: no method or version for it, a text, or its size */
+    HTTPREQ_NOT_SENT = -4,    /* could not be sent whole */
+    HTTPREQ_NO_ANSWER = -6    /* the answer could not be read */
+};
+
+/* Results of GetQueryStringValue. */
+enum {
+    HTTPQUERY_FOUND = 0,
+    HTTPQUERY_NAME_TOO_LONG = -1,
+    HTTPQUERY_NOT_FOUND = -2,
+    HTTPQUERY_EMPTY = -3,  /* the value is empty */
+    HTTPQUERY_NO_ROOM = -4 /* the value and its NUL do not fit */
+};
+
+/* Results of ReadMultipartData that are no lengths. */
+enum {
+    HTTPPART_NO_LINE_END = -1,   /* none behind the offset */
+    HTTPPART_NO_EMPTY_LINE = -2, /* none behind that */
+    HTTPPART_NO_BOUNDARY = -3    /* none behind that */
+};
+
 typedef struct HttpRequest {
     unsigned char ucMethod;                 /* HTTP_GET to HTTP_CONNECT */
     unsigned char ucHttpVersion;            /* 10 for HTTP/1.0, 11 for HTTP/1.1 */
@@ -68,20 +101,19 @@ typedef struct HttpRequest {
  * Reads a whole request from a connected socket: request line, headers, body, credentials, peer.
  *
  * A connection that closes, or a line that is empty, before anything else arrives is accepted too: the
- * request then has a null `pszUri` and no headers (kept: the callers look at it).
+ * request then has a null `pszUri` and no headers, by which callers tell such a one.
  *
  *   sock       the socket
  *   ppRequest  out: the new request, which the caller owns; null on every failure
  *
- * Returns  200  read and accepted
- *           -1  the socket's receive failed
- *         -400  malformed or too long line, no header at all, body length 0 or above a limit, short body,
- *               multipart without POST or without boundary
- *         -401  credentials are required, and missing or wrong
- *         -405  method unknown or not allowed
- *         -500  no memory, or a header of no known class
- *         -501  the protocol is not HTTP
- *         -505  the version is neither 1.0 nor 1.1
+ * Returns HTTP_STATUS_OK when it was read and accepted, or
+ *   HTTPREQ_NOT_RECEIVED
+ *   -HTTP_STATUS_BAD_REQUEST            malformed or too long line, no header at all, body length 0 or above
+ * a limit, short body, multipart without POST or without boundary -HTTP_STATUS_UNAUTHORIZED credentials are
+ * required, and missing or wrong -HTTP_STATUS_METHOD_NOT_ALLOWED     method unknown or not allowed
+ *   -HTTP_STATUS_INTERNAL_ERROR         no memory, or a header of no known class
+ *   -HTTP_STATUS_NOT_IMPLEMENTED        the protocol is not HTTP
+ *   -HTTP_STATUS_VERSION_NOT_SUPPORTED  the version is neither 1.0 nor 1.1
  * A null `ppRequest` is an assertion. So are a header line without any colon and, on a failure, a header
  * list that has overflowed.
  */
@@ -93,8 +125,8 @@ RDX_API int ConsumeHttpRequest(int sock, HttpRequest** ppRequest);
  *   sock  the socket
  *   pReq  in/out: a zero-filled request; on failure it holds what was read so far
  *
- * Returns 0, also when the first line is empty (nothing is stored then), or -1, -400, -405, -500, -501, -505
- * as ConsumeHttpRequest does.
+ * Returns HTTPREQ_DONE, also when the first line is empty (nothing is stored then), or a failure as
+ * ConsumeHttpRequest does. The Content-length is leading digits; anything else reads as 0.
  *
  * Any result but 0 of a classifier selects its list, also that of a malformed line: a name of one character
  * makes a general header, and a line without a colon ends the process by the assertion of AssignHeaderData. A
@@ -105,22 +137,21 @@ RDX_API int ReadHttpReqHeaders(int sock, HttpRequest* pReq);
 /*
  * Reads the body of `uiBodyLength` bytes into `pEntityBody`, without a NUL.
  *
- * Returns    0  read, or there is none to read
- *         -400  the length is above g_dwPostMaxContLength, g_dwPostMaxSizeToRead or 2^31 - 1, or the body
- *               ended early (what arrived stays in the request)
- *         -500  no memory
+ * Returns HTTPREQ_DONE when it was read, or there is none to read; -HTTP_STATUS_BAD_REQUEST when the length
+ * is above g_dwPostMaxContLength, g_dwPostMaxSizeToRead or 2^31 - 1, or the body ended early (what arrived
+ * stays in the request); -HTTP_STATUS_INTERNAL_ERROR without memory.
  */
 RDX_API int ReadPostData(int sock, HttpRequest* pReq);
 
 /*
  * Parses the request line from `p` to `q` into method, URI, version and the version's keep-alive.
  *
- * Returns    0  parsed
- *         -400  a word is missing, or has HTTP_WORD_SIZE characters or more
- *         -405  the method is unknown or not allowed
- *         -500  no memory for the URI
- *         -501  the protocol is not HTTP
- *         -505  the rest of the line is neither 1.0 nor 1.1
+ * Returns HTTPREQ_DONE, or
+ *   -HTTP_STATUS_BAD_REQUEST            a word is missing, or has HTTP_WORD_SIZE characters or more
+ *   -HTTP_STATUS_METHOD_NOT_ALLOWED     the method is unknown or not allowed
+ *   -HTTP_STATUS_INTERNAL_ERROR         no memory for the URI
+ *   -HTTP_STATUS_NOT_IMPLEMENTED        the protocol is not HTTP
+ *   -HTTP_STATUS_VERSION_NOT_SUPPORTED  the rest of the line is neither 1.0 nor 1.1
  * On failure the request holds what was parsed before.
  */
 RDX_API int ParseHttpMethodLine(const char* p, const char* q, HttpRequest* pReq);
@@ -131,7 +162,7 @@ RDX_API int ParseHttpMethodLine(const char* p, const char* q, HttpRequest* pReq)
  *   pszMethod  the method's name, or null, which is no method's
  *   piIndex    out: its index, or -1
  *
- * Returns the method's entry in the allow table (1 and more: allowed), or -1 for an unknown method.
+ * Returns the method's entry in the allow table (1 and more: allowed), or HTTPREQ_NO_METHOD.
  */
 RDX_API int IsMethodAllowed(const char* pszMethod, int* piIndex);
 
@@ -141,7 +172,7 @@ RDX_API int IsRequestHeader(const char* p, const char* q, char** ppcolon);
 /*
  * Checks the request's credentials if the settings demand it. `sock` is not used.
  *
- * Returns 0 to let the request pass, -1 to refuse it.
+ * Returns HTTPREQ_DONE to let the request pass, or HTTPREQ_REFUSED.
  */
 RDX_API int CheckAuth(int sock, HttpRequest* pReq);
 
@@ -169,25 +200,20 @@ RDX_API int IsHeaderAvailable(HttpRequest* pReq, const char* pszHeader);
 /*
  * Appends a copy of a header to the list that its whole name, case ignored, belongs to.
  *
- * Returns  0  appended
- *         -1  the name is in no table, or no memory; the request is unchanged
+ * Returns HTTPREQ_DONE, or HTTPREQ_NOT_ADDED with the request unchanged.
  * A null name or value and a full list are assertions.
  */
 RDX_API int AddHeader2Request(HttpRequest* pReq, HttpHeader* pHeader);
 
 /*
  * Copies the value of a query parameter, not decoded. The name is searched with its "=" anywhere in the URI,
- * case kept: "name" is also found in "xname=" (kept: clients rely on it).
+ * case kept: "name" is also found in "xname=", which clients rely on.
  *
  *   szName    the parameter's name, at most 126 characters
  *   szBuf     out: the value and its NUL; untouched on failure
  *   uiBufsiz  size of `szBuf`, with the NUL
  *
- * Returns  0  copied
- *         -1  the name is too long
- *         -2  it is not in the URI
- *         -3  the value is empty
- *         -4  the value and its NUL do not fit
+ * Returns HTTPQUERY_FOUND or another result HTTPQUERY_.
  * Null pointers, a null `pszUri` and a size of 0 are assertions.
  */
 RDX_API int GetQueryStringValue(HttpRequest* pstRequest, const char* szName, char* szBuf,
@@ -197,8 +223,7 @@ RDX_API int GetQueryStringValue(HttpRequest* pstRequest, const char* szName, cha
  * Decodes the escapes %20, %25, %3A and %5C (upper case only) in place. A decoded '%' begins an escape again:
  * "%2520" becomes a blank. Never reads or writes behind the NUL.
  *
- * Returns  0  decoded
- *         -1  the text is empty, or has another escape; it is then decoded up to there
+ * Returns HTTPREQ_DONE, or HTTPREQ_BAD_ESCAPE; the text is then decoded up to there.
  * A null text is an assertion.
  */
 RDX_API int DecodeUrlString(char* szUrlString);
@@ -212,10 +237,7 @@ RDX_API int DecodeUrlString(char* szUrlString);
  *   pBuf      out: a NUL-terminated copy, which the caller owns; null when the data is empty; untouched on
  *             failure
  *
- * Returns the data's length, 0 and more, or
- *         -1  no line end behind the offset
- *         -2  no empty line behind that
- *         -3  no boundary behind that
+ * Returns the data's length, 0 and more, or a result HTTPPART_.
  * An offset outside its range, a null `pBuf`, a request without boundary, and no memory are assertions.
  */
 RDX_API int ReadMultipartData(HttpRequest* pReq, unsigned int uiOffset, char** pBuf);
@@ -228,19 +250,17 @@ RDX_API void FreeHttpRequest(HttpRequest* pRequest);
 
 /*
  * Writes a request into a buffer, as it is sent or as an HTML page that shows it. A POST is sent without a
- * blank behind its method (kept). The body stands in the page as it is, unescaped.
+ * blank behind its method: the servers that this client calls compare the line so. The body stands in the
+ * page as it is, unescaped.
  *
  *   pRequest   the request, with GET or POST as its method
  *   pBuf       out: the text, without a NUL behind a body
  *   uiBufSize  its size in bytes; one byte stays spare, so that at most `uiBufSize` - 2 bytes are written
  *   ucHtml     0: as it is sent; not 0: as a page
  *
- * Returns the number of bytes written, or
- *           -1  no request
- *           -2  no buffer, no room in it, or a length but no body
- *           -9  an empty text: URI, header name or header value
- *         -501  a method other than GET and POST
- *         -505  a version other than 10 and 11
+ * Returns the number of bytes written, or HTTPREQ_NO_RECORD, HTTPREQ_NO_BUFFER, HTTPREQ_EMPTY_TEXT,
+ * -HTTP_STATUS_NOT_IMPLEMENTED for a method other than GET and POST, -HTTP_STATUS_VERSION_NOT_SUPPORTED for a
+ * version other than 10 and 11.
  * Of several causes the one that is met first while writing counts.
  */
 RDX_API int SerializeHttpRequest(HttpRequest* pRequest, char* pBuf, unsigned int uiBufSize,
@@ -253,11 +273,8 @@ RDX_API int SerializeHttpRequest(HttpRequest* pRequest, char* pBuf, unsigned int
  *   pRequest    the request
  *   ppResponse  out: the answer, which the caller owns; null on failure
  *
- * Returns  0  answered, with whatever status
- *         -1  no memory
- *         -3  the request could not be written out: no method or version for it, an empty text, or too long
- *         -4  it could not be sent whole
- *         -6  the answer could not be read
+ * Returns HTTPREQ_DONE when it was answered, with whatever status, or HTTPREQ_NO_MEMORY, HTTPREQ_NOT_WRITTEN,
+ * HTTPREQ_NOT_SENT or HTTPREQ_NO_ANSWER.
  * Null pointers are assertions.
  */
 RDX_API int SendHttpRequest(int sock, HttpRequest* pRequest, HttpResponse** ppResponse);

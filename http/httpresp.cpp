@@ -2,13 +2,16 @@
 
 #include "common/check.h"
 #include "common/config.h"
+#include "common/entity_terminator.h"
 #include "common/memory.h"
 #include "common/portability_sockets.h"
 #include "common/shared.h"
 #include "common/text.h"
+#include "http/header_lines.h"
 #include "http/header_list.h"
 #include "http/message_writer.h"
 #include "http/socket_line.h"
+#include "http/versions.h"
 
 #include <algorithm>
 #include <array>
@@ -19,23 +22,6 @@
 
 namespace {
 
-// Results of creating and writing.
-constexpr int kNoMemory = -1;
-constexpr int kNoResponse = -1;
-constexpr int kNoBuffer = -2;
-constexpr int kNoContentType = -3;
-constexpr int kBadStatus = -7;
-constexpr int kBadVersion = -8;
-
-// Results of reading.
-constexpr int kNotHttp = -10;
-constexpr int kNothingBehindVersion = -11;
-constexpr int kNoReason = -13;
-constexpr int kUnknownVersion = -90;
-constexpr int kUnusable = -98; // headers or body
-constexpr int kUnreadable = -400;
-constexpr int kNoMemoryForBody = -500;
-
 // Clients that are in the field compare it; it never was the time of day.
 constexpr const char* kFixedDate = "Tue, 30 April 2002 12:08:00 GMT";
 
@@ -43,24 +29,16 @@ struct Reason {
     int status;
     const char* phrase;
 };
-constexpr Reason kReasons[] = {{200, "OK"},
-                               {400, "Bad Request"},
-                               {401, "Unauthorized"},
-                               {404, "Not found"},
-                               {500, "Internal Server Error"}};
+constexpr Reason kReasons[] = {{HTTP_STATUS_OK, "OK"},
+                               {HTTP_STATUS_BAD_REQUEST, "Bad Request"},
+                               {HTTP_STATUS_UNAUTHORIZED, "Unauthorized"},
+                               {HTTP_STATUS_NOT_FOUND, "Not found"},
+                               {HTTP_STATUS_INTERNAL_ERROR, "Internal Server Error"}};
 
 const char* ReasonOf(int status) {
     const auto* const reason = std::ranges::find(kReasons, status, &Reason::status);
     return reason != std::end(kReasons) ? reason->phrase : "Not implemented";
 }
-
-// The versions, as they are read behind "HTTP/" and written there with a blank.
-struct Version {
-    std::string_view name;
-    const char* written;
-    unsigned char number;
-};
-constexpr Version kVersions[] = {{"1.0", "1.0 ", 10}, {"1.1", "1.1 ", 11}};
 
 bool IsStatus(int status) { return status >= HTTP_MIN_STATUS && status <= HTTP_MAX_STATUS; }
 
@@ -79,19 +57,21 @@ void ReleaseContents(HttpResponse& response) {
     response.uiBodyLength = 0;
 }
 
-// A response under construction: whoever gives up on it frees contents and record.
-struct ResponseDelete {
+// Whoever gives up on a response under construction frees contents and record, without a look at the counts.
+struct DeleteUnfinished {
     void operator()(HttpResponse* response) const {
         ReleaseContents(*response);
         std::free(response);
     }
 };
-using OwnedResponse = std::unique_ptr<HttpResponse, ResponseDelete>;
+using UnfinishedResponse = std::unique_ptr<HttpResponse, DeleteUnfinished>;
 
-OwnedResponse MakeResponse() { return OwnedResponse(rdx::AllocateZeroed<HttpResponse>().release()); }
+UnfinishedResponse MakeResponse() {
+    return UnfinishedResponse(rdx::AllocateZeroed<HttpResponse>().release());
+}
 
 bool Add(HttpHeader* headers, unsigned char& count, const char* name, const char* value) {
-    return AllocHeader(&headers[count++], name, value) == 0;
+    return AllocHeader(&headers[count++], name, value) == HTTP_ALLOC_DONE;
 }
 
 // Clients rely on which list holds which header, also where the tables sort them otherwise.
@@ -108,14 +88,16 @@ bool AddChallenge(HttpResponse& response) {
     const std::size_t l1 = kScheme.size();
     const std::size_t l2 = realm.View().size();
     char value[64];
-    RDX_CHECK(l1 + l2 + 1 <= sizeof value, "(l1 + l2 + 1) <= (63 + 1)");
+    RDX_CHECK_FOR(
+        "int CreateHttpResponse(HttpResponse**, short unsigned int, const char*, const char*, unsigned int)",
+        l1 + l2 + 1 <= sizeof value, "(l1 + l2 + 1) <= (63 + 1)");
     rdx::Appender(value).Add(kScheme).Add(realm.View()).Add("\"");
     return Add(response.aResponseHeaders, response.ucNumOfResponseHeaders, "WWW-Authenticate", value);
 }
 
 bool AddResponseHeaders(HttpResponse& response) {
     return Add(response.aResponseHeaders, response.ucNumOfResponseHeaders, "Server", "Halvor Dx httpd/0.1") &&
-           (response.usStatusCode != 401 || AddChallenge(response));
+           (response.usStatusCode != HTTP_STATUS_UNAUTHORIZED || AddChallenge(response));
 }
 
 bool AddEntityHeaders(HttpResponse& response, const char* contentType, unsigned int length) {
@@ -147,39 +129,31 @@ void WriteHeaders(rdx::MessageWriter& writer, HttpResponse& response) {
 
 // Not counted in Content-length, and sent without a body too: the peer waits for it.
 void WriteTerminator(rdx::MessageWriter& writer) {
-    if (rdx::LoadShared(ucEntityTerminator) == 0) return;
-    const rdx::SharedText terminator(szEntityTerminator);
-    writer.Bytes(terminator.c_str(), static_cast<unsigned int>(terminator.View().size()));
+    const rdx::EntityTerminator terminator = rdx::LoadEntityTerminator();
+    if (!terminator.used) return;
+    writer.Bytes(terminator.text.c_str(), static_cast<unsigned int>(terminator.View().size()));
 }
 
-// 0, or -400 for a length of 0.
+// 0, or a bad request for a length of 0.
 int ApplyHeader(HttpResponse& response, const HttpHeader& header) {
     if (!rdx::EqualsIgnoringCase(header.name, "Content-length")) return 0;
-    response.uiBodyLength = static_cast<unsigned int>(rdx::ParseDecimal(header.value));
-    return response.uiBodyLength != 0 ? 0 : kUnreadable;
+    response.uiBodyLength = static_cast<unsigned int>(rdx::ParseLeadingDigits(header.value));
+    return response.uiBodyLength != 0 ? 0 : -HTTP_STATUS_BAD_REQUEST;
 }
 
-int ReadHeaderLines(int sock, rdx::SocketLine& line, HttpResponse& response) {
-    const auto lists = ListsOf(response);
-    for (bool any = false;; any = true) {
-        const int length = line.Read(sock);
-        if (length < 0) return kUnreadable;
-        if (length == 0) return any ? 0 : kUnusable;
-        const rdx::StoredLine stored = rdx::StoreHeaderLine(line.Text(), lists);
-        if (!stored.known) return kUnusable;
-        const int result = stored.header != nullptr ? ApplyHeader(response, *stored.header) : 0;
-        if (result != 0) return result;
-    }
-}
+constexpr rdx::HeaderFailures kHeaderFailures = {.notReceived = -HTTP_STATUS_BAD_REQUEST,
+                                                 .badLine = -HTTP_STATUS_BAD_REQUEST,
+                                                 .none = HTTPRESP_UNUSABLE,
+                                                 .unknown = HTTPRESP_UNUSABLE};
 
 int ReadBody(int sock, HttpResponse& response) {
     const unsigned int length = response.uiBodyLength;
-    if (length == 0) return 0;
-    if (length > INT_MAX) return kNoMemoryForBody;
+    if (length == 0) return HTTPRESP_DONE;
+    if (length > INT_MAX) return -HTTP_STATUS_INTERNAL_ERROR;
     response.pEntityBody = rdx::AllocateBytes(length).release();
-    if (response.pEntityBody == nullptr) return kNoMemoryForBody;
+    if (response.pEntityBody == nullptr) return -HTTP_STATUS_INTERNAL_ERROR;
     const int wanted = static_cast<int>(length);
-    return RecvSocket(sock, response.pEntityBody, wanted, 0) == wanted ? 0 : kUnusable;
+    return RecvSocket(sock, response.pEntityBody, wanted, 0) == wanted ? HTTPRESP_DONE : HTTPRESP_UNUSABLE;
 }
 
 unsigned int LowBits(const void* address) {
@@ -190,32 +164,34 @@ unsigned int LowBits(const void* address) {
 
 int CreateHttpResponse(HttpResponse** ppResponse, unsigned short usStatus, const char* pszContentType,
                        const char* pBody, unsigned int uiBodyLength) {
-    if (ppResponse == nullptr) return kNoResponse;
+    if (ppResponse == nullptr) return HTTPRESP_NO_RECORD;
     *ppResponse = nullptr;
-    if (!IsStatus(usStatus)) return kBadStatus;
-    if (pszContentType == nullptr || *pszContentType == '\0') return kNoContentType;
-    OwnedResponse response = MakeResponse();
-    if (!response) return kNoMemory;
+    if (!IsStatus(usStatus)) return HTTPRESP_BAD_STATUS;
+    if (pszContentType == nullptr || *pszContentType == '\0') return HTTPRESP_NO_CONTENT_TYPE;
+    UnfinishedResponse response = MakeResponse();
+    if (!response) return HTTPRESP_NO_MEMORY;
     response->ucHttpVersion = 11;
     response->usStatusCode = usStatus;
     response->pszReason = rdx::CopyText(ReasonOf(usStatus)).release();
     if (response->pszReason == nullptr || !AddGeneralHeaders(*response) || !AddResponseHeaders(*response) ||
         !AddEntityHeaders(*response, pszContentType, uiBodyLength) ||
         !CopyBody(*response, pBody, uiBodyLength)) {
-        return kNoMemory;
+        return HTTPRESP_NO_MEMORY;
     }
     *ppResponse = response.release();
-    return 0;
+    return HTTPRESP_DONE;
 }
 
 int SerializeHttpResponse(HttpResponse* pResponse, char* pBuf, unsigned int uiBufSize) {
-    if (pResponse == nullptr) return kNoResponse;
-    if (pBuf == nullptr || uiBufSize == 0) return kNoBuffer;
-    const auto* const version = std::ranges::find(kVersions, pResponse->ucHttpVersion, &Version::number);
+    if (pResponse == nullptr) return HTTPRESP_NO_RECORD;
+    if (pBuf == nullptr || uiBufSize == 0) return HTTPRESP_NO_BUFFER;
     rdx::MessageWriter writer(pBuf, uiBufSize);
     writer.Text("HTTP/");
-    if (version == std::end(kVersions)) return writer.Result() < 0 ? writer.Result() : kBadVersion;
-    writer.Text(version->written);
+    if (const rdx::HttpVersion* const version = rdx::FindHttpVersion(pResponse->ucHttpVersion)) {
+        writer.Text(version->name).Text(" ");
+    } else {
+        writer.Fail(HTTPRESP_BAD_VERSION);
+    }
     char status[16];
     rdx::Appender(status).AddDecimal(pResponse->usStatusCode);
     writer.Text(status).Text(" ").Text(pResponse->pszReason).Text("\r\n");
@@ -228,20 +204,22 @@ int SerializeHttpResponse(HttpResponse* pResponse, char* pBuf, unsigned int uiBu
 int ConsumeHttpResponse(int sock, HttpResponse** ppResponse) {
     RDX_CHECK(ppResponse != nullptr, "ppResponse != __null");
     *ppResponse = nullptr;
-    OwnedResponse response = MakeResponse();
-    if (!response) return kNoMemory;
+    UnfinishedResponse response = MakeResponse();
+    if (!response) return HTTPRESP_NO_MEMORY;
     if (const int result = ReadHttpRespHeaders(sock, response.get()); result != 0) return result;
     if (const int result = ReadBody(sock, *response); result != 0) return result;
     *ppResponse = response.release();
-    return 0;
+    return HTTPRESP_DONE;
 }
 
 int ReadHttpRespHeaders(int sock, HttpResponse* pResponse) {
     rdx::SocketLine line;
-    if (line.Read(sock) <= 0) return kUnreadable;
+    if (line.Read(sock) <= 0) return -HTTP_STATUS_BAD_REQUEST;
     rdx::CopyBounded(pResponse->pszSeparator, line.LineEnd());
     const int result = ParseHttpStatusLine(line.begin(), line.end(), pResponse);
-    return result != 0 ? result : ReadHeaderLines(sock, line, *pResponse);
+    if (result != HTTPRESP_DONE) return result;
+    return rdx::ReadHeaderLines(sock, line, ListsOf(*pResponse), kHeaderFailures,
+                                [=](const HttpHeader& header) { return ApplyHeader(*pResponse, header); });
 }
 
 int ParseHttpStatusLine(const char* p, const char* q, HttpResponse* pResponse) {
@@ -249,33 +227,34 @@ int ParseHttpStatusLine(const char* p, const char* q, HttpResponse* pResponse) {
     constexpr std::size_t kLongestVersion = 4; // and its blank
     rdx::Reader line(rdx::Line(p, q));
     RDX_CHECK(kProtocol.size() < line.Rest().size(), "len < (q - p)");
-    if (!line.Take(kProtocol)) return kNotHttp;
+    if (!line.Take(kProtocol)) return HTTPRESP_NOT_HTTP;
 
     const auto name = line.TakeUntil(" ");
-    if (!name || name->size() > kLongestVersion) return kNotHttp;
-    const auto* const version = std::ranges::find(kVersions, *name, &Version::name);
-    if (version == std::end(kVersions)) return kUnknownVersion;
+    if (!name || name->size() > kLongestVersion) return HTTPRESP_NOT_HTTP;
+    const rdx::HttpVersion* const version = rdx::FindHttpVersion(*name);
+    if (version == nullptr) return HTTPRESP_OTHER_VERSION;
     pResponse->ucHttpVersion = version->number;
 
     line.TakeBytes(1);
-    if (line.AtEnd()) return kNothingBehindVersion;
+    if (line.AtEnd()) return HTTPRESP_NO_STATUS;
     const auto digits = line.TakeUntil(" ");
-    if (!digits) return kNoReason;
+    if (!digits) return HTTPRESP_NO_REASON;
     const int status = rdx::ParseDecimal(*digits);
-    if (!IsStatus(status)) return kBadStatus;
+    if (!IsStatus(status)) return HTTPRESP_BAD_STATUS;
     pResponse->usStatusCode = static_cast<unsigned short>(status);
 
     line.TakeBytes(1);
-    if (line.AtEnd()) return kNoReason;
+    if (line.AtEnd()) return HTTPRESP_NO_REASON;
     std::free(pResponse->pszReason);
     pResponse->pszReason = rdx::CopyText(line.Rest()).release();
-    return pResponse->pszReason != nullptr ? 0 : kNoMemory;
+    return pResponse->pszReason != nullptr ? HTTPRESP_DONE : HTTPRESP_NO_MEMORY;
 }
 
 int IsResponseHeader(const char* p, const char* q, char** ppcolon) {
     const int i_max = g_cnRespHeaders;
     RDX_CHECK(i_max > 0, "i_max > 0");
-    return rdx::ClassifyHeader(p, q, ppcolon, {apszResponseHeaders, static_cast<std::size_t>(i_max)});
+    return rdx::ClassifyHeader(__PRETTY_FUNCTION__, p, q, ppcolon,
+                               {apszResponseHeaders, static_cast<std::size_t>(i_max)});
 }
 
 void FreeHttpResponse(HttpResponse* pResponse) {

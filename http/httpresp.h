@@ -20,6 +20,23 @@ extern "C" {
 /* The status codes a response can have. */
 enum { HTTP_MIN_STATUS = 100, HTTP_MAX_STATUS = 599 };
 
+/* Results of creating, writing and reading a response. */
+enum {
+    HTTPRESP_DONE = 0,
+    HTTPRESP_NO_MEMORY = -1,
+    HTTPRESP_NO_RECORD = -1,       /* the response, or the place for it, is null */
+    HTTPRESP_NO_BUFFER = -2,       /* the buffer is null, its size is 0, or it is too small */
+    HTTPRESP_NO_CONTENT_TYPE = -3, /* the content type is null or empty */
+    HTTPRESP_BAD_STATUS = -7,      /* outside HTTP_MIN_STATUS to HTTP_MAX_STATUS */
+    HTTPRESP_BAD_VERSION = -8,     /* the version's number is neither 10 nor 11 */
+    HTTPRESP_EMPTY_TEXT = -9,      /* the reason, a header's name or a header's value is empty or null */
+    HTTPRESP_NOT_HTTP = -10,       /* no "HTTP/", or no blank within 5 characters behind it */
+    HTTPRESP_NO_STATUS = -11,      /* nothing follows the version */
+    HTTPRESP_NO_REASON = -13,      /* no blank behind the status, or no reason */
+    HTTPRESP_OTHER_VERSION = -90,  /* the version's name is neither 1.0 nor 1.1 */
+    HTTPRESP_UNUSABLE = -98        /* no header or one of no known class, or the body ended early */
+};
+
 typedef struct HttpResponse {
     unsigned char ucHttpVersion;            /* 10 for HTTP/1.0, 11 for HTTP/1.1 */
     unsigned short usStatusCode;            /* HTTP_MIN_STATUS to HTTP_MAX_STATUS */
@@ -45,10 +62,8 @@ typedef struct HttpResponse {
  *   pBody           the body, or null for none
  *   uiBodyLength    its length; when not 0 it also goes into a Content-length header, even without a body
  *
- * Returns  0  created
- *         -1  no memory, or `ppResponse` is null
- *         -3  the content type is null or empty
- *         -7  the status is out of range
+ * Returns HTTPRESP_DONE, HTTPRESP_NO_MEMORY, HTTPRESP_NO_RECORD, HTTPRESP_NO_CONTENT_TYPE or
+ * HTTPRESP_BAD_STATUS.
  */
 RDX_API int CreateHttpResponse(HttpResponse** ppResponse, unsigned short usStatus, const char* pszContentType,
                                const char* pBody, unsigned int uiBodyLength);
@@ -60,11 +75,8 @@ RDX_API int CreateHttpResponse(HttpResponse** ppResponse, unsigned short usStatu
  *   pBuf       out: the bytes, not NUL-terminated; partly written on failure
  *   uiBufSize  size of `pBuf`; one byte stays spare, so that at most `uiBufSize` - 2 bytes are written
  *
- * Returns the number of bytes written, above 0, or
- *         -1  the response is null
- *         -2  the buffer is null, its size is 0, or it is too small
- *         -8  the version is neither 10 nor 11
- *         -9  the reason, a header's name or a header's value is empty or null
+ * Returns the number of bytes written, above 0, or HTTPRESP_NO_RECORD, HTTPRESP_NO_BUFFER,
+ * HTTPRESP_BAD_VERSION or HTTPRESP_EMPTY_TEXT.
  */
 RDX_API int SerializeHttpResponse(HttpResponse* pResponse, char* pBuf, unsigned int uiBufSize);
 
@@ -74,11 +86,9 @@ RDX_API int SerializeHttpResponse(HttpResponse* pResponse, char* pBuf, unsigned 
  *   sock        the socket
  *   ppResponse  out: the new response, which the caller owns; null on every failure
  *
- * Returns    0  read
- *           -1  no memory
- *         -500  no memory for the body, or it has more than 2^31 - 1 bytes
- *          -98  the body ended early
- *   and every result of ReadHttpRespHeaders.
+ * Returns HTTPRESP_DONE; HTTPRESP_NO_MEMORY; -HTTP_STATUS_INTERNAL_ERROR when there is no memory for the
+ * body, or it has more than 2^31 - 1 bytes; HTTPRESP_UNUSABLE when the body ended early; and every result of
+ * ReadHttpRespHeaders.
  * A null `ppResponse` is an assertion, and so are the cases named at the functions below.
  */
 RDX_API int ConsumeHttpResponse(int sock, HttpResponse** ppResponse);
@@ -88,10 +98,9 @@ RDX_API int ConsumeHttpResponse(int sock, HttpResponse** ppResponse);
  *
  *   pResponse  in/out: a zero-filled response; on failure it holds what was read so far
  *
- * Returns    0  read
- *         -400  a line could not be read or is too long, no status line, or a Content-length of 0
- *          -98  no header at all, or one of no known class
- *   and every result of ParseHttpStatusLine.
+ * Returns HTTPRESP_DONE; -HTTP_STATUS_BAD_REQUEST when a line could not be read or is too long, and for no
+ * status line and a Content-length of 0 (leading digits; anything else reads as 0); HTTPRESP_UNUSABLE; and
+ * every result of ParseHttpStatusLine.
  *
  * Any result but 0 of a classifier selects its list, as on the request's side: a line without a colon ends
  * the process by the assertion of AssignHeaderData. A header that its list has no room for, or there is no
@@ -102,13 +111,8 @@ RDX_API int ReadHttpRespHeaders(int sock, HttpResponse* pResponse);
 /*
  * Parses the status line from `p` to `q` into version, status code and reason phrase.
  *
- * Returns  0  parsed
- *         -1  no memory for the reason
- *         -7  the status is outside HTTP_MIN_STATUS to HTTP_MAX_STATUS
- *        -10  the line does not begin with "HTTP/", or no blank follows within 5 characters
- *        -11  nothing follows the version
- *        -13  no blank behind the status, or no reason
- *        -90  the version is neither 1.0 nor 1.1
+ * Returns HTTPRESP_DONE, HTTPRESP_NO_MEMORY for the reason, HTTPRESP_BAD_STATUS, HTTPRESP_NOT_HTTP,
+ * HTTPRESP_NO_STATUS, HTTPRESP_NO_REASON or HTTPRESP_OTHER_VERSION.
  * On failure the response holds what was parsed before. A line of 5 characters and less is an assertion.
  */
 RDX_API int ParseHttpStatusLine(const char* p, const char* q, HttpResponse* pResponse);

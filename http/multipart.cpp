@@ -7,10 +7,6 @@
 
 namespace {
 
-constexpr int kNoLineEnd = -1;
-constexpr int kNoEmptyLine = -2;
-constexpr int kNoBoundary = -3;
-
 constexpr std::size_t kNone = std::string_view::npos;
 
 // Where the first two separators in a row that begin at or behind `begin` end; kNone when there are none.
@@ -39,7 +35,7 @@ int ReadMultipartData(HttpRequest* pReq, unsigned int uiOffset, char** pBuf) {
     RDX_CHECK(pReq->pszBoundary != nullptr, "pReq->pszBoundary != __null");
     const char* const pszSeparator = pReq->pszSeparator;
     RDX_CHECK(pszSeparator != nullptr, "pReq->pszSeparator != __null");
-    if (pReq->pEntityBody == nullptr) return kNoLineEnd;
+    if (pReq->pEntityBody == nullptr) return HTTPPART_NO_LINE_END;
 
     const std::string_view body(pReq->pEntityBody, pReq->uiBodyLength);
     const std::string_view separator = pszSeparator;
@@ -50,11 +46,11 @@ int ReadMultipartData(HttpRequest* pReq, unsigned int uiOffset, char** pBuf) {
     // The line end found first is the first of the two that end the head: a caller may begin in the head's
     // last line.
     const std::size_t lineEnd = heads.find(separator, uiOffset);
-    if (lineEnd == kNone) return kNoLineEnd;
+    if (lineEnd == kNone) return HTTPPART_NO_LINE_END;
     const std::size_t data = EndOfHead(heads, separator, lineEnd);
-    if (data == kNone) return kNoEmptyLine;
+    if (data == kNone) return HTTPPART_NO_EMPTY_LINE;
     const std::size_t end = body.find(boundary, data);
-    if (end == kNone || end >= body.size() - separator.size()) return kNoBoundary;
+    if (end == kNone || end >= body.size() - separator.size()) return HTTPPART_NO_BOUNDARY;
 
     // What stands in front of the boundary is taken for its separator, whatever it is.
     if (end - data <= separator.size()) {

@@ -8,11 +8,6 @@
 
 namespace {
 
-constexpr int kNameTooLong = -1;
-constexpr int kNotFound = -2;
-constexpr int kEmptyValue = -3;
-constexpr int kNoRoom = -4;
-
 struct Escape {
     std::string_view digits;
     char character;
@@ -38,16 +33,16 @@ int GetQueryStringValue(HttpRequest* pstRequest, const char* szName, char* szBuf
 
     char buffer[HTTP_QUERY_KEY_SIZE];
     rdx::Appender key(buffer);
-    if (!key.Add(szName).Add("=").Fits()) return kNameTooLong;
+    if (!key.Add(szName).Add("=").Fits()) return HTTPQUERY_NAME_TOO_LONG;
 
     rdx::Reader uri(pstRequest->pszUri);
-    if (!uri.TakeUntilText(key.Text())) return kNotFound;
+    if (!uri.TakeUntilText(key.Text())) return HTTPQUERY_NOT_FOUND;
     uri.Take(key.Text());
     const std::string_view value = uri.Rest().substr(0, uri.Rest().find('&'));
-    if (value.empty()) return kEmptyValue;
-    if (value.size() >= uiBufsiz) return kNoRoom;
+    if (value.empty()) return HTTPQUERY_EMPTY;
+    if (value.size() >= uiBufsiz) return HTTPQUERY_NO_ROOM;
     rdx::CopyBounded({szBuf, uiBufsiz}, value);
-    return 0;
+    return HTTPQUERY_FOUND;
 }
 
 int DecodeUrlString(char* szUrlString) {
@@ -55,17 +50,17 @@ int DecodeUrlString(char* szUrlString) {
     // The end is not moved back as the text shrinks. What the walk meets behind the new NUL is what was left
     // standing there; an escape would have to begin before it, so the walk changes nothing.
     const std::string_view text = szUrlString;
-    if (text.empty()) return -1;
+    if (text.empty()) return HTTPREQ_BAD_ESCAPE;
     for (std::size_t position = 0; position < text.size();) {
         if (text[position] != '%') {
             ++position;
             continue;
         }
         const std::optional<char> character = Decode(text.substr(position + 1, 2));
-        if (!character) return -1;
+        if (!character) return HTTPREQ_BAD_ESCAPE;
         char* const escape = szUrlString + position;
         *escape = *character;
         std::memmove(escape + 1, escape + 3, std::strlen(escape + 3) + 1);
     }
-    return 0;
+    return HTTPREQ_DONE;
 }

@@ -16,13 +16,13 @@ bool Holds(rdx::NameTable names, std::string_view name) {
                                [=](const char* entry) { return rdx::EqualsIgnoringCase(entry, name); });
 }
 
-// 0, or -1 when memory is short; the list is unchanged then.
+// AddHeader2Request's result; the list is unchanged when memory is short.
 int Append(const rdx::HeaderList& list, const HttpHeader& header) {
     rdx::OwnedText name = rdx::CopyText(header.name);
     rdx::OwnedText value = rdx::CopyText(header.value);
-    if (!name || !value) return -1;
+    if (!name || !value) return HTTPREQ_NOT_ADDED;
     list.headers[(*list.count)++] = {name.release(), value.release()};
-    return 0;
+    return HTTPREQ_DONE;
 }
 
 } // namespace
@@ -70,7 +70,7 @@ int AddHeader2Request(HttpRequest* pReq, HttpHeader* pHeader) {
         RDX_CHECK(*lists[i].count < lists[i].capacity, place.hasRoom);
         return Append(lists[i], *pHeader);
     }
-    return -1;
+    return HTTPREQ_NOT_ADDED;
 }
 
 int IsAuthorized(const char* pszAuthorization) {
@@ -84,6 +84,6 @@ int IsAuthorized(const char* pszAuthorization) {
 }
 
 int CheckAuth(int /*sock*/, HttpRequest* pReq) {
-    if (rdx::LoadShared(ucAuthRequired) == 0) return 0;
-    return IsAuthorized(GetReqHeaderByName(pReq, "Authorization")) != 0 ? 0 : -1;
+    if (rdx::LoadShared(ucAuthRequired) == 0) return HTTPREQ_DONE;
+    return IsAuthorized(GetReqHeaderByName(pReq, "Authorization")) != 0 ? HTTPREQ_DONE : HTTPREQ_REFUSED;
 }

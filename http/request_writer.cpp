@@ -5,29 +5,21 @@
 #include "http/httpreq.h"
 #include "http/message_writer.h"
 #include "http/request_lists.h"
+#include "http/versions.h"
 
 #include <algorithm>
 #include <iterator>
 
 namespace {
 
-constexpr int kNoRequest = -1;
-constexpr int kNoBuffer = -2;
-constexpr int kUnknownMethod = -501;
-constexpr int kUnknownVersion = -505;
-
-struct Method {
+// A method as it is written: behind "POST" stands no blank on the wire, where servers compare the line so.
+struct WrittenMethod {
     unsigned char index;
-    const char* wire; // kept: no blank behind "POST" on the wire
+    const char* wire;
     const char* html;
 };
-constexpr Method kMethods[] = {{HTTP_GET, "GET ", "<B>GET</B> "}, {HTTP_POST, "POST", "<B>POST</B> "}};
-
-struct Version {
-    unsigned char number;
-    const char* text;
-};
-constexpr Version kVersions[] = {{10, "1.0"}, {11, "1.1"}};
+constexpr WrittenMethod kWrittenMethods[] = {{HTTP_GET, "GET ", "<B>GET</B> "},
+                                             {HTTP_POST, "POST", "<B>POST</B> "}};
 
 // The titles of the lists in HTML, in the lists' order.
 constexpr const char* kListTitles[] = {"<BR>general headers:<BR><BLOCKQUOTE>",
@@ -58,12 +50,13 @@ private:
     }
 
     void WriteRequestLine() {
-        const auto* const method = std::ranges::find(kMethods, request_.ucMethod, &Method::index);
-        if (method == std::end(kMethods)) return out_.Fail(kUnknownMethod);
+        const auto* const method =
+            std::ranges::find(kWrittenMethods, request_.ucMethod, &WrittenMethod::index);
+        if (method == std::end(kWrittenMethods)) return out_.Fail(-HTTP_STATUS_NOT_IMPLEMENTED);
         out_.Text(html_ ? method->html : method->wire).Text(request_.pszUri).Text(" HTTP/");
-        const auto* const version = std::ranges::find(kVersions, request_.ucHttpVersion, &Version::number);
-        if (version == std::end(kVersions)) return out_.Fail(kUnknownVersion);
-        out_.Text(version->text).Text("\r\n");
+        const rdx::HttpVersion* const version = rdx::FindHttpVersion(request_.ucHttpVersion);
+        if (version == nullptr) return out_.Fail(-HTTP_STATUS_VERSION_NOT_SUPPORTED);
+        out_.Text(version->name).Text("\r\n");
     }
 
     void WriteLists() {
@@ -97,23 +90,19 @@ private:
 } // namespace
 
 int SerializeHttpRequest(HttpRequest* pRequest, char* pBuf, unsigned int uiBufSize, unsigned char ucHtml) {
-    if (pRequest == nullptr) return kNoRequest;
-    if (pBuf == nullptr || uiBufSize == 0) return kNoBuffer;
+    if (pRequest == nullptr) return HTTPREQ_NO_RECORD;
+    if (pBuf == nullptr || uiBufSize == 0) return HTTPREQ_NO_BUFFER;
     return RequestWriter(*pRequest, ucHtml != 0, pBuf, uiBufSize).Write();
 }
 
 int SendHttpRequest(int sock, HttpRequest* pRequest, HttpResponse** ppResponse) {
-    constexpr int kNoMemory = -1;
-    constexpr int kNotSerialised = -3;
-    constexpr int kNotSent = -4;
-    constexpr int kNoAnswer = -6;
     RDX_CHECK(pRequest != nullptr, "pRequest != __null");
     RDX_CHECK(ppResponse != nullptr, "ppResponse != __null");
     *ppResponse = nullptr;
     const rdx::OwnedText buffer = rdx::AllocateBytes(HTTP_SEND_BUFFER_SIZE);
-    if (!buffer) return kNoMemory;
+    if (!buffer) return HTTPREQ_NO_MEMORY;
     const int length = SerializeHttpRequest(pRequest, buffer.get(), HTTP_SEND_BUFFER_SIZE, 0);
-    if (length <= 0) return kNotSerialised;
-    if (SendSocket(sock, buffer.get(), length) < length) return kNotSent;
-    return ConsumeHttpResponse(sock, ppResponse) == 0 ? 0 : kNoAnswer;
+    if (length <= 0) return HTTPREQ_NOT_WRITTEN;
+    if (SendSocket(sock, buffer.get(), length) < length) return HTTPREQ_NOT_SENT;
+    return ConsumeHttpResponse(sock, ppResponse) == HTTPRESP_DONE ? HTTPREQ_DONE : HTTPREQ_NO_ANSWER;
 }

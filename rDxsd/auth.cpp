@@ -196,12 +196,12 @@ int HandleBasicAuth(const char* encoded, char** user, char** password) {
 int rDxCheckAuth(HttpRequest* req) {
     constexpr std::string_view kBasic = "Basic ";
     const char* const value = GetReqHeaderByName(req, "Authorization");
-    if (value == nullptr || !rdx::StartsWithIgnoringCase(value, kBasic)) return 1;
+    if (value == nullptr || !rdx::StartsWithIgnoringCase(value, kBasic)) return AUTH_REFUSED;
     char* user = nullptr;
     char* password = nullptr;
     const int valid = HandleBasicAuth(value + kBasic.size(), &user, &password);
     const OwnedText userOwner(user);
     const SecretText passwordOwner(password);
     std::printf("\nrDxCheckAuth: HandleBasicAuth=%d", valid);
-    return valid != 0 ? 0 : 1;
+    return valid != 0 ? AUTH_GRANTED : AUTH_REFUSED;
 }

@@ -33,7 +33,7 @@ RDX_API int Base64Encode(const unsigned char* in, unsigned long len, char* out);
  *   out     out: the bytes, NUL-terminated at their true number; must hold *outLen + 1 bytes, of which the
  *           last group is always written whole.
  *   outLen  out: (n + 3) / 4 * 3 for the n characters decoded: 1 or 2 more than the true number when the
- *           last group is short (kept: callers size by it and end at the NUL).
+ *           last group is short. Callers size by it, and take the bytes up to the NUL.
  * Returns 1.
  */
 RDX_API int Base64Decode(const char* in, unsigned char* out, unsigned long* outLen);
@@ -49,9 +49,12 @@ RDX_API int Base64Decode(const char* in, unsigned char* out, unsigned long* outL
  */
 RDX_API int HandleBasicAuth(const char* encoded, char** user, char** password);
 
+enum { AUTH_GRANTED = 0, AUTH_REFUSED = 1 };
+
 /*
- * Checks the "Authorization" header of a request.
- * Returns 0 when it carries valid Basic credentials and 1 otherwise (the inverted sense is kept).
+ * Checks the "Authorization" header of a request. Unlike HandleBasicAuth it does not say yes with 1: compare
+ * with the names.
+ * Returns AUTH_GRANTED when it carries valid Basic credentials and AUTH_REFUSED otherwise.
  */
 RDX_API int rDxCheckAuth(HttpRequest* req);
 

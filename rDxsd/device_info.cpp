@@ -27,10 +27,7 @@ int AuxiliarySocket() {
     if (known != kNoSocket) return known;
     const int opened = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
     int expected = kNoSocket;
-    if (opened == kNoSocket || __atomic_compare_exchange_n(&auxiliarySocket, &expected, opened, false,
-                                                           __ATOMIC_ACQ_REL, __ATOMIC_ACQUIRE)) {
-        return opened;
-    }
+    if (opened == kNoSocket || rdx::ReplaceShared(auxiliarySocket, expected, opened)) return opened;
     close(opened); // another thread was first
     return expected;
 }
@@ -42,7 +39,7 @@ int GetMacAddress(char* szAddress, unsigned int /*uiSize*/) {
     rdx::DeviceText name;
     const bool named = rDxGetNetInterface(name.text, sizeof name.text) == 0 && name.text[0] != '\0';
     unsigned char bytes[MAC_ADDRESS_SIZE];
-    if (GetMacAddressByName(named ? name.text : kDefaultInterface, bytes) != 0) return 0;
+    if (GetMacAddressByName(named ? name.text : kDefaultInterface, bytes) != MAC_ADDRESS_READ) return 0;
     std::snprintf(szAddress, MAC_ADDRESS_TEXT_SIZE, "%2.2x:%2.2x:%2.2x:%2.2x:%2.2x:%2.2x", bytes[0], bytes[1],
                   bytes[2], bytes[3], bytes[4], bytes[5]);
     return 0;
@@ -53,19 +50,19 @@ int GetMacAddressByName(const char* szName, unsigned char* pAddress) {
     ifreq request{};
     rdx::CopyBounded(request.ifr_name, szName);
     if (auxiliary == kNoSocket || ioctl(auxiliary, SIOCGIFHWADDR, &request) != 0) {
-        std::perror("SIOCGHWADDR"); // kept as it has always been spelled
+        std::perror("SIOCGHWADDR"); // not the request's spelling: whoever reads logs looks for this one
         std::printf("\nGetMacAddressByName error");
-        return -1;
+        return MAC_ADDRESS_NOT_READ;
     }
     std::copy_n(request.ifr_hwaddr.sa_data, static_cast<int>(MAC_ADDRESS_SIZE), pAddress);
     shutdown(auxiliary, SHUT_RDWR);
-    return 0;
+    return MAC_ADDRESS_READ;
 }
 
 uint32_t GetTickCount() {
     timeval now{};
     gettimeofday(&now, nullptr);
-    const auto seconds = static_cast<uint32_t>(now.tv_sec) - server_start_time;
+    const auto seconds = static_cast<uint32_t>(now.tv_sec) - rdx::LoadShared(server_start_time);
     return seconds * 1000U + static_cast<uint32_t>(now.tv_usec / 1000);
 }
 

@@ -24,10 +24,12 @@ enum { MAC_ADDRESS_TEXT_SIZE = 18, MAC_ADDRESS_SIZE = 6 };
  */
 RDX_API int GetMacAddress(char* szAddress, unsigned int uiSize);
 
+enum { MAC_ADDRESS_READ = 0, MAC_ADDRESS_NOT_READ = -1 };
+
 /*
- * The hardware address of the interface `szName` into `pAddress` of MAC_ADDRESS_SIZE bytes. Returns 0, or -1
- * with a message on the standard error stream and `pAddress` as it was. Keeps one socket open for the life of
- * the process, from the first call on.
+ * The hardware address of the interface `szName` into `pAddress` of MAC_ADDRESS_SIZE bytes. Returns
+ * MAC_ADDRESS_READ, or MAC_ADDRESS_NOT_READ with a message on the standard error stream and `pAddress` as it
+ * was. Keeps one socket open for the life of the process, from the first call on.
  */
 RDX_API int GetMacAddressByName(const char* szName, unsigned char* pAddress);
 

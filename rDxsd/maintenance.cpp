@@ -1,59 +1,16 @@
 // Changing the device and starting work on it.
 #include "common/memory.h"
 #include "common/text.h"
-#include "rDxsd/codes.h"
 #include "rDxsd/method.h"
-#include "rDxsd/rDxWddx.h"
 #include "rDxsd/rDxsd.h"
 
 #include <algorithm>
+#include <optional>
 #include <utility>
 
 namespace {
 
 using namespace rdx;
-
-constexpr Outcome kSetIpOutcomes[] = {
-    {1, 42201, 9011, Detail::kReason},
-    {2, 42020, 9012, Detail::kOwner}, // owned by another
-    {3, 42201, 9041, Detail::kReason},
-    {kAnyOther, 42201, 9040, Detail::kReason},
-};
-
-constexpr Outcome kSetAttributesOutcomes[] = {
-    {1, 42301, 9011, Detail::kReason},
-    {2, 42020, 9012, Detail::kOwner}, // owned by another
-    {3, 42301, 9002, Detail::kReason},
-    {-1, 42301, 9052, Detail::kReason}, // a failure of its own only here
-    {kAnyOther, 42301, 9051, Detail::kReason},
-};
-
-// Not a result of the device's: a detailed test takes too long to be awaited, and is not even started.
-constexpr int kDetailedTestAwaited = 9064;
-
-// The device's result for a test that was awaited in vain. Also what the method says when it awaited a test
-// and could not ask what came of it.
-constexpr Outcome kAwaitedInVain = {5, 42501, 9065, Detail::kReason};
-
-constexpr Outcome kSelfTestOutcomes[] = {
-    {1, 42502, 9011, Detail::kReason},
-    {2, 42020, 9012, Detail::kOwner}, // owned by another
-    {3, 42502, 9062, Detail::kReason},
-    kAwaitedInVain,
-    {kDetailedTestAwaited, 42501, 9064, Detail::kReason},
-    {kAnyOther, 42501, 9063, Detail::kReason},
-};
-
-constexpr Outcome kUpdateOutcomes[] = {
-    {1, 42030, 9011, Detail::kReason},
-    {2, 42020, 9012, Detail::kOwner}, // owned by another
-    {3, 42030, 9034, Detail::kReason},
-    {10, 42401, 9031, Detail::kReason},
-    {11, 42404, 9032, Detail::kReason},
-    {12, 42403, 9033, Detail::kReason},
-    {14, 42403, 9035, Detail::kReason},
-    {kAnyOther, 42403, 13, Detail::kReason}, // kept: a reason that no other failure has
-};
 
 // The device library's number for a way of address assignment; ways it does not know are its default's.
 int AddressMode(int dhcpMode) {
@@ -67,21 +24,25 @@ int AddressMode(int dhcpMode) {
     return mode != std::end(kModes) ? mode->number : kDefault;
 }
 
-// The attributes of a call as the device library takes them. The texts stay the arguments'.
+// The attributes of a call as the device library takes them. The texts stay the arguments'; either may be
+// absent, which the device sees as a null pointer.
 class AttributeLists {
 public:
-    // 0, or the handler's code when an element is no attribute or memory is short.
-    int Read(WddxValue* array) {
+    // False when memory is short.
+    bool Read(const MethodRow& method, WddxValue* array) {
         const auto size = static_cast<std::size_t>(std::max(wddxGetArraySize(array), 0));
         names_.reset(static_cast<char**>(std::calloc(size + 1, sizeof(char*))));
         values_.reset(static_cast<char**>(std::calloc(size + 1, sizeof(char*))));
         persistence_.reset(static_cast<int*>(std::calloc(size + 1, sizeof(int))));
-        if (!names_ || !values_ || !persistence_) return kNotAssigned;
-        while (count_ < static_cast<int>(size)) {
-            if (!ReadElement(wddxGetArrayElem(array, count_))) return kBadCall;
-            ++count_;
+        if (!names_ || !values_ || !persistence_) return false;
+        for (; count_ < static_cast<int>(size); ++count_) {
+            const Values element(wddxGetArrayElem(array, count_), method.arguments, "SlpAttributes");
+            names_.get()[count_] = element.Text("AttributeName");
+            values_.get()[count_] = element.Text("AttributeValue");
+            persistence_.get()[count_] = element.Number("IsPersistent");
+            enforce_ |= element.Number("EnforceReg");
         }
-        return 0;
+        return true;
     }
 
     int Set(const char* owner) {
@@ -90,24 +51,6 @@ public:
     }
 
 private:
-    bool ReadElement(WddxValue* element) {
-        int enforce = 0;
-        if (wddxGetType(element) != WDDX_STRUCT ||
-            GetDataIntParam(element, "IsPersistent", &persistence_.get()[count_]) != 0 ||
-            GetDataIntParam(element, "EnforceReg", &enforce) != 0) {
-            return false;
-        }
-        enforce_ |= enforce;
-        return ReadText(element, "AttributeName", names_.get()[count_]) &&
-               ReadText(element, "AttributeValue", values_.get()[count_]);
-    }
-
-    // Either text may be absent, which the device sees as a null pointer.
-    static bool ReadText(WddxValue* element, const char* name, char*& text) {
-        text = GetDataStringParam(element, name);
-        return text != nullptr || IsAbsent(element, name);
-    }
-
     Owned<char*> names_;
     Owned<char*> values_;
     Owned<int> persistence_;
@@ -118,7 +61,6 @@ private:
 enum TestMode { kShortTest = 0, kDetailedTest = 1 };
 
 std::optional<TestMode> ReadTestMode(const char* text) {
-    if (text == nullptr) return std::nullopt;
     if (*text == '\0' || EqualsIgnoringCase(text, "SelftestShort")) return kShortTest;
     if (EqualsIgnoringCase(text, "SelftestDetailed")) return kDetailedTest;
     return std::nullopt;
@@ -126,79 +68,67 @@ std::optional<TestMode> ReadTestMode(const char* text) {
 
 // "SelftestStatus" with "params" of its own, which give a reason only when the state could not be asked for.
 OwnedValue MakeSelfTestStatus(const SelfTestState& state) {
-    const Outcome outcome = {0, state.code, state.reason, state.known ? Detail::kNone : Detail::kReason};
-    return MakeStatus(state.code, state.reason, MakeParams(outcome, ""));
+    const StatusRow row = {0, state.code, state.reason, state.known ? Detail::kNone : Detail::kReason};
+    return MakeStatus(state.code, state.reason, MakeParams(row, ""));
 }
 
 } // namespace
 
 int ProcessSetIpConfiguration(TavrinRequest* call, TavrinResponse* result) {
-    const Arguments arguments(*call);
-    const char* const owner = arguments.Text("DeviceOwner", kOwnerMax);
-    const char* const address = arguments.Text("IpAddress", kAddressMax);
-    const char* const netmask = arguments.Text("Netmask", kAddressMax);
-    const char* const gateway = arguments.Text("DefaultGateway", kAddressMax);
-    const char* const host = arguments.OptionalText("Hostname");
-    const std::optional<int> mode = arguments.IntegerOrFlag("DhcpMode");
-    if (owner == nullptr || address == nullptr || netmask == nullptr || gateway == nullptr ||
-        host == nullptr || !mode) {
-        return kBadCall;
-    }
+    const MethodRow& method = RowOf(ProcessSetIpConfiguration);
+    const Arguments arguments(*call, method);
+    if (!arguments.Fit()) return RDX_BAD_CALL;
     unsigned long rebootRequired = 0;
-    const int done =
-        rDxSetIpConfiguration(owner, address, netmask, gateway, AddressMode(*mode), host, &rebootRequired);
-    Answer answer(FindOutcome(kSetIpOutcomes, done));
+    const int done = rDxSetIpConfiguration(arguments.Text("DeviceOwner"), arguments.Text("IpAddress"),
+                                           arguments.Text("Netmask"), arguments.Text("DefaultGateway"),
+                                           AddressMode(arguments.Number("DhcpMode")),
+                                           arguments.OptionalText("Hostname"), &rebootRequired);
+    Structure answer = StatusPacket(method, done);
     answer.Add("RebootRequired", MakeFlag(rebootRequired != 0));
-    return answer.Assign(result, "rDxSetIpConfiguration");
+    return answer.Assign(result);
 }
 
 int ProcessSetDeviceAttributes(TavrinRequest* call, TavrinResponse* result) {
-    const Arguments arguments(*call);
-    const char* const owner = arguments.Text("DeviceOwner");
-    WddxValue* const array = arguments.Array("SlpAttributes");
+    const MethodRow& method = RowOf(ProcessSetDeviceAttributes);
+    const Arguments arguments(*call, method);
+    if (!arguments.Fit()) return RDX_BAD_CALL;
     AttributeLists attributes;
-    if (owner == nullptr || array == nullptr) return kBadCall;
-    if (const int failure = attributes.Read(array); failure != 0) return failure;
-    const int done = attributes.Set(owner);
-    return Answer(FindOutcome(kSetAttributesOutcomes, done)).Assign(result, "rdxSetDeviceAttributes");
+    if (!attributes.Read(method, arguments.Array("SlpAttributes"))) return RDX_NOT_ASSIGNED;
+    return StatusPacket(method, attributes.Set(arguments.Text("DeviceOwner"))).Assign(result);
 }
 
 int ProcessRunDeviceSelfTest(TavrinRequest* call, TavrinResponse* result) {
-    const Arguments arguments(*call);
-    const char* const owner = arguments.Text("DeviceOwner");
+    const MethodRow& method = RowOf(ProcessRunDeviceSelfTest);
+    const Arguments arguments(*call, method);
+    if (!arguments.Fit()) return RDX_BAD_CALL;
     const std::optional<TestMode> mode = ReadTestMode(arguments.Text("TestMode"));
-    const std::optional<int> await = arguments.IntegerOrFlag("AwaitResults");
-    if (owner == nullptr || !mode || !await) return kBadCall;
+    if (!mode) return RDX_BAD_CALL;
 
+    const int await = arguments.Number("AwaitResults");
     const bool detailed = *mode == kDetailedTest;
-    const bool awaited = !detailed && *await != 0;
-    const int done = detailed && *await != 0 ? kDetailedTestAwaited
-                                             : rDxRunDeviceSelfTest(owner, *mode, awaited ? *await : 0);
-    const Outcome& started = FindOutcome(kSelfTestOutcomes, done);
+    const bool awaited = !detailed && await != 0;
+    const int done = detailed && await != 0
+                         ? kDetailedTestAwaited
+                         : rDxRunDeviceSelfTest(arguments.Text("DeviceOwner"), *mode, awaited ? await : 0);
+    const StatusRow& started = StatusOf(method.statuses, done);
     OwnedValue params = MakeParams(started, "");
     const SelfTestState state = AskSelfTestState();
-    const Outcome& own = awaited && !state.known ? kAwaitedInVain : started;
-    // Kept: a test that was awaited in vain changes what the status says, and not its detail, which goes on
-    // telling of the start.
-    Answer answer(own.code, own.reason, std::move(params));
+    // A test that was awaited in vain changes what the status says, and not its detail: clients learn from
+    // that how the start went.
+    const StatusRow& own = awaited && !state.known ? kAwaitedInVain : started;
+    Structure answer = StatusPacket(method, own.code, own.reason, std::move(params));
     answer.Add("SelftestStatus", MakeSelfTestStatus(state));
-    return answer.Assign(result, "rdxRunDeviceSelftest");
+    return answer.Assign(result);
 }
 
 int ProcessUpdateDeviceFirmware(TavrinRequest* call, TavrinResponse* result) {
-    // Kept: the client's revision must be there, and the device always gets this one.
+    // The device decides by what it downloads: it always gets this revision, whichever the client has named.
     constexpr auto kRevision = static_cast<unsigned long>(-1);
-    const Arguments arguments(*call);
-    const char* const owner = arguments.Text("DeviceOwner");
-    const char* const url = arguments.Text("DownloadUrl");
-    const int revision = arguments.Integer("FirmwareRev").value_or(0);
-    const std::optional<int> isSigned = arguments.OptionalInteger("IsSigned");
-    const char* const trust = arguments.OptionalText("MethodOfTrust");
-    const char* const certificate = arguments.OptionalText("CaCert");
-    if (owner == nullptr || url == nullptr || revision == 0 || !isSigned || trust == nullptr ||
-        certificate == nullptr) {
-        return kBadCall;
-    }
-    const int done = rDxUpdateDeviceFirmware(owner, url, kRevision, *isSigned, trust, certificate);
-    return Answer(FindOutcome(kUpdateOutcomes, done)).Assign(result, "rdxUpdateDeviceFirmware");
+    const MethodRow& method = RowOf(ProcessUpdateDeviceFirmware);
+    const Arguments arguments(*call, method);
+    if (!arguments.Fit() || arguments.Number("FirmwareRev") == 0) return RDX_BAD_CALL;
+    const int done = rDxUpdateDeviceFirmware(
+        arguments.Text("DeviceOwner"), arguments.Text("DownloadUrl"), kRevision, arguments.Number("IsSigned"),
+        arguments.OptionalText("MethodOfTrust"), arguments.OptionalText("CaCert"));
+    return StatusPacket(method, done).Assign(result);
 }

@@ -3,84 +3,48 @@
 #define RDX_RDXSD_METHOD_H
 
 #include "rDxsd/device_text.h"
+#include "rDxsd/method_rows.h"
 #include "rDxsd/pdata.h"
 #include "rDxsd/rDxSvcs.h"
 #include "rDxsd/values.h"
 
-#include <climits>
-#include <cstddef>
-#include <optional>
-#include <span>
-
 namespace rdx {
 
-// Most characters of the texts that a method limits.
-inline constexpr std::size_t kOwnerMax = 32;
-inline constexpr std::size_t kAddressMax = 16;
-inline constexpr std::size_t kNoLimit = SIZE_MAX;
-
-// True when a structure has no such member, or one that says itself that it is nothing: a null value.
-bool IsAbsent(WddxValue* structure, const char* name);
-
-// The arguments of a call. Every reader gives nothing for an argument that is missing, of another type or too
-// long, and for a call whose arguments could not be parsed at all.
-class Arguments {
+// The members of a structure that a client sent, read by their rows. A name that no row has reads as absent.
+class Values {
 public:
-    explicit Arguments(const TavrinRequest& call);
+    // The rows of the members of `of`; of the arguments themselves when it is empty.
+    Values(WddxValue* structure, std::span<const ArgumentRow> rows, const char* of = "");
 
-    // Texts belong to the arguments.
-    const char* Text(const char* name, std::size_t longest = kNoLimit) const;
+    // Whether it is a structure and its members are what their rows say, those of an array's elements too.
+    // Otherwise the call is bad, and nothing else of it is looked at.
+    bool Fit() const;
+
+    // Texts belong to the structure.
+    char* Text(const char* name) const;               // null when it is absent
     const char* OptionalText(const char* name) const; // an empty text when it is absent
-
-    std::optional<int> Integer(const char* name) const;         // an integer
-    std::optional<int> OptionalInteger(const char* name) const; // 0 when it is absent
-    std::optional<int> IntegerOrFlag(const char* name) const;   // or a boolean, as 0 or 1
-    WddxValue* Array(const char* name) const;
+    int Number(const char* name) const;               // a flag is 0 or 1, and absent is 0
+    WddxValue* Array(const char* name) const;         // null when it is absent
 
 private:
-    OwnedValue values_;
+    const ArgumentRow* Row(const char* name) const;
+    bool Fits(const ArgumentRow& row) const;
+    bool ElementsFit(const ArgumentRow& array) const;
+
+    WddxValue* structure_;
+    std::span<const ArgumentRow> rows_;
+    const char* of_;
 };
 
-// What "params" says about a device's answer.
-enum class Detail {
-    kNone,       // nothing: null
-    kReason,     // a structure with the reason code again
-    kOwner,      // who owns the device
-    kReleasedBy, // who released it
-};
-
-// What one result of a device operation becomes in the answer.
-struct Outcome {
-    int result;
-    int code;
-    int reason;
-    Detail detail;
-};
-
-// The result in a table's last row: any that has no row of its own.
-inline constexpr int kAnyOther = INT_MIN;
-
-inline constexpr Outcome kSuccess = {0, 0, 0, Detail::kNone};
-
-// The row of a result: kSuccess for 0, the last one for a result without a row.
-const Outcome& FindOutcome(std::span<const Outcome> outcomes, int result);
-
-// The answer to a call: the status packet and what a method adds beside "Status". Memory that runs short
-// while it is put together makes Assign fail.
-class Answer {
+// The arguments of a call of a method. They do not fit when they could not be parsed.
+class Arguments : public Values {
 public:
-    // `releasedBy` is looked at for Detail::kReleasedBy alone.
-    explicit Answer(const Outcome& outcome, const char* releasedBy = "");
-    Answer(int code, int reason, OwnedValue params);
-
-    void Add(const char* key, OwnedValue value);
-
-    // Prints the packet into `result`, with `name` as its comment when there is one. The handler's code: 0,
-    // or -6 when that failed.
-    int Assign(TavrinResponse* result, const char* name) const;
+    Arguments(const TavrinRequest& call, const MethodRow& method);
 
 private:
-    OwnedValue packet_;
+    Arguments(OwnedValue owner, const MethodRow& method);
+
+    OwnedValue owner_;
 };
 
 // A new value, or a structure or array that takes over its parts; null when memory is short.
@@ -92,8 +56,32 @@ OwnedValue MakeStruct();
 OwnedValue MakeArray(int length);
 OwnedValue MakeStatus(int code, int reason, OwnedValue params);
 
-// "params" with its one element filled for an outcome.
-OwnedValue MakeParams(const Outcome& outcome, const char* releasedBy);
+// A structure of the answer, with the keys that its method's row names. A key that is not among them, or
+// memory that runs short while it is put together, leaves no structure.
+class Structure {
+public:
+    // The keys inside `of`; of the answer itself when it is empty.
+    explicit Structure(const MethodRow& method, const char* of = "", OwnedValue begun = MakeStruct());
+
+    void Add(const char* key, OwnedValue value);
+    OwnedValue Release() { return std::move(value_); }
+
+    // Prints it as the method's result packet. RDX_ANSWERED, or RDX_NOT_ASSIGNED when that failed.
+    int Assign(TavrinResponse* result) const;
+
+private:
+    const MethodRow& method_;
+    const char* of_;
+    OwnedValue value_;
+};
+
+// The answer that begins with "Status": for a result of the device, or with a status of its own. `releasedBy`
+// is looked at for Detail::kReleasedBy alone.
+Structure StatusPacket(const MethodRow& method, int result, const char* releasedBy = "");
+Structure StatusPacket(const MethodRow& method, int code, int reason, OwnedValue params);
+
+// "params" with its one element filled for a status.
+OwnedValue MakeParams(const StatusRow& status, const char* releasedBy);
 
 // The state of the self test, with the code and the reason as clients see them.
 struct SelfTestState {

@@ -1,5 +1,4 @@
 // Who the device belongs to.
-#include "rDxsd/codes.h"
 #include "rDxsd/method.h"
 #include "rDxsd/rDxsd.h"
 
@@ -8,26 +7,6 @@
 namespace {
 
 using namespace rdx;
-
-constexpr Outcome kAllocateOutcomes[] = {
-    {1, 42030, 9001, Detail::kOwner}, // already allocated
-    {3, 42101, 9002, Detail::kReason},
-    {kAnyOther, 42101, 9000, Detail::kReason},
-};
-
-constexpr Outcome kReleaseOutcomes[] = {
-    {1, 42102, 9011, Detail::kReleasedBy},
-    {2, 42020, 9012, Detail::kOwner}, // owned by another
-    {3, 42102, 9013, Detail::kReason},
-    {kAnyOther, 42102, 9014, Detail::kReason},
-};
-
-constexpr Outcome kInitiateOutcomes[] = {
-    {1, 42601, 9011, Detail::kReason},
-    {2, 42020, 9012, Detail::kOwner}, // owned by another
-    {3, 42601, 9034, Detail::kReason},
-    {kAnyOther, 42601, 9080, Detail::kReason},
-};
 
 // Always passed when the device is allocated or released.
 constexpr int kOwnershipFlag = 1;
@@ -41,32 +20,32 @@ unsigned long ConfigurationMode(int cfgMode) {
 } // namespace
 
 int ProcessAllocateDevice(TavrinRequest* call, TavrinResponse* result) {
-    const Arguments arguments(*call);
-    const char* const owner = arguments.Text("DeviceOwner", kOwnerMax);
-    const char* const address = arguments.Text("IfhClientIpAddr", kAddressMax);
-    const char* const ports = arguments.Text("IfhClientTcpPorts");
-    if (owner == nullptr || address == nullptr || ports == nullptr) return kBadCall;
+    const MethodRow& method = RowOf(ProcessAllocateDevice);
+    const Arguments arguments(*call, method);
+    if (!arguments.Fit()) return RDX_BAD_CALL;
     DeviceText unused[2];
-    const int done = rDxAllocateDevice(call->pHttpRequest->szPeerName, owner, address, ports, unused[0].text,
-                                       unused[1].text, kOwnershipFlag);
+    const int done = rDxAllocateDevice(call->pHttpRequest->szPeerName, arguments.Text("DeviceOwner"),
+                                       arguments.Text("IfhClientIpAddr"), arguments.Text("IfhClientTcpPorts"),
+                                       unused[0].text, unused[1].text, kOwnershipFlag);
     std::printf("ProcessAllocateDevice: rDxAllocateDevice=%d \n", done);
-    return Answer(FindOutcome(kAllocateOutcomes, done)).Assign(result, "rDxAllocateDevice");
+    return StatusPacket(method, done).Assign(result);
 }
 
 int ProcessReleaseDevice(TavrinRequest* call, TavrinResponse* result) {
-    const Arguments arguments(*call);
-    const char* const owner = arguments.Text("DeviceOwner");
-    if (owner == nullptr) return kBadCall;
+    const MethodRow& method = RowOf(ProcessReleaseDevice);
+    const Arguments arguments(*call, method);
+    if (!arguments.Fit()) return RDX_BAD_CALL;
     DeviceText releasedBy;
-    const int done = rDxReleaseDevice(call->pHttpRequest->szPeerName, owner, releasedBy.text, kOwnershipFlag);
-    return Answer(FindOutcome(kReleaseOutcomes, done), releasedBy.text).Assign(result, "rdxReleaseDevice");
+    const int done = rDxReleaseDevice(call->pHttpRequest->szPeerName, arguments.Text("DeviceOwner"),
+                                      releasedBy.text, kOwnershipFlag);
+    return StatusPacket(method, done, releasedBy.text).Assign(result);
 }
 
 int ProcessInitiateCfgRequest(TavrinRequest* call, TavrinResponse* result) {
-    const Arguments arguments(*call);
-    const char* const owner = arguments.Text("DeviceOwner");
-    const std::optional<int> mode = arguments.IntegerOrFlag("CfgMode");
-    if (owner == nullptr || !mode) return kBadCall;
-    const int done = rDxInitiateCfgRequest(owner, ConfigurationMode(*mode));
-    return Answer(FindOutcome(kInitiateOutcomes, done)).Assign(result, nullptr);
+    const MethodRow& method = RowOf(ProcessInitiateCfgRequest);
+    const Arguments arguments(*call, method);
+    if (!arguments.Fit()) return RDX_BAD_CALL;
+    const int done =
+        rDxInitiateCfgRequest(arguments.Text("DeviceOwner"), ConfigurationMode(arguments.Number("CfgMode")));
+    return StatusPacket(method, done).Assign(result);
 }

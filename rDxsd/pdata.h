@@ -30,6 +30,51 @@ enum {
     PDATA_DEFAULT_ARGS_LENGTH = 160
 };
 
+/* What comes of taking a call from its request. */
+enum {
+    PDATA_CALL_TAKEN = 0,
+    PDATA_BAD_CALL = 400, /* the client's mistake, as HTTP counts it */
+    PDATA_NOT_MULTIPART = -99,
+    PDATA_BAD_START = -1, /* the body does not begin with the boundary, or ends right behind it */
+    PDATA_BAD_PART = -2,  /* a part's header is malformed, cut off, or names too long a field */
+    PDATA_NO_MEMORY_FOR_ARGS = -2,
+    PDATA_NAME_UNREADABLE = -3, /* the data of "FunctionName" could not be read */
+    PDATA_NAME_TOO_LONG = -5,   /* so is the method's name */
+    PDATA_ARGS_UNREADABLE = -5, /* the data of "FunctionArgs" could not be read */
+    PDATA_BOUNDARY_MISSING = -7 /* behind a part */
+};
+
+/* What comes of printing a result. */
+enum {
+    PDATA_ASSIGNED = 0,
+    PDATA_NO_TEMP_NAME = -1,
+    PDATA_NOT_CREATED = -2,   /* the file, also because its name was taken */
+    PDATA_NOT_PRINTED = -3,   /* the value has no printed form */
+    PDATA_NOT_WRITTEN = -4,   /* the file could not be written */
+    PDATA_NOT_READ_BACK = -5, /* it could not be read */
+    PDATA_NO_MEMORY_FOR_TEXT = -6,
+    PDATA_TEXT_TOO_LONG = -7,  /* longer than PDATA_RESULT_SIZE */
+    PDATA_TEXT_NOT_SHRUNK = -8 /* to the memory that it needs */
+};
+
+/* What comes of making packet text displayable. */
+enum {
+    PDATA_HTML_WRITTEN = 0,
+    PDATA_FULL_AT_LESS = -1,    /* the buffer was full at a "<" */
+    PDATA_FULL_AT_GREATER = -2, /* at a ">" */
+    PDATA_FULL_AT_OTHER = -3    /* at another byte */
+};
+
+enum { PDATA_COPIED = 0, PDATA_NOT_COPIED = -1 };
+
+/* Values of TavrinResponse.iStatus. */
+enum {
+    PDATA_STATUS_RESULT = 0,
+    PDATA_STATUS_BEFORE_DISPATCH = -99,
+    PDATA_STATUS_BAD_CALL = PDATA_BAD_CALL,
+    PDATA_STATUS_UNAUTHORIZED = 401
+};
+
 /* One call as taken from its request. */
 typedef struct TavrinRequest {
     int iCallNumber;                                  /* set by the dispatcher */
@@ -42,7 +87,7 @@ typedef struct TavrinRequest {
 typedef struct TavrinResponse {
     int iCallNumber;      /* that of the call */
     unsigned char ucFlag; /* not 0 asks the server to stop; cleared by a result */
-    int iStatus;          /* -99 before dispatch, 0 with a result */
+    int iStatus;          /* a PDATA_STATUS_...: what rDxHandler makes of the answer */
     char* pszWddxResult;  /* owned result packet text, null when absent */
 } TavrinResponse;
 
@@ -54,14 +99,11 @@ typedef struct TavrinResponse {
  *         one or two characters ends the process by assertion, and so does a field with an empty name.
  *   call  out: szFunctionName and pszWddxArgs (null unless the field was there and not empty).
  * Returns
- *   0    the whole body was read; a field that was not there leaves its output as described
- *   -99  not a multipart request; `call` is unchanged
- *   -1   the body does not begin with the boundary or ends right behind it; `call` is unchanged
- *   -2   a part's header is malformed, cut off, or names a field of more than PDATA_FIELD_NAME_MAX
- *   -3   the data of "FunctionName" could not be read
- *   -5   the method name is too long, or the data of "FunctionArgs" could not be read
- *   -7   no boundary behind a part
- *   400  the method name is empty, or a field is unknown
+ *   PDATA_CALL_TAKEN        the whole body was read; a field that was not there leaves its output as
+ * described PDATA_NOT_MULTIPART     `call` is unchanged PDATA_BAD_START         `call` is unchanged
+ *   PDATA_BAD_PART          also for a field's name of more than PDATA_FIELD_NAME_MAX
+ *   PDATA_NAME_UNREADABLE, PDATA_NAME_TOO_LONG, PDATA_ARGS_UNREADABLE, PDATA_BOUNDARY_MISSING
+ *   PDATA_BAD_CALL          the method name is empty, or a field is unknown
  * After a failure pszWddxArgs may still hold a text; FreeTnRequest releases it.
  */
 RDX_API int GetMultipartCallData(HttpRequest* req, TavrinRequest* call);
@@ -69,24 +111,22 @@ RDX_API int GetMultipartCallData(HttpRequest* req, TavrinRequest* call);
 /*
  * Takes the method name from the query parameter "FunctionName" and the argument packet from the body; a
  * request without a body gets an empty packet of PDATA_DEFAULT_ARGS_LENGTH characters, which no parser
- * accepts (kept: a call without arguments that needs them is refused as a bad request).
+ * accepts: a client that leaves out the arguments which a method needs is told that its call is bad.
  *   req   in: a request with a URI.
  *   call  out: szFunctionName and pszWddxArgs.
- * Returns 0; 400 when the parameter is missing, empty or too long, with `call` unchanged; -2 when memory is
- * short, with pszWddxArgs null.
+ * Returns PDATA_CALL_TAKEN; PDATA_BAD_CALL when the parameter is missing, empty or too long, with `call`
+ * unchanged; PDATA_NO_MEMORY_FOR_ARGS, with pszWddxArgs null.
  */
 RDX_API int GetStandardCallData(HttpRequest* req, TavrinRequest* call);
 
 /*
  * Prints `value` as a result packet into `rsp`, through a temporary file of its own that only its owner can
  * read and that is gone when the call returns.
- *   rsp      in/out: on success pszWddxResult is the text (an earlier one is freed), ucFlag and iStatus are
- *            0; on failure nothing has changed.
+ *   rsp      in/out: on success pszWddxResult is the text (an earlier one is freed), ucFlag is 0 and iStatus
+ *            PDATA_STATUS_RESULT; on failure nothing has changed.
  *   value    in: the tree, still the caller's.
  *   comment  in: the packet's comment, written as it is; null gives an empty one.
- * Returns 0; -1 no temporary name; -2 the file could not be created, also because the name was taken; -3 the
- * value could not be printed; -4 the file could not be written; -5 it could not be read back; -6 no memory
- * for the text; -7 the text is longer than PDATA_RESULT_SIZE; -8 the text's memory could not be shrunk.
+ * Returns PDATA_ASSIGNED, or one of the codes below it that says why not.
  * A text of exactly PDATA_RESULT_SIZE characters ends the process by assertion.
  */
 RDX_API int AssignWddxResult(TavrinResponse* rsp, WddxValue* value, const char* comment);
@@ -99,8 +139,8 @@ RDX_API int AssignResult(TavrinResponse* rsp, WddxValue* value);
  *   szWddx    in: the text; null ends the process by assertion.
  *   szBuf     out: the escaped text; null ends the process by assertion.
  *   uiBufsiz  in: size of szBuf in bytes, the NUL included; 0 ends the process by assertion.
- * Returns 0, for an empty text with szBuf untouched; -1, -2 or -3 when the buffer was full at a "<", a ">"
- * or another byte, with the escaped text up to there in szBuf.
+ * Returns PDATA_HTML_WRITTEN, for an empty text with szBuf untouched; PDATA_FULL_AT_LESS,
+ * PDATA_FULL_AT_GREATER or PDATA_FULL_AT_OTHER with the escaped text up to there in szBuf.
  */
 RDX_API int Wddx2Html(const char* szWddx, char* szBuf, unsigned int uiBufsiz);
 
@@ -112,7 +152,8 @@ RDX_API void FreeTnResponse(TavrinResponse* rsp);
 
 /*
  * Copies a response with a result text of its own; the text that `dst` had is freed.
- * Returns 0, or -1 when the text could not be copied (then `dst` has none) or a record is null.
+ * Returns PDATA_COPIED, or PDATA_NOT_COPIED when the text could not be copied (then `dst` has none) or a
+ * record is null.
  */
 RDX_API int CopyTnResponse(TavrinResponse* dst, const TavrinResponse* src);
 

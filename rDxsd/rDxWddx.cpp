@@ -1,10 +1,13 @@
 #include "rDxsd/rDxWddx.h"
 
 #include "common/check.h"
+#include "common/text.h"
 #include "rDxsd/values.h"
 
 #include <algorithm>
 #include <cstring>
+#include <optional>
+#include <span>
 #include <string_view>
 
 namespace {
@@ -12,28 +15,40 @@ namespace {
 using rdx::OwnedValue;
 using rdx::SetMember;
 
-enum ParseCode : int {
-    kParsed = 0,
-    kNoText = -1,
-    kTagUnterminated = -2,
-    kNotAStructure = -3,
-    kNotAPacket = 400 // a bad request, as HTTP counts it
-};
-
 constexpr std::string_view kDeletedBlanks = "\r\n\t ";
 
-// The end of the tag that begins at `tag`, one past its ">"; null when the text ends first.
-const char* EndOfTag(const char* tag, const char* end) {
-    const char* const closing = std::find(tag, end, '>');
-    return closing == end ? nullptr : closing + 1;
+// What a packet consists of: tags, from "<" to ">", and the characters between them.
+std::string_view TakeCharacters(rdx::Reader& packet) {
+    const std::string_view rest = packet.Rest();
+    return packet.TakeBytes(std::min(rest.find('<'), rest.size()));
 }
 
-// Moves the bytes from `from` up to `end` to `to`; returns the place behind them.
-char* MoveDown(const char* from, const char* end, char* to) {
-    const auto length = static_cast<std::size_t>(end - from);
-    std::memmove(to, from, length);
-    return to + length;
+std::optional<std::string_view> TakeTag(rdx::Reader& packet) {
+    const std::size_t end = packet.Rest().find('>');
+    if (end == std::string_view::npos) return std::nullopt;
+    return packet.TakeBytes(end + 1);
 }
+
+// The front of a text, put together anew from pieces of the same text. What stays is never longer than what
+// was read, so that a piece only moves towards the front, over bytes that have been read.
+class Front {
+public:
+    explicit Front(std::span<char> text) : text_(text) {}
+
+    void Keep(std::string_view piece) {
+        for (const char c : piece) Keep(c);
+    }
+    void KeepButBlanks(std::string_view piece) {
+        for (const char c : piece) {
+            if (kDeletedBlanks.find(c) == std::string_view::npos) Keep(c);
+        }
+    }
+    void Keep(char c) { text_[used_++] = c; }
+
+private:
+    std::span<char> text_;
+    std::size_t used_ = 0;
+};
 
 } // namespace
 
@@ -65,13 +80,13 @@ WddxValue* CreateWddxOwner(const char* owner, const char* allocatedBy) {
 
 int ParseWddxPacketData(char* text, WddxValue** out) {
     *out = nullptr;
-    if (text == nullptr) return kNoText;
-    if (TrimWddxArgs(text) != 0) return kTagUnterminated;
+    if (text == nullptr) return WDDX_ARGS_NO_TEXT;
+    if (TrimWddxArgs(text) != WDDX_TRIMMED) return WDDX_ARGS_TAG_UNTERMINATED;
     OwnedValue value(wddxParseStream(text));
-    if (!value) return kNotAPacket;
-    if (wddxGetType(value.get()) != WDDX_STRUCT) return kNotAStructure;
+    if (!value) return WDDX_ARGS_NOT_A_PACKET;
+    if (wddxGetType(value.get()) != WDDX_STRUCT) return WDDX_ARGS_NOT_A_STRUCTURE;
     *out = value.release();
-    return kParsed;
+    return WDDX_ARGS_PARSED;
 }
 
 char* GetDataStringParam(WddxValue* s, const char* name) {
@@ -81,11 +96,11 @@ char* GetDataStringParam(WddxValue* s, const char* name) {
 
 int GetDataIntParam(WddxValue* s, const char* name, int* out) {
     WddxValue* const member = wddxGetStructVar(s, name);
-    if (wddxGetInteger(out, member) != 0) return 0;
+    if (wddxGetInteger(out, member) != 0) return WDDX_PARAM_READ;
     unsigned char truth = 0;
-    if (out == nullptr || wddxGetBoolean(&truth, member) == 0) return -1;
+    if (out == nullptr || wddxGetBoolean(&truth, member) == 0) return WDDX_PARAM_UNREADABLE;
     *out = truth != 0 ? 1 : 0;
-    return 0;
+    return WDDX_PARAM_READ;
 }
 
 WddxValue* GetDataArrayParam(WddxValue* s, const char* name) {
@@ -98,24 +113,17 @@ int TrimWddxArgs(char* p) {
     const std::size_t alen = std::strlen(p);
     RDX_CHECK(alen > 0, "alen > 0");
 
-    const char* const end = p + alen;
-    const char* from = p;
-    char* to = p;
-    bool inString = false;
-    int result = 0;
-    while (from != end) {
-        if (*from == '<') {
-            const char* const behind = EndOfTag(from, end);
-            inString = behind != nullptr && std::string_view(from, behind) == "<string>";
-            result = behind != nullptr ? 0 : -1;
-            to = MoveDown(from, behind != nullptr ? behind : end, to);
-            from = behind != nullptr ? behind : end;
-        } else if (inString || kDeletedBlanks.find(*from) == std::string_view::npos) {
-            *to++ = *from++;
-        } else {
-            ++from;
-        }
+    Front front({p, alen + 1}); // with the NUL
+    rdx::Reader packet({p, alen});
+    front.KeepButBlanks(TakeCharacters(packet));
+    while (const std::optional<std::string_view> tag = TakeTag(packet)) {
+        const bool opensString = *tag == "<string>";
+        front.Keep(*tag);
+        const std::string_view characters = TakeCharacters(packet);
+        opensString ? front.Keep(characters) : front.KeepButBlanks(characters);
     }
-    *to = '\0';
-    return result;
+    const bool whole = packet.AtEnd();
+    front.Keep(packet.Rest());
+    front.Keep('\0');
+    return whole ? WDDX_TRIMMED : WDDX_TRIMMED_IN_PART;
 }

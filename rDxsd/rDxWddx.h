@@ -19,6 +19,19 @@
 extern "C" {
 #endif
 
+/* What comes of parsing an argument packet. */
+enum {
+    WDDX_ARGS_PARSED = 0,
+    WDDX_ARGS_NO_TEXT = -1,
+    WDDX_ARGS_TAG_UNTERMINATED = -2, /* a tag without its end */
+    WDDX_ARGS_NOT_A_STRUCTURE = -3,  /* a packet, but its value is no structure */
+    WDDX_ARGS_NOT_A_PACKET = 400     /* the client's mistake, as HTTP counts it */
+};
+
+enum { WDDX_PARAM_READ = 0, WDDX_PARAM_UNREADABLE = -1 };
+
+enum { WDDX_TRIMMED = 0, WDDX_TRIMMED_IN_PART = -1 };
+
 /*
  * The structure "code", "msg", "params", in this order. `params` is handed over; null gives a null value.
  * Returns the structure, the caller's, or null when memory is short.
@@ -32,8 +45,8 @@ RDX_API WddxValue* CreateWddxStatus(int code, int msg, WddxValue* params);
 RDX_API WddxValue* CreateWddxStatusPacket(int code, int msg, WddxValue* params);
 
 /*
- * The "params" of a packet's member "status", or null. The key is looked up in lower case, so nothing is
- * found in a packet of CreateWddxStatusPacket (kept: clients of the library read foreign packets with it).
+ * The "params" of a packet's member "status", or null. The key is looked up in lower case, as foreign packets
+ * have it that programs read with this function; in a packet of CreateWddxStatusPacket it finds nothing.
  */
 RDX_API WddxValue* GetStatusParams(WddxValue* packet);
 
@@ -48,8 +61,7 @@ RDX_API WddxValue* CreateWddxOwner(const char* owner, const char* allocatedBy);
  *   text  in: the packet; its white space outside strings is removed in place (see TrimWddxArgs). An empty
  *         text ends the process by assertion.
  *   out   out: the structure of arguments, the caller's; null on failure.
- * Returns 0; -1 no text; -2 a tag without its end; 400 not a packet; -3 the packet's value is not a
- * structure.
+ * Returns WDDX_ARGS_PARSED, or one of the codes below it that says why not.
  */
 RDX_API int ParseWddxPacketData(char* text, WddxValue** out);
 
@@ -58,7 +70,8 @@ RDX_API char* GetDataStringParam(WddxValue* s, const char* name);
 
 /*
  * Reads the member `name` as a number: an integer as it is, a boolean as 0 or 1.
- * Returns 0; -1 when it is missing or of another type, with `*out` untouched.
+ * Returns WDDX_PARAM_READ; WDDX_PARAM_UNREADABLE when it is missing or of another type, with `*out`
+ * untouched.
  */
 RDX_API int GetDataIntParam(WddxValue* s, const char* name, int* out);
 
@@ -68,7 +81,7 @@ RDX_API WddxValue* GetDataArrayParam(WddxValue* s, const char* name);
 /*
  * Removes every carriage return, line feed, tab and blank that stands neither inside a tag nor inside the
  * content of a string element, in place. A null or empty text ends the process by assertion.
- * Returns 0; -1 for a tag without its end, with the text trimmed up to that tag.
+ * Returns WDDX_TRIMMED; WDDX_TRIMMED_IN_PART for a tag without its end, with the text trimmed up to that tag.
  */
 RDX_API int TrimWddxArgs(char* text);
 

@@ -3,9 +3,9 @@
  *
  * Conventions of the method handlers
  *   - `call` holds the argument packet, `result` receives the result packet; both belong to the caller.
- *   - A handler returns 0 with a result assigned, 400 when an argument is missing, of the wrong type or too
- *     long (the device is not touched then), or -6 when the result could not be assigned. What the device
- *     answers, refusals included, travels inside the result packet.
+ *   - A handler returns RDX_ANSWERED with a result assigned, RDX_BAD_CALL when an argument is missing, of the
+ *     wrong type or too long (the device is not touched then), or RDX_NOT_ASSIGNED. What the device answers,
+ *     refusals included, travels inside the result packet.
  *   - Handlers keep no state and may run on several threads at once.
  */
 #ifndef RDX_RDXSD_RDXSD_H
@@ -22,9 +22,20 @@ extern "C" {
 /* Number of entries of rdxCommands. */
 enum { RDX_COMMAND_COUNT = 9 };
 
+/* What comes of a call. */
+enum {
+    RDX_ANSWERED = 0,
+    RDX_BAD_CALL = PDATA_BAD_CALL, /* arguments missing or not readable */
+    RDX_NOT_AUTHORISED = -401,     /* the method needs credentials, and the request carries no valid ones */
+    RDX_BODY_TOO_LONG = -3,        /* the body does not fit: it must be shorter than the capacity */
+    RDX_NO_RESULT = -4,            /* no handler produced a result */
+    RDX_UNKNOWN_STATUS = -5,       /* a handler left a status that means nothing here */
+    RDX_NOT_ASSIGNED = -6          /* the result could not be assigned */
+};
+
 /*
- * Names of methods, for clients of the library. "rdxGetVehicleStatus", which is served too, is not among
- * them (kept: clients count on nine).
+ * Names of methods, for clients of the library, which count on nine. "rdxGetVehicleStatus" and whatever came
+ * later are served too and are not among them.
  */
 extern RDX_API const char* const rdxCommands[RDX_COMMAND_COUNT];
 
@@ -39,18 +50,11 @@ extern RDX_API unsigned int server_start_time;
  *   req      in: the request, with a URI.
  *   out      out: the response body.
  *   outLen   in: the capacity of `out` in bytes; out: the body's length. The body of a result counts
- *            without its NUL, the body that says "Unauthorized" with it (kept: clients see that byte).
+ *            without its NUL, the body that says "Unauthorized" with it: clients receive that byte.
  *   outFlag  out: not 0 asks the server to stop; written with a result only.
- * Returns
- *   0     `out` holds the response body
- *   400   bad request: arguments missing or not readable
- *   -401  the method needs credentials and the request carries no valid ones
- *   -3    the body does not fit: it must be shorter than the capacity
- *   -4    no handler produced a result
- *   -5    a handler left a status that means nothing here
- *   -6    the result could not be assigned
- *   or a code of GetMultipartCallData or GetStandardCallData; of an unknown method whose arguments cannot be
- *   read also -2 and -3, as ParseWddxPacketData gives them
+ * Returns RDX_ANSWERED with the response body in `out`, or another of the codes above; a code of
+ * GetMultipartCallData or GetStandardCallData; of an unknown method whose arguments cannot be read also
+ * WDDX_ARGS_TAG_UNTERMINATED and WDDX_ARGS_NOT_A_STRUCTURE.
  * On failure `out`, `*outLen` and `*outFlag` are untouched.
  */
 RDX_API int rDxHandler(HttpRequest* req, char* out, unsigned long* outLen, unsigned char* outFlag);
@@ -58,7 +62,7 @@ RDX_API int rDxHandler(HttpRequest* req, char* out, unsigned long* outLen, unsig
 /*
  * Calls the handler of the method that `call` names; letter case is ignored. Every method but
  * "rdxGetVersion" and "rdxGetDeviceStatus" needs credentials, unknown names included.
- * Returns the handler's code, or -401 without valid credentials, with status and flag of `result` 0.
+ * Returns the handler's code, or RDX_NOT_AUTHORISED, with status and flag of `result` 0.
  */
 RDX_API int rDxProcessCall(HttpRequest* req, TavrinRequest* call, TavrinResponse* result);
 
@@ -94,8 +98,8 @@ RDX_API int ProcessUpdateDeviceFirmware(TavrinRequest* call, TavrinResponse* res
 
 /*
  * Every other name: a status packet that says so (42010, 9003).
- * Returns 0; the code of ParseWddxPacketData when the arguments could not be parsed; -6 when the result
- * could not be assigned.
+ * Returns RDX_ANSWERED; the code of ParseWddxPacketData when the arguments could not be parsed;
+ * RDX_NOT_ASSIGNED.
  */
 RDX_API int ProcessUnknown(TavrinRequest* call, TavrinResponse* result);
 

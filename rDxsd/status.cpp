@@ -1,7 +1,6 @@
 // What the device and the vehicle are doing.
 #include "common/memory.h"
 #include "common/text.h"
-#include "rDxsd/codes.h"
 #include "rDxsd/device_info.h"
 #include "rDxsd/method.h"
 #include "rDxsd/rDxsd.h"
@@ -24,7 +23,7 @@ using namespace rdx;
 // --- rdxGetVersion --------------------------------------------------------------------------------------
 
 constexpr std::size_t kVersionResultSize = 4477;
-constexpr int kProtocolVersion = 100;
+constexpr int kServiceVersion = 100;
 
 // Blanks, tabs and the lower-case "status" are part of the protocol: clients rely on this very text.
 constexpr char kVersionResult[] =
@@ -77,12 +76,11 @@ int UpTime() {
 
 // The structure of one channel in "IfUsage".
 OwnedValue MakeChannel(const char* name, bool controlled, const char* controlledBy) {
-    OwnedValue channel = MakeStruct();
-    const bool complete =
-        SetMember(channel, "Channel", MakeText(name)) &&
-        SetMember(channel, "Connection", MakeText(controlled ? "controlled" : "open")) &&
-        SetMember(channel, "ControlledBy", controlled ? MakeText(controlledBy) : MakeNull());
-    return complete ? std::move(channel) : nullptr;
+    Structure channel(RowOf(ProcessGetDeviceStatus), "IfUsage");
+    channel.Add("Channel", MakeText(name));
+    channel.Add("Connection", MakeText(controlled ? "controlled" : "open"));
+    channel.Add("ControlledBy", controlled ? MakeText(controlledBy) : MakeNull());
+    return channel.Release();
 }
 
 bool SetElement(const OwnedValue& array, int index, OwnedValue value) {
@@ -91,8 +89,8 @@ bool SetElement(const OwnedValue& array, int index, OwnedValue value) {
     return true;
 }
 
-// "IfUsage": devices with a MOST channel name it first. The array of a device without one has room for it
-// all the same, unless the device is one of the two that have but one channel (kept).
+// "IfUsage": devices with a MOST channel name it first. Clients find room for it, a null element, in the
+// array of a device without one too, unless the device is one of the two that have but one channel.
 OwnedValue MakeInterfaceUsage(int deviceType, bool controlled, const char* controlledBy) {
     const bool oneChannel = deviceType == kMkt || deviceType == kKavoZr;
     const bool hasMost = deviceType == kQurt || deviceType == kQrt || deviceType == kKavo;
@@ -135,11 +133,11 @@ private:
     }
 
     OwnedValue MakeAttribute(int i) const {
-        OwnedValue attribute = MakeStruct();
-        const bool complete = SetMember(attribute, "AttributeName", MakeText(names_[i])) &&
-                              SetMember(attribute, "AttributeValue", MakeText(values_[i])) &&
-                              SetMember(attribute, "IsPersistent", MakeFlag(At(persistence_, i) != 0));
-        return complete ? std::move(attribute) : nullptr;
+        Structure attribute(RowOf(ProcessGetDeviceStatus), "SlpAttributes");
+        attribute.Add("AttributeName", MakeText(names_[i]));
+        attribute.Add("AttributeValue", MakeText(values_[i]));
+        attribute.Add("IsPersistent", MakeFlag(At(persistence_, i) != 0));
+        return attribute.Release();
     }
 
     char** names_ = nullptr;
@@ -182,7 +180,7 @@ public:
         char address[kAddressSize + 1] = ""; // a library that fills it to the brim needs no NUL
         char netmask[kAddressSize + 1] = "";
         char gateway[kAddressSize + 1] = "";
-        // Kept: what it filled counts, whatever its result.
+        // What it filled is what clients see, whatever its result.
         static_cast<void>(rDxGetActiveIpConf(address, netmask, gateway, kAddressSize));
         Add("IpAddress", MakeText(address));
         Add("Netmask", MakeText(netmask));
@@ -212,13 +210,11 @@ public:
         Add("SlpAttributes", attributes.Make());
     }
 
-    void Add(const char* key, OwnedValue value) {
-        if (!SetMember(answer_, key, std::move(value))) answer_.reset();
-    }
+    void Add(const char* key, OwnedValue value) { answer_.Add(key, std::move(value)); }
 
     int Assign(TavrinResponse* result) {
         Add("Status", MakeStatus(code_, 0, MakeNull()));
-        return AssignWddxResult(result, answer_.get(), "rDxGetDeviceStatus") == 0 ? kAnswered : kNotAssigned;
+        return answer_.Assign(result);
     }
 
 private:
@@ -228,19 +224,12 @@ private:
         return result == 0;
     }
 
-    OwnedValue answer_ = MakeStruct();
+    Structure answer_{RowOf(ProcessGetDeviceStatus)};
     int type_ = 0;
     int code_ = 0;
 };
 
 // --- rdxGetVehicleStatus --------------------------------------------------------------------------------
-
-constexpr Outcome kVehicleOutcomes[] = {
-    {1, 42030, 9011, Detail::kReason},
-    {2, 42020, 9012, Detail::kOwner}, // owned by another
-    {3, -1, 9072, Detail::kReason},
-    {kAnyOther, -1, 9071, Detail::kReason},
-};
 
 // "KLine" and "LLine" for the device library's state of a line.
 int LineState(int state) {
@@ -271,26 +260,26 @@ int TdPeriod(int raw) {
     return static_cast<int>(std::clamp<std::int64_t>(period, INT_MIN, INT_MAX));
 }
 
-OwnedValue MakeVoltage(const Measures& measures) {
-    OwnedValue voltage = MakeStruct();
-    const bool complete = SetMember(voltage, "Terminal_15", MakeInteger(measures.iTerminal15)) &&
-                          SetMember(voltage, "Terminal_30", MakeInteger(measures.iTerminal30));
-    return complete ? std::move(voltage) : nullptr;
+OwnedValue MakeVoltage(const MethodRow& method, const Measures& measures) {
+    Structure voltage(method, "Voltage");
+    voltage.Add("Terminal_15", MakeInteger(measures.iTerminal15));
+    voltage.Add("Terminal_30", MakeInteger(measures.iTerminal30));
+    return voltage.Release();
 }
 
-OwnedValue MakeTdSignal(const Measures& measures) {
-    OwnedValue signal = MakeStruct();
-    const bool complete = SetMember(signal, "Period", MakeInteger(TdPeriod(measures.iTdPeriod))) &&
-                          SetMember(signal, "IsValid", MakeFlag(measures.iTdValid != 0));
-    return complete ? std::move(signal) : nullptr;
+OwnedValue MakeTdSignal(const MethodRow& method, const Measures& measures) {
+    Structure signal(method, "TdSignal");
+    signal.Add("Period", MakeInteger(TdPeriod(measures.iTdPeriod)));
+    signal.Add("IsValid", MakeFlag(measures.iTdValid != 0));
+    return signal.Release();
 }
 
-OwnedValue MakeLineStatus(const Measures& measures, std::optional<int> most) {
-    OwnedValue lines = MakeStruct();
-    const bool complete = SetMember(lines, "KLine", MakeInteger(LineState(measures.iKLine))) &&
-                          SetMember(lines, "LLine", MakeInteger(LineState(measures.iLLine))) &&
-                          (!most || SetMember(lines, "MOST", MakeInteger(*most)));
-    return complete ? std::move(lines) : nullptr;
+OwnedValue MakeLineStatus(const MethodRow& method, const Measures& measures, std::optional<int> most) {
+    Structure lines(method, "LineStatus");
+    lines.Add("KLine", MakeInteger(LineState(measures.iKLine)));
+    lines.Add("LLine", MakeInteger(LineState(measures.iLLine)));
+    if (most) lines.Add("MOST", MakeInteger(*most));
+    return lines.Release();
 }
 
 int TransmissionQuality() {
@@ -302,17 +291,17 @@ int TransmissionQuality() {
 
 int ProcessGetVersion(TavrinRequest* call, TavrinResponse* result) {
     std::printf("\nProcessGetVersion");
-    const Arguments arguments(*call);
-    if (!arguments.IntegerOrFlag("version")) return kBadCall; // asked for, but all are answered alike
+    // The client's version is asked for, but all are answered alike.
+    if (!Arguments(*call, RowOf(ProcessGetVersion)).Fit()) return RDX_BAD_CALL;
 
     OwnedText text = AllocateBytes(kVersionResultSize);
-    if (!text) return kNotAssigned;
-    std::snprintf(text.get(), kVersionResultSize, kVersionResult, 0, kProtocolVersion);
+    if (!text) return RDX_NOT_ASSIGNED;
+    std::snprintf(text.get(), kVersionResultSize, kVersionResult, 0, kServiceVersion);
     FreeTnResponse(result);
     result->pszWddxResult = text.release();
-    result->iStatus = kStatusResult;
+    result->iStatus = PDATA_STATUS_RESULT;
     result->ucFlag = 0;
-    return 0;
+    return RDX_ANSWERED;
 }
 
 int ProcessGetDeviceStatus(TavrinRequest* /*call*/, TavrinResponse* result) {
@@ -329,18 +318,18 @@ int ProcessGetDeviceStatus(TavrinRequest* /*call*/, TavrinResponse* result) {
 }
 
 int ProcessGetVehicleStatus(TavrinRequest* call, TavrinResponse* result) {
-    const Arguments arguments(*call);
-    const char* const owner = arguments.Text("DeviceOwner", kOwnerMax);
-    if (owner == nullptr) return kBadCall;
+    const MethodRow& method = RowOf(ProcessGetVehicleStatus);
+    const Arguments arguments(*call, method);
+    if (!arguments.Fit()) return RDX_BAD_CALL;
     Measures measures{};
     unsigned long most = 0;
-    const int done = rDxGetVehicleStatus(owner, &measures, &most);
-    Answer answer(FindOutcome(kVehicleOutcomes, done));
-    if (done == 0) {
-        answer.Add("Voltage", MakeVoltage(measures));
-        answer.Add("TdSignal", MakeTdSignal(measures));
-        answer.Add("LineStatus", MakeLineStatus(measures, MostState(most)));
+    const int done = rDxGetVehicleStatus(arguments.Text("DeviceOwner"), &measures, &most);
+    Structure answer = StatusPacket(method, done);
+    if (done == kSuccess.result) {
+        answer.Add("Voltage", MakeVoltage(method, measures));
+        answer.Add("TdSignal", MakeTdSignal(method, measures));
+        answer.Add("LineStatus", MakeLineStatus(method, measures, MostState(most)));
         answer.Add("TransmissionQuality", MakeInteger(TransmissionQuality()));
     }
-    return answer.Assign(result, "rdxGetVehicleStatus");
+    return answer.Assign(result);
 }

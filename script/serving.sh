@@ -11,21 +11,31 @@ in_use() {
 # and would need a program that a bare system may lack.
 demo_user='demo:$6$rdxdemo$iNtN0PPu4FpeeqB6wkcwCz43zb2et5./EtWzqO6hNcztT85b9jZsCZpKhSM4CgH2xMlx8pAPdhZqaFSdTQ7Qj/:19000:0:99999:7:::'
 
-# give_demo_user FOLDER: makes `with_demo_user` the words that, put before a command, run it with a shadow
+# give_demo_user FOLDER PROGRAM: makes `with_demo_user` the words that, put before PROGRAM, run it with a shadow
 # database of its own, FOLDER/shadow, which holds the user demo alone. It lies over /etc/shadow in a mount
 # namespace that only this command sees; the machine's own is not touched. Root may have such a namespace,
-# an ordinary user only together with one for users, in which it counts as root. Each step becomes the next
-# program, so that the process keeps its number and its signals. Where the system allows neither, the words
-# are none and `no_demo_user` says why.
+# an ordinary user only together with one for users, in which it counts as root. Where the system allows
+# neither, as in most containers, a library that is preloaded has PROGRAM read that file. Each step becomes the
+# next program, so that the process keeps its number and its signals. Where nothing helps, the words are none
+# and `no_demo_user` says why.
 give_demo_user() {
-    local namespaces
+    local over='mount --bind "$0" /etc/shadow && exec "$@"' library
+    library=$(dirname "$2")/librdxusers.so
+    [ -e "$library" ] || library=build/server/librdxusers.so # an installed program has none
     (umask 077 && printf '%s\n' "$demo_user" >"$1/shadow")
-    for namespaces in -m -rm; do
-        no_demo_user=
-        with_demo_user=(unshare "$namespaces" sh -c 'mount --bind "$0" /etc/shadow && exec "$@"' "$1/shadow")
-        ! "${with_demo_user[@]}" getent shadow demo >/dev/null 2>"$1/refusal" || return 0
-        no_demo_user=$(tail -n 1 "$1/refusal")
-    done
+    knows_demo "$1" unshare -m sh -c "$over" "$1/shadow" ||
+        knows_demo "$1" unshare -rm sh -c "$over" "$1/shadow" ||
+        knows_demo "$1" env "LD_PRELOAD=$library${LD_PRELOAD:+:$LD_PRELOAD}" "RDX_SIM_USERS=$1/shadow" ||
+        with_demo_user=()
+}
+
+# knows_demo FOLDER WORD...: whether these words put the user demo in reach. A program that could not be given
+# another database would ask the machine's, which may have a user of that name.
+knows_demo() {
+    with_demo_user=("${@:2}")
+    no_demo_user=
+    [ "$("${with_demo_user[@]}" getent shadow demo 2>"$1/refusal")" != "$demo_user" ] || return 0
+    no_demo_user=$(tail -n 1 "$1/refusal")
     : "${no_demo_user:=the database could not be read}"
-    with_demo_user=()
+    return 1
 }

@@ -5,6 +5,8 @@
 #ifndef RDX_SERVER_DESCRIPTORS_H
 #define RDX_SERVER_DESCRIPTORS_H
 
+#include "common/shared.h"
+
 #include <cstddef>
 #include <sys/select.h>
 
@@ -12,6 +14,7 @@ namespace rdx {
 
 using DescriptorWord = fd_mask;
 inline constexpr std::size_t kDescriptorWords = FD_SETSIZE / NFDBITS;
+inline constexpr DescriptorWord kEveryDescriptor = ~DescriptorWord{0};
 
 inline DescriptorWord DescriptorBit(int descriptor) {
     return static_cast<DescriptorWord>(1UL << (static_cast<unsigned>(descriptor) % NFDBITS));
@@ -22,26 +25,26 @@ inline DescriptorWord& WordOf(fd_set& set, int descriptor) {
 }
 
 inline void AddDescriptor(fd_set& set, int descriptor) {
-    __atomic_fetch_or(&WordOf(set, descriptor), DescriptorBit(descriptor), __ATOMIC_SEQ_CST);
+    SetSharedBits(WordOf(set, descriptor), DescriptorBit(descriptor));
 }
 
 // True when the descriptor was in the set.
 inline bool RemoveDescriptor(fd_set& set, int descriptor) {
     const DescriptorWord bit = DescriptorBit(descriptor);
-    return (__atomic_fetch_and(&WordOf(set, descriptor), ~bit, __ATOMIC_SEQ_CST) & bit) != 0;
+    return (ClearSharedBits(WordOf(set, descriptor), bit) & bit) != 0;
 }
 
 // A copy for `select` to work on.
 inline void CopyDescriptors(fd_set& copy, const fd_set& set) {
     for (std::size_t i = 0; i < kDescriptorWords; ++i) {
-        copy.fds_bits[i] = __atomic_load_n(&set.fds_bits[i], __ATOMIC_ACQUIRE);
+        copy.fds_bits[i] = LoadShared(set.fds_bits[i]);
     }
 }
 
 // Moves every descriptor of `from` into `to`, which no other thread uses.
 inline void MoveDescriptors(fd_set& to, fd_set& from) {
     for (std::size_t i = 0; i < kDescriptorWords; ++i) {
-        to.fds_bits[i] |= __atomic_exchange_n(&from.fds_bits[i], 0, __ATOMIC_SEQ_CST);
+        to.fds_bits[i] |= ClearSharedBits(from.fds_bits[i], kEveryDescriptor);
     }
 }
 

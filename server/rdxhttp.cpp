@@ -32,9 +32,8 @@ namespace {
 
 constexpr int kListenBacklog = 5;
 constexpr const char* kDefaultPort = "www";
-constexpr const char* kDefaultPath = "/etc/tnd.ini";
 
-char szConfigPath[RDXHTTP_PATH_SIZE] = "/etc/tnd.ini";
+char szConfigPath[RDXHTTP_PATH_SIZE] = CONFIG_DEFAULT_PATH;
 
 // The thread that runs the server. The handler may find itself on another one, if a host leaves the caught
 // signals unblocked there.
@@ -60,7 +59,7 @@ int ReadPath(char* value, char* /*szSvcPort*/) {
 }
 
 int ReadThreadLimit(char* value, char* /*szSvcPort*/) {
-    nMaxThreads = std::max(rdx::ParseDecimal(value), 1);
+    rdx::StoreShared(nMaxThreads, std::max(rdx::ParseDecimal(value), 1));
     return 0;
 }
 
@@ -71,23 +70,24 @@ int ReadAdminServer(char* value, char* /*szSvcPort*/) {
     if (colon != nullptr) *colon = '\0';
     rdx::StoreSharedText(szAdminServerHost, value);
     if (colon == nullptr) {
-        uiAdminServerPort = kDefaultAdminPort;
+        rdx::StoreShared(uiAdminServerPort, kDefaultAdminPort);
         return 0;
     }
     const std::string_view port(colon + 1);
-    if (port.empty() || port[0] < '0' || port[0] > '9') return -1;
-    uiAdminServerPort = static_cast<unsigned>(rdx::ParseDecimal(port.substr(0, kPortDigits)));
+    if (port.empty() || port[0] < '0' || port[0] > '9') return RDXHTTP_BAD_COMMAND_LINE;
+    rdx::StoreShared(uiAdminServerPort,
+                     static_cast<unsigned>(rdx::ParseDecimal(port.substr(0, kPortDigits))));
     return 0;
 }
 
 int ReadCredentials(char* value, char* /*szSvcPort*/) {
     constexpr std::size_t kMostCredentials = 26; // characters accepted
-    constexpr std::size_t kAuthInfoKept = 25; // characters kept of "Basic " and them: clients rely on the cut
+    constexpr std::size_t kAuthInfoCut = 25; // characters of "Basic " and them: servers know no more of them
     const std::string_view credentials(value);
-    if (credentials.size() > kMostCredentials) return -1;
+    if (credentials.size() > kMostCredentials) return RDXHTTP_BAD_COMMAND_LINE;
     char text[sizeof szAuthInfo];
     rdx::Appender(text).Add("Basic ").Add(credentials);
-    rdx::StoreSharedText(szAuthInfo, std::string_view(text).substr(0, kAuthInfoKept));
+    rdx::StoreSharedText(szAuthInfo, std::string_view(text).substr(0, kAuthInfoCut));
     return 0;
 }
 
@@ -107,39 +107,42 @@ constexpr std::array<Option, 5> kOptions = {{
 // "Basic " and the configured credentials, for the requests that the server sends.
 void TakeConfiguredCredentials() {
     char text[sizeof szAuthInfo];
-    rdx::Appender(text).Add("Basic ").Add(szConfigAuthInfo);
+    rdx::Appender(text).Add("Basic ").Add(rdx::SharedText(szConfigAuthInfo).View());
     rdx::StoreSharedText(szAuthInfo, text);
 }
 
 // Everything up to the signals: settings from the command line and the file. 0 or the start's result.
 int Configure(int argc, char** argv, char* port) {
-    uiAdminServerPort = 0;
-    nMaxThreads = 1;
-    if (ParseCommandLine(argc, argv, port) != 0) return RDXHTTP_BAD_COMMAND_LINE;
+    rdx::StoreShared(uiAdminServerPort, 0);
+    rdx::StoreShared(nMaxThreads, 1);
+    if (ParseCommandLine(argc, argv, port) != RDXHTTP_OK) return RDXHTTP_BAD_COMMAND_LINE;
     SetDefaultConfig();
-    if (uiAdminServerPort != 0) rdx::StoreShared<unsigned char>(ucRunAsJunior, 1);
-    if (ReadIniFile(szConfigPath, "HTTP") != 0) return RDXHTTP_BAD_CONFIGURATION;
-    if (ucRunAsJunior != 0) TakeConfiguredCredentials();
-    if (szConfigLogfile[0] != '\0' && OpenLogfile(szConfigLogfile) != 0) return RDXHTTP_BAD_LOGFILE;
-    return 0;
+    if (rdx::LoadShared(uiAdminServerPort) != 0) rdx::StoreShared(ucRunAsJunior, 1);
+    if (ReadIniFile(szConfigPath, "HTTP") != CONFIG_OK) return RDXHTTP_BAD_CONFIGURATION;
+    if (rdx::LoadShared(ucRunAsJunior) != 0) TakeConfiguredCredentials();
+    const rdx::SharedText logfile(szConfigLogfile);
+    if (!logfile.View().empty() && OpenLogfile(logfile.c_str()) != 0) return RDXHTTP_BAD_LOGFILE;
+    return RDXHTTP_OK;
 }
 
 void LogConcurrency() {
-    if (nMaxThreads > 1) {
-        rdx::LogThread("main()", "MT server - maximum concurrency level =", nMaxThreads);
+    const int limit = rdx::LoadShared(nMaxThreads);
+    if (limit > 1) {
+        rdx::LogThread("main()", "MT server - maximum concurrency level =", limit);
     } else {
-        rdx::LogPlain("main()", "running single threaded server", nMaxThreads);
+        rdx::LogPlain("main()", "running single threaded server", limit);
     }
 }
 
 // The configured port always wins over the command line's, since there always is one.
 void TakeConfiguredPort(char* port) {
-    if (std::strcmp(port, szConfigSvcPort) == 0) return;
+    const rdx::SharedText configured(szConfigSvcPort);
+    if (port == configured.View()) return;
     if (IsVerbose()) {
         rdx::LogString("main()", "warning - svc port from config file overrides cmdline or default param",
-                       szConfigSvcPort);
+                       configured.c_str());
     }
-    rdx::CopyBounded({port, RDXHTTP_PORT_SIZE}, szConfigSvcPort);
+    rdx::CopyBounded({port, RDXHTTP_PORT_SIZE}, configured.View());
 }
 
 // Opens the service port, serves on it until the loop ends, and closes it. 0 or the start's result.
@@ -149,8 +152,9 @@ int ServeOnce(char* port) {
     int server = -1;
     if (CreateSrvSocket(port, kListenBacklog, &server) < 0) return RDXHTTP_NO_SERVER_SOCKET;
     LogProgress("server socket created", 0);
-    const int result = RunHttpServer(static_cast<unsigned>(server), static_cast<unsigned>(nMaxThreads));
-    if (result != 0) {
+    const int result =
+        RunHttpServer(static_cast<unsigned>(server), static_cast<unsigned>(rdx::LoadShared(nMaxThreads)));
+    if (result != SERVICE_LOOP_ENDED) {
         close(server);
         return RDXHTTP_NO_SERVICE_LOOP;
     }
@@ -163,7 +167,7 @@ int ServeUntilEnd(char* port) {
     for (;;) {
         const int result = ServeOnce(port);
         if (result != 0 || rdx::LoadShared(ucReconfigured) == 0) return result;
-        rdx::StoreShared<unsigned char>(ucReconfigured, 0);
+        rdx::StoreShared(ucReconfigured, 0);
         LogProgress("Tavrin reconfiguration event", 0);
     }
 }
@@ -173,9 +177,9 @@ class ServerThread {
 public:
     ServerThread() {
         serverThread = pthread_self();
-        rdx::StoreShared<unsigned char>(serverThreadKnown, 1);
+        rdx::StoreShared(serverThreadKnown, 1);
     }
-    ~ServerThread() { rdx::StoreShared<unsigned char>(serverThreadKnown, 0); }
+    ~ServerThread() { rdx::StoreShared(serverThreadKnown, 0); }
     ServerThread(const ServerThread&) = delete;
     ServerThread& operator=(const ServerThread&) = delete;
 };
@@ -205,9 +209,11 @@ struct SignalsNotedInTheEnd {
     SignalsNotedInTheEnd& operator=(const SignalsNotedInTheEnd&) = delete;
 };
 
-// True when another thread runs the server: the signal is that thread's, which handles it where it waits.
+// True when it is a caught signal and another thread runs the server: it is that thread's, which handles it
+// where it waits.
 bool PassToServerThread(int sig) {
-    if (rdx::LoadShared(serverThreadKnown) == 0 || pthread_equal(serverThread, pthread_self()) != 0)
+    if (std::ranges::find(rdx::kCaughtSignals, sig) == rdx::kCaughtSignals.end() ||
+        rdx::LoadShared(serverThreadKnown) == 0 || pthread_equal(serverThread, pthread_self()) != 0)
         return false;
     return pthread_kill(serverThread, sig) == 0;
 }
@@ -227,7 +233,7 @@ int rdxhttp_main(int argc, char** argv) {
     if (AssertCrt() != 0) return RDXHTTP_BAD_COMMAND_LINE;
     char port[RDXHTTP_PORT_SIZE];
     rdx::CopyBounded(port, kDefaultPort);
-    rdx::CopyBounded(szConfigPath, kDefaultPath);
+    rdx::CopyBounded(szConfigPath, CONFIG_DEFAULT_PATH);
     if (const int result = Configure(argc, argv, port); result != 0) return result;
     LogConcurrency();
     if (InitSignalHandling() != 0) return RDXHTTP_NO_SIGNALS;
@@ -236,7 +242,7 @@ int rdxhttp_main(int argc, char** argv) {
     const SignalsNotedInTheEnd noted;
     if (InitSockLib() != 0) return RDXHTTP_NO_SOCKETS;
     LogProgress("socket library initialized", 0);
-    rdx::StoreShared(uiReconfigurations, 0U);
+    rdx::StoreShared(uiReconfigurations, 0);
     if (const int result = ServeUntilEnd(port); result != 0) return result;
     if (errlog != StdErr || outlog != StdOut) CloseLogfile();
     return RDXHTTP_OK;
@@ -249,16 +255,16 @@ int rDxHttpDeinitialize() { return 0; }
 int ParseCommandLine(int argc, char** argv, char* szSvcPort) {
     for (int i = 1; i < argc; i += 2) {
         const auto* const option = std::ranges::find(kOptions, std::string_view(argv[i]), &Option::word);
-        if (option == kOptions.end() || i + 1 >= argc) return -1;
-        if (option->read(argv[i + 1], szSvcPort) != 0) return -1;
+        if (option == kOptions.end() || i + 1 >= argc) return RDXHTTP_BAD_COMMAND_LINE;
+        if (option->read(argv[i + 1], szSvcPort) != RDXHTTP_OK) return RDXHTTP_BAD_COMMAND_LINE;
     }
-    return 0;
+    return RDXHTTP_OK;
 }
 
 int InitSignalHandling() {
     rdx::StoreShared(sigerr, 0);
     rdx::StoreShared(signalled, 0);
-    if (!CatchSignals(SignalHandler)) return -6;
+    if (!CatchSignals(SignalHandler)) return RDXHTTP_NO_SIGNALS;
     sigset_t reconfigure;
     sigemptyset(&reconfigure);
     sigaddset(&reconfigure, SIGUSR1);
@@ -270,7 +276,7 @@ int InitSignalHandling() {
     struct sigaction action {};
     action.sa_handler = SIG_IGN;
     for (const int number : {SIGINT, SIGQUIT, SIGPIPE}) sigaction(number, &action, nullptr);
-    return 0;
+    return RDXHTTP_OK;
 }
 
 void SignalHandler(int sig) {

@@ -29,8 +29,8 @@ enum {
     RDXHTTP_SERVER_SOCKET_LOST = -11 /* the service port could not be closed */
 };
 
-/* The names of signals 0 to 29 as the signal handler prints them, in System V's order (kept: where Linux
-   numbers a signal differently, another signal's name is printed). */
+/* The names of signals 0 to 29 as the signal handler prints them, in System V's order: where Linux numbers
+   a signal differently, another signal's name is printed, as readers of these logs know it. */
 extern RDX_API const char* const aszSigNames[30];
 
 /*
@@ -53,22 +53,23 @@ RDX_API int rDxHttpDeinitialize(void);
  * Reads the command line from argv[1] on: "-p" port, into `szSvcPort` of RDXHTTP_PORT_SIZE bytes, cut when
  * too long; "-c" configuration path; "-mt" thread limit, at least 1; "-as" administration server as host or
  * host:port; "-ba" credentials of at most 26 characters, of which 19 are kept.
- * Returns 0, or -1 for an unknown word, an option without its value, a port that does not begin with a digit
- * and credentials that are too long; what came before stays set.
+ * Returns RDXHTTP_OK, or RDXHTTP_BAD_COMMAND_LINE for an unknown word, an option without its value, a port
+ * that does not begin with a digit and credentials that are too long; what came before stays set.
  */
 RDX_API int ParseCommandLine(int argc, char** argv, char* szSvcPort);
 
 /* Installs the signal handler and ignores SIGINT, SIGQUIT and SIGPIPE; unblocks SIGUSR1 in the calling
-   thread. Returns 0, or -6 when a handler could not be installed. */
+   thread. Returns RDXHTTP_OK, or RDXHTTP_NO_SIGNALS when a handler could not be installed. */
 RDX_API int InitSignalHandling(void);
 
 /*
  * Handles a caught signal: SIGUSR1 reads the configuration file again, every other one stops the server.
- * On a thread that does not run the server, while another does, it passes the signal on to that thread.
+ * On a thread that does not run the server, while another does, it passes a signal that the server catches on
+ * to that thread; any other number it handles itself, wherever it is called.
  */
 RDX_API void SignalHandler(int sig);
 
-/* Writes the log line "program exits". Not installed by the start (kept). */
+/* Writes the log line "program exits". The start does not install it: a host that wants the line does. */
 RDX_API void ExitFunction(void);
 
 /* Checks the run-time library: nothing to check here. Returns 0. */

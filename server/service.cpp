@@ -10,6 +10,7 @@
 #include "common/portability_sockets.h"
 #include "common/shared.h"
 #include "common/signal_windows.h"
+#include "http/pages.h"
 #include "rDxsd/rDxsd.h"
 #include "server/descriptors.h"
 #include "server/service_pool.h"
@@ -17,6 +18,7 @@
 
 #include <algorithm>
 #include <array>
+#include <chrono>
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
@@ -45,8 +47,11 @@ int ConnectionLimit(int tableSize) {
 rdx::ServicePool* servicePool = nullptr;
 
 bool IsRaised(const unsigned char& flag) { return rdx::LoadShared(flag) != 0; }
-void Raise(unsigned char& flag) { rdx::StoreShared<unsigned char>(flag, 1); }
+void Raise(unsigned char& flag) { rdx::StoreShared(flag, 1); }
 bool ShallEnd() { return IsRaised(ucTerminated) || IsRaised(ucReconfigured); }
+
+// Whose steps the functions of the loop are, in its assertions.
+constexpr const char* kRunHttpServer = "int RunHttpServer(unsigned int, unsigned int)";
 
 // Sleeping here paces the loop, and lets the caught signals in.
 void Pace() {
@@ -60,6 +65,53 @@ int Select(int count, fd_set& ready, timeval& timeout) {
     const rdx::SignalWindow window;
     return select(count, &ready, nullptr, nullptr, &timeout);
 }
+
+// A free slot that no pool has.
+ServiceCall FreeSlot() {
+    ServiceCall slot{};
+    slot.hSocket = -1;
+    slot.iSvcStatus = SERVICE_FREE;
+    slot.hThreadId = kNoThread;
+    return slot;
+}
+
+// Whether a ready connection is one that its client has left, with nothing unread and nothing still to be
+// delivered: to serve it is to close it, which takes no time.
+bool IsOnlyToBeClosed(int socket) {
+    return rdx::LookAtPeer(socket) != rdx::Peer::kThere && rdx::IsDelivered(socket);
+}
+
+// Connections that found every thread busy. The loop never queues: they stay open and unwatched, neither
+// served nor closed, for as long as their clients are there.
+class UnservedConnections {
+public:
+    void Add(int socket) {
+        if (count_++ == 0) nextLook_ = Clock::now() + kLookEvery;
+        FD_SET(socket, &set_);
+    }
+
+    // Closes those whose client has left. Looks at most once in kLookEvery.
+    void CloseLeft() {
+        if (count_ == 0 || Clock::now() < nextLook_) return;
+        nextLook_ = Clock::now() + kLookEvery;
+        for (int socket = 0; socket < kMostDescriptors; ++socket) {
+            if (!FD_ISSET(socket, &set_) || !rdx::HasPeerLeft(socket) || !rdx::IsDelivered(socket)) continue;
+            FD_CLR(socket, &set_);
+            --count_;
+            CloseSocket(socket);
+        }
+    }
+
+    const fd_set& Set() const { return set_; }
+
+private:
+    using Clock = std::chrono::steady_clock;
+    static constexpr std::chrono::seconds kLookEvery{1};
+
+    fd_set set_{};
+    int count_ = 0;
+    Clock::time_point nextLook_;
+};
 
 // One run of the loop, from the listening socket's first watch to the close of every connection.
 class ServiceLoop {
@@ -80,7 +132,7 @@ public:
 
     // Closes every connection that the loop still holds, the unwatched ones too.
     void CloseConnections() {
-        fd_set held = unserved_;
+        fd_set held = unserved_.Set();
         if (pool_ != nullptr) {
             pool_->EndLoop(held);
         } else {
@@ -98,6 +150,7 @@ private:
         rdx::CopyDescriptors(ready, watched_);
         UpdateServerStatus(slots_, slotCount_);
         if (ShallEnd()) return false;
+        unserved_.CloseLeft();
         const int found = Select(count_, ready, timeout_);
         if (found < 0) ReportSocketError("RunHttpServer()", "select failed");
         if (found <= 0) return true;
@@ -151,10 +204,12 @@ private:
         rdx::RemoveDescriptor(watched_, descriptor);
         if (rdx::Traces()) rdx::LogThread("RunHttpServer()", "removed handle from active set", descriptor);
         const auto body = rdx::LoadShared(ucRunAsJunior) != 0 ? ServeClientInStages : ServeClient;
-        if (pool_ != nullptr) return ServeOnThread(descriptor, body);
-        ServiceCall& slot = slots_[0];
+        if (pool_ != nullptr && !IsOnlyToBeClosed(descriptor)) return ServeOnThread(descriptor, body);
+        // A client that has left needs no thread: its service is over at once.
+        ServiceCall own = FreeSlot();
+        ServiceCall& slot = pool_ != nullptr ? own : slots_[0];
         Prepare(slot, descriptor);
-        slot.hThreadId = PrimaryThreadID();
+        rdx::StoreShared(slot.hThreadId, PrimaryThreadID());
         body(&slot);
         return true;
     }
@@ -163,20 +218,19 @@ private:
         ServiceCall* const slot =
             NumOfThreads() < slotCount_ ? GetServiceCallPtr(slots_, slotCount_) : nullptr;
         if (slot == nullptr) {
-            // Kept: the loop never queues. The connection stays open and unwatched until the loop ends.
-            FD_SET(descriptor, &unserved_);
+            unserved_.Add(descriptor);
             return true;
         }
         Prepare(*slot, descriptor);
-        if (const int started = pool_->StartThread(slot, body); started != 0) {
+        if (const int started = pool_->StartThread(slot, body); started != THREAD_CREATED) {
             // A thread that could not be detached serves all the same: the connection is its own.
-            if (!rdx::ServicePool::ThreadRuns(started)) FD_SET(descriptor, &unserved_);
+            if (!rdx::ServicePool::ThreadRuns(started)) unserved_.Add(descriptor);
             Raise(ucTerminated);
             return false;
         }
         const ThreadID thread = rdx::LoadShared(slot->hThreadId);
-        RDX_CHECK(thread != 0, "pSvc->hThreadId != 0L");
-        RDX_CHECK(thread != kNoThread, "pSvc->hThreadId != ((ThreadID)(-1))");
+        RDX_CHECK_FOR(kRunHttpServer, thread != 0, "pSvc->hThreadId != 0L");
+        RDX_CHECK_FOR(kRunHttpServer, thread != kNoThread, "pSvc->hThreadId != ((ThreadID)(-1))");
         if (rdx::Traces()) rdx::LogThread("RunHttpServer()", "created thread ID =", static_cast<int>(thread));
         return true;
     }
@@ -187,16 +241,16 @@ private:
         slot.ucTerminate = 0;
         slot.ucReconfigure = 0;
         rdx::StoreShared(slot.hThreadId, kNoThread);
-        rdx::StoreShared<int>(slot.iSvcStatus, SERVICE_RUNNING);
+        rdx::StoreShared(slot.iSvcStatus, SERVICE_RUNNING);
     }
 
     int server_;
     ServiceCall* slots_;
     int slotCount_;
-    rdx::ServicePool* pool_;      // null in the single-threaded server
-    fd_set ownSet_{};             // the watched set of the single-threaded server
-    fd_set& watched_;             // the listening socket and the idle connections
-    fd_set unserved_{};           // connections that found every thread busy
+    rdx::ServicePool* pool_; // null in the single-threaded server
+    fd_set ownSet_{};        // the watched set of the single-threaded server
+    fd_set& watched_;        // the listening socket and the idle connections
+    UnservedConnections unserved_;
     int count_;                   // descriptors looked at
     int limit_;                   // a connection with this descriptor or a higher one is closed at once
     timeval timeout_{0, 500'000}; // set once: when it is used up, `select` polls and Pace alone paces
@@ -210,51 +264,80 @@ void CloseAnswered(int socket) {
     printf("\nServeClientDone: Socket closed");
 }
 
-// The answer to a request for which there is no result.
+// The answer to a request for which there is no result, and its trace.
 struct ErrorPage {
     int result; // of reading or handling the request
     unsigned short status;
     const char* body;
     const char* trace;
 };
-
-constexpr ErrorPage kBadRequest = {-400, 400, rdx::kInvalidRequestPage, "\nServeClient: HTTP_BAD_REQUEST"};
-constexpr ErrorPage kUnauthorized = {-401, 401, rdx::kUnauthorizedPage, "ServeClient: HTTP_UNAUTHORIZED"};
-constexpr ErrorPage kNotFound = {-404, 404, rdx::kNotFoundPage, "ServeClient: HTTP_NOT_FOUND"};
-constexpr ErrorPage kNotAllowed = {-405, 405, rdx::kNotAllowedPage, "ServeClient: HTTP_METHOD_NOT_ALLOWED"};
-constexpr ErrorPage kInternalError = {-500, 500, rdx::kInternalErrorPage,
-                                      "ServeClient: HTTP_INTERNAL_SERVER_ERROR"};
-constexpr std::array kErrorPages = {kBadRequest, kUnauthorized, kNotFound, kNotAllowed};
+constexpr std::array<ErrorPage, 5> kErrorPages = {{
+    {-HTTP_STATUS_BAD_REQUEST, HTTP_STATUS_BAD_REQUEST, rdx::kInvalidRequestPage,
+     "\nServeClient: HTTP_BAD_REQUEST"},
+    {-HTTP_STATUS_UNAUTHORIZED, HTTP_STATUS_UNAUTHORIZED, rdx::kUnauthorizedPage,
+     "ServeClient: HTTP_UNAUTHORIZED"},
+    {-HTTP_STATUS_NOT_FOUND, HTTP_STATUS_NOT_FOUND, rdx::kNotFoundPage, "ServeClient: HTTP_NOT_FOUND"},
+    {-HTTP_STATUS_METHOD_NOT_ALLOWED, HTTP_STATUS_METHOD_NOT_ALLOWED, rdx::kNotAllowedPage,
+     "ServeClient: HTTP_METHOD_NOT_ALLOWED"},
+    {-HTTP_STATUS_INTERNAL_ERROR, HTTP_STATUS_INTERNAL_ERROR, rdx::kInternalErrorPage,
+     "ServeClient: HTTP_INTERNAL_SERVER_ERROR"}, // the last: any other result
+}};
 
 const ErrorPage& PageFor(int result) {
     const auto* const page = std::ranges::find(kErrorPages, result, &ErrorPage::result);
-    return page != kErrorPages.end() ? *page : kInternalError;
+    return page != kErrorPages.end() ? *page : kErrorPages.back();
 }
 
-// Builds the answer to a request and prints its trace; the result is CreateHttpResponse's.
-int BuildAnswer(int result, std::string_view output, HttpResponse** response) {
-    if (result == 200) {
-        const int built = CreateHttpResponse(response, 200, rdx::kContentType, output.data(),
-                                             static_cast<unsigned int>(output.size()));
-        printf("ServeClient: HTTP_OK");
-        return built;
+// What a service needs on the heap. Where memory is short, there is still room to say so.
+class ServiceBuffers {
+public:
+    bool AreWhole() const { return output_ && serialised_; }
+    char* Output() const { return output_.get(); }
+    std::span<char> Serialised() {
+        return serialised_ ? std::span(serialised_.get(), SERVICE_BUFFER_SIZE) : std::span<char>(small_);
     }
-    const ErrorPage& page = PageFor(result);
-    printf("%s", page.trace);
-    const int built = CreateHttpResponse(response, page.status, rdx::kContentType, page.body,
-                                         static_cast<unsigned int>(std::strlen(page.body)));
-    if (page.status == kBadRequest.status) printf("\nServeClient-: HTTP_BAD_REQUEST %d", built);
+
+private:
+    static constexpr std::size_t kErrorPageSize = 1024; // room for any answer without a result
+
+    rdx::OwnedText output_ = rdx::AllocateBytes(SERVICE_BUFFER_SIZE);
+    rdx::OwnedText serialised_ = rdx::AllocateBytes(SERVICE_BUFFER_SIZE);
+    char small_[kErrorPageSize];
+};
+
+// Has a request handled into the output buffer, where the result's body then lies.
+int Handle(ServiceCall& slot, HttpRequest& request, char* output, std::string_view& body) {
+    unsigned int length = SERVICE_BUFFER_SIZE;
+    const int result = HandleRequest(&request, output, &length, 0, &slot.ucTerminate, &slot.ucKeepAlive);
+    if (result != HTTP_STATUS_OK) return result;
+    output[SERVICE_BUFFER_SIZE - 1] = '\0';
+    body = {output, length};
+    return result;
+}
+
+// Both build a response and print its trace; the result is CreateHttpResponse's.
+int BuildResult(std::string_view body, HttpResponse** response) {
+    const int built = CreateHttpResponse(response, HTTP_STATUS_OK, rdx::kContentType, body.data(),
+                                         static_cast<unsigned int>(body.size()));
+    printf("ServeClient: HTTP_OK");
     return built;
 }
 
-// Writes a response out and sends it, and releases it. The bytes sent, -3 when it could not be written out,
-// or what SendSocket returned.
+int BuildPage(const ErrorPage& page, HttpResponse** response) {
+    printf("%s", page.trace);
+    const int built = CreateHttpResponse(response, page.status, rdx::kContentType, page.body,
+                                         static_cast<unsigned int>(std::strlen(page.body)));
+    if (page.status == HTTP_STATUS_BAD_REQUEST) printf("\nServeClient-: HTTP_BAD_REQUEST %d", built);
+    return built;
+}
+
+// Writes a response out and sends it, and releases it. The bytes sent, SERVICE_NOT_WRITTEN, or what
+// SendSocket returned.
 int SendResponse(int socket, rdx::OwnedResponse response, std::span<char> buffer) {
-    constexpr int kNotSerialised = -3;
     const int length =
         SerializeHttpResponse(response.get(), buffer.data(), static_cast<unsigned int>(buffer.size()));
     response.reset();
-    if (length < 0) return kNotSerialised;
+    if (length < 0) return SERVICE_NOT_WRITTEN;
     const int sent = SendSocket(socket, buffer.data(), length);
     if (sent >= 0 && rdx::VerbosityAbove(VERBOSITY_WARN)) {
         rdx::LogThread("ServeClient()", "sent bytes successfully", sent);
@@ -262,44 +345,35 @@ int SendResponse(int socket, rdx::OwnedResponse response, std::span<char> buffer
     return sent;
 }
 
-// Handles and answers a request that has been read, or could not be. Releases the request. The status of
-// the service: the bytes sent, -2 when no answer could be made, or SendResponse's.
-int Answer(ServiceCall& slot, int result, rdx::OwnedRequest request) {
-    constexpr int kNotBuilt = -2;
-    constexpr std::size_t kErrorPageSize = 1024; // room for any answer without a result
-    char small[kErrorPageSize];
-    const rdx::OwnedText output = rdx::AllocateBytes(SERVICE_BUFFER_SIZE);
-    const rdx::OwnedText serialised = rdx::AllocateBytes(SERVICE_BUFFER_SIZE);
-    if (!output || !serialised) {
-        result = kInternalError.result;
+// Handles and answers a request of which `read` is the result of reading, and releases it. The status of the
+// service.
+int ServeRequest(ServiceCall& slot, int read, rdx::OwnedRequest request) {
+    ServiceBuffers buffers;
+    int result = read;
+    std::string_view body;
+    if (!buffers.AreWhole()) {
         printf("\nServeClient: HTTP_INTERNAL_SERVER_ERROR");
+        result = -HTTP_STATUS_INTERNAL_ERROR;
+    } else if (read == HTTP_STATUS_OK) {
+        result = Handle(slot, *request, buffers.Output(), body);
     }
-    unsigned int length = SERVICE_BUFFER_SIZE;
-    if (result == 200) {
-        result = HandleRequest(request.get(), output.get(), &length, 0, &slot.ucTerminate, &slot.ucKeepAlive);
-    }
-    if (result == 200) output.get()[SERVICE_BUFFER_SIZE - 1] = '\0';
     HttpResponse* response = nullptr;
-    const int built = BuildAnswer(result, {output.get(), result == 200 ? length : 0}, &response);
+    const int built =
+        result == HTTP_STATUS_OK ? BuildResult(body, &response) : BuildPage(PageFor(result), &response);
     request.reset();
-    if (built < 0) return kNotBuilt;
-    return SendResponse(slot.hSocket, rdx::OwnedResponse(response),
-                        serialised ? std::span(serialised.get(), SERVICE_BUFFER_SIZE)
-                                   : std::span<char>(small));
+    if (built < 0) return SERVICE_NOT_BUILT;
+    return SendResponse(slot.hSocket, rdx::OwnedResponse(response), buffers.Serialised());
 }
 
 } // namespace
 
 int RunHttpServer(unsigned int hServerSocket, unsigned int nThreadLimit) {
-    if (hServerSocket >= kMostDescriptors) return -1; // no set can hold it
+    if (hServerSocket >= kMostDescriptors) return SERVICE_LOOP_NOT_SET_UP; // no set can hold it
     const rdx::SignalsInWindowsOnly signals;
     const auto limit = static_cast<int>(std::min<unsigned>(nThreadLimit, kMostDescriptors));
-    if (limit > 1 && InitializeThreads(limit) != 0) return -1;
+    if (limit > 1 && InitializeThreads(limit) != SERVICE_THREADS_READY) return SERVICE_LOOP_NOT_SET_UP;
     rdx::ServicePool* const pool = limit > 1 ? servicePool : nullptr;
-    ServiceCall ownSlot{};
-    ownSlot.hSocket = -1;
-    ownSlot.iSvcStatus = SERVICE_FREE;
-    ownSlot.hThreadId = kNoThread;
+    ServiceCall ownSlot = FreeSlot();
     if (limit <= 1) InitThreadLib();
     ServiceCall* const slots = pool != nullptr ? pool->Slots() : &ownSlot;
     const int slotCount = pool != nullptr ? pool->Size() : 1;
@@ -307,15 +381,15 @@ int RunHttpServer(unsigned int hServerSocket, unsigned int nThreadLimit) {
     loop.Run();
     loop.CloseConnections();
     DeinitializeThreads();
-    return 0;
+    return SERVICE_LOOP_ENDED;
 }
 
 int InitializeThreads(int nSlots) {
-    if (InitThreadLib() != 0) return -1;
-    if (nSlots < 1) return -2;
+    if (InitThreadLib() != 0) return SERVICE_NO_THREAD_LIBRARY;
+    if (nSlots < 1) return SERVICE_NO_SLOTS;
     DeinitializeThreads();
     servicePool = rdx::ServicePool::Create(std::min(nSlots, kMostDescriptors));
-    return servicePool != nullptr ? 0 : -2;
+    return servicePool != nullptr ? SERVICE_THREADS_READY : SERVICE_NO_SLOTS;
 }
 
 int DeinitializeThreads() {
@@ -365,7 +439,7 @@ void UpdateServerStatus(ServiceCall* pBase, int nSlots) {
                                "reconfiguration request from thread ID=", static_cast<int>(thread));
             }
         }
-        rdx::StoreShared<int>(slot.iSvcStatus, SERVICE_FREE);
+        rdx::StoreShared(slot.iSvcStatus, SERVICE_FREE);
         return; // one for each pass of the loop
     }
 }
@@ -400,25 +474,24 @@ int HandleRequest(HttpRequest* pReq, char* pBuf, unsigned int* pLen, unsigned in
                   unsigned char* pTerminate, unsigned char* pKeepAlive) {
     std::memset(pBuf, 0, *pLen);
     const ServerHandler handler = GetServerHandler(pReq->pszUri);
-    if (handler == nullptr) return kNotFound.result;
+    if (handler == nullptr) return -HTTP_STATUS_NOT_FOUND;
     unsigned long length = *pLen; // the handler's type, which may be wider than the caller's
     const int handled = handler(pReq, pBuf, &length, pTerminate);
     *pLen = static_cast<unsigned int>(length);
     if (handled == 0 && *pTerminate != 0) rdx::LogTermination("ServeClient()", *pReq);
     *pKeepAlive = pReq->ucKeepAlive;
-    if (handled == 0) return 200;
-    if (handled > 0) return kBadRequest.result;
-    return handled == kUnauthorized.result ? handled : kInternalError.result;
+    if (handled == 0) return HTTP_STATUS_OK;
+    if (handled > 0) return -HTTP_STATUS_BAD_REQUEST;
+    return handled == -HTTP_STATUS_UNAUTHORIZED ? handled : -HTTP_STATUS_INTERNAL_ERROR;
 }
 
 void* ServeClient(ServiceCall* pArgs) {
     RDX_CHECK(pArgs != nullptr, "pArgs != __null");
     RDX_CHECK(pArgs->pFdSet != nullptr, "pArgs->pFdSet != __null");
     RDX_CHECK(rdx::LoadShared(pArgs->iSvcStatus) == SERVICE_RUNNING, "pArgs->iSvcStatus == 1");
-    constexpr int kNoRequest = -1;
     rdx::OwnedRequest request;
-    const int result = rdx::ReadRequest(pArgs->hSocket, request);
-    const bool readable = result != 0 && result != kNoRequest;
-    const int status = readable ? Answer(*pArgs, result, std::move(request)) : kNoRequest;
+    const int read = rdx::ReadRequest(pArgs->hSocket, request);
+    const bool asked = read != rdx::kNobodyThere && read != HTTPREQ_NOT_RECEIVED;
+    const int status = asked ? ServeRequest(*pArgs, read, std::move(request)) : SERVICE_NO_REQUEST;
     return rdx::AsResult(ServeClientDone(pArgs, status, pArgs->ucKeepAlive));
 }

@@ -29,12 +29,32 @@ enum { SERVICE_BUFFER_SIZE = 132096 };
 /* Values of ServiceCall.iSvcStatus. */
 enum { SERVICE_FREE = -1, SERVICE_RUNNING = 1, SERVICE_FINISHED = 2 };
 
+/* Results of a service that are no numbers of bytes sent. */
+enum {
+    SERVICE_FOLLOWED_UP = 0,       /* junior mode: the administration server took the result */
+    SERVICE_NO_REQUEST = -1,       /* nothing was asked, and nothing sent */
+    SERVICE_NOT_BUILT = -2,        /* no response, or no follow-up, could be made */
+    SERVICE_NOT_WRITTEN = -3,      /* the response could not be written out, or was not sent whole */
+    SERVICE_NOT_CONNECTED = -3,    /* junior mode: the administration server was not reached */
+    SERVICE_NOT_ANSWERED = -4,     /* the follow-up was not sent or not answered */
+    SERVICE_FOLLOW_UP_REFUSED = -5 /* or answered with another status than 200 */
+};
+
+/* Results of RunHttpServer and InitializeThreads. */
+enum {
+    SERVICE_LOOP_ENDED = 0,
+    SERVICE_LOOP_NOT_SET_UP = -1,
+    SERVICE_THREADS_READY = 0,
+    SERVICE_NO_THREAD_LIBRARY = -1,
+    SERVICE_NO_SLOTS = -2
+};
+
 /* One service slot. */
 typedef struct ServiceCall {
     int hSocket;                 /* the connection; -1 none */
     int iSvcStatus;              /* SERVICE_FREE, SERVICE_RUNNING or SERVICE_FINISHED */
     unsigned char ucKeepAlive;   /* 1: the connection stays open after the response; left from request to
-                                    request (kept: a response to an unreadable request depends on it) */
+                                    request, so that an unreadable one is answered as the last one was */
     unsigned char ucTerminate;   /* 1: the request asked the server to stop */
     unsigned char ucReconfigure; /* 1: the service asked for a reconfiguration */
     ThreadID hThreadId;          /* the serving thread; -1 none */
@@ -66,14 +86,16 @@ extern RDX_API unsigned char ucTerminated;
  * with a limit of 1 (or 0) they are served one after the other on the calling thread. At the end every
  * watched connection is closed; a request in service is answered and its connection closed by its thread.
  * A connection that would take one of the process's last eight descriptors (of a small table the last
- * quarter), or one from FD_SETSIZE on, is closed when accepted. Returns 0 after the loop has ended; -1 when
- * it could not be set up, or `hServerSocket` is FD_SETSIZE or more.
+ * quarter), or one from FD_SETSIZE on, is closed when accepted. One that is ready when all threads are busy
+ * is not watched any more and stays open until its client has closed its side, or the loop ends. Returns
+ * SERVICE_LOOP_ENDED; SERVICE_LOOP_NOT_SET_UP, also when `hServerSocket` is FD_SETSIZE or more.
  */
 RDX_API int RunHttpServer(unsigned int hServerSocket, unsigned int nThreadLimit);
 
 /*
  * Starts the thread library and makes `nSlots` free slots (at most FD_SETSIZE: no more connections can be
- * in service). Returns 0; -1 when the thread library failed; -2 when memory is short or `nSlots` is below 1.
+ * in service). Returns SERVICE_THREADS_READY; SERVICE_NO_THREAD_LIBRARY; SERVICE_NO_SLOTS when memory is
+ * short or `nSlots` is below 1.
  */
 RDX_API int InitializeThreads(int nSlots);
 
@@ -114,45 +136,42 @@ RDX_API ServerHandler GetServerHandler(const char* pszUri);
  * Has a request handled. `pBuf` of `*pLen` bytes, filled with zeros first, receives the response body and
  * `*pLen` its length; `*pTerminate` becomes 1 when the handler asks the server to stop; `*pKeepAlive`
  * becomes the request's wish. `uiReserved` is not used.
- * Returns 200; -404 without a handler, with `*pKeepAlive` left alone; -400 a bad request; -401
- * authentication required; -500 any other failure.
+ * Returns HTTP_STATUS_OK; -HTTP_STATUS_NOT_FOUND without a handler, with `*pKeepAlive` left alone;
+ * -HTTP_STATUS_BAD_REQUEST; -HTTP_STATUS_UNAUTHORIZED; -HTTP_STATUS_INTERNAL_ERROR for any other failure.
  */
 RDX_API int HandleRequest(HttpRequest* pReq, char* pBuf, unsigned int* pLen, unsigned int uiReserved,
                           unsigned char* pTerminate, unsigned char* pKeepAlive);
 
 /*
  * Serves one request: reads it, has it handled, answers it and ends with ServeClientDone. Does not return
- * on a serving thread. The result is the service's status as an integer: the bytes sent; -1 no request; -2
- * no response could be made; -3 it could not be written out, or was not sent whole; else what SendSocket
- * returned. Ends the process by assertion when the slot is null, has no watched set or is not in service.
+ * on a serving thread. The result is the service's status as an integer: the bytes sent, a result SERVICE_,
+ * or what SendSocket returned. Ends the process by assertion when the slot is null, has no watched set or is
+ * not in service.
  */
 RDX_API void* ServeClient(ServiceCall* pArgs);
 
 /*
  * Serves one request in junior mode. Without a "SvcTicket" in the query it is handled and answered; with one
  * it is acknowledged at once, then handled, and the result is posted to the administration server. Statuses
- * and bodies differ from ServeClient's where a request is bad or not authorised (kept), and the connection is
- * kept by what the slot's flag says, not the request's. Does not return on a serving thread. The result is
- * the service's status as an integer: the bytes of the response sent; 0 the result was taken by the
- * administration server; -1 no request; -2 the response or the follow-up could not be made; -3 the response
- * could not be written out or sent whole, or the administration server not reached; -4 the follow-up was not
- * sent or not answered; -5 it was answered with another status than 200.
- * Keeps some 400 KB on the stack. Ends the process by assertion as ServeClient does.
+ * and bodies differ from ServeClient's where a request is bad or not authorised, as clients of junior mode
+ * expect them, and the connection is kept by what the slot's flag says, not the request's. Does not return on
+ * a serving thread. The result is the service's status as an integer: the bytes of the response sent, or a
+ * result SERVICE_. Keeps some 400 KB on the stack. Ends the process by assertion as ServeClient does.
  */
 RDX_API void* ServeClientInStages(ServiceCall* pArgs);
 
 /*
- * Sends a response and keeps or closes the connection. Releases the request, which may be null, and the
- * response, contents and record each.
+ * Sends a response and keeps or closes the connection. Releases the response, contents and record, and the
+ * request, which may be null, as well: unless `iSvcStat` is below 0, when it stays the caller's.
  *   iRspStatus  what CreateHttpResponse returned for the response
  *   pRspBuf     room for the response written out, SERVICE_BUFFER_SIZE bytes
  *   iSvcStat    the service's status so far; below 0 nothing is sent and the connection is closed
  *   pSvc        the connection and the watched set it goes back to
  *   pArgs       not used
  *   ucKeepAlive not 0: a connection that was answered is kept
- * Returns the bytes sent, `iSvcStat` when that is below 0, -2 when there is no response, -3 when it could not
- * be written out, or what SendSocket returned. Ends the process by assertion when a response or buffer that
- * is needed is null, or the status comes out as 0.
+ * Returns the bytes sent, `iSvcStat` when that is below 0, SERVICE_NOT_BUILT when there is no response,
+ * SERVICE_NOT_WRITTEN, or what SendSocket returned. Ends the process by assertion when a response or buffer
+ * that is needed is null, or the status comes out as 0.
  */
 RDX_API int FinalizeRequest(HttpRequest* pReq, HttpResponse* pRsp, int iRspStatus, char* pRspBuf,
                             int iSvcStat, ServiceCall* pSvc, ServiceCall* pArgs, unsigned char ucKeepAlive);

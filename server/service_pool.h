@@ -16,14 +16,12 @@
 
 #include "server/service.h"
 
-#include <atomic>
-
 namespace rdx {
 
 class ServicePool;
 
 // What a serving thread is started with.
-struct ServiceTicket {
+struct ThreadStart {
     ServicePool* pool;
     ServiceCall* call;
     void* (*body)(ServiceCall*);
@@ -60,17 +58,18 @@ public:
     [[noreturn]] void EndThisThread(int status);
 
 private:
-    static void* RunThread(void* ticket);
+    static void* RunThread(void* start);
 
     void LeaveLoop();
 
+    // The counts are shared by the loop and its threads; shared.h has their accesses.
     fd_set watched_;
     ServiceCall* slots_;
-    ServiceTicket* tickets_;
+    ThreadStart* starts_;
     int size_;
-    std::atomic<unsigned> holders_; // the loop and each thread
-    std::atomic<unsigned> counted_; // threads that count in nThreads, and kEnded
-    std::atomic<unsigned> leaving_; // threads that are about to leave nThreads
+    int holders_; // the loop and each thread
+    int counted_; // threads that count in nThreads, and kEnded
+    int leaving_; // threads that are about to leave nThreads
 };
 
 } // namespace rdx

@@ -13,14 +13,20 @@
 #include "common/log.h"
 #include "common/log_lines.h"
 #include "common/memory.h"
+#include "common/owned_socket.h"
 #include "common/portability_sockets.h"
+#include "common/ports.h"
 #include "common/shared.h"
 #include "common/text.h"
+#include "http/pages.h"
+#include "rDxsd/pdata.h"
 #include "server/serving.h"
 
 #include <algorithm>
+#include <cstdint>
 #include <cstdio>
 #include <cstring>
+#include <iterator>
 
 using namespace rdx;
 
@@ -51,21 +57,8 @@ constexpr char kAcknowledge[] = "<?xml version='1.0'?>\n"
                                 "</wddxPacket>\n";
 static_assert(sizeof kAcknowledge - 1 == 380);
 
-// Results of a service; what is sent counts as its number of bytes.
-enum ServiceStatus : int {
-    kNothingRead = -1,
-    kNotBuilt = -2,
-    kNotSerialised = -3,
-    kNotConnected = -3,
-    kNotFollowedUp = -4,
-    kFollowUpRefused = -5
-};
-
-// An assertion of ServeClientInStages, whose steps are functions of their own: the report names that
-// function, not the step, whatever the compiler's spelling.
-void Check(bool holds, const char* text, unsigned int line = __builtin_LINE()) {
-    if (!holds) __assert_fail(text, __FILE__, line, "void* ServeClientInStages(ServiceCall*)");
-}
+// Whose steps the functions here are, in its assertions.
+constexpr const char* kServeClientInStages = "void* ServeClientInStages(ServiceCall*)";
 
 // The buffers of one service, on the serving thread's stack.
 struct Buffers {
@@ -80,21 +73,24 @@ struct Page {
     const char* body;
 };
 
-// The page for a request that could not be read. It differs from the direct body's: a bad request line or
-// header is an internal error here (kept).
+// The pages for requests that could not be read, by the result of reading. They differ from the direct
+// body's: clients of junior mode take a bad request line or header for an internal error.
+struct UnreadPage {
+    int result;
+    Page page;
+};
+constexpr UnreadPage kUnreadPages[] = {
+    {kNobodyThere, {HTTP_STATUS_BAD_REQUEST, kBadRequestPage}},
+    {-HTTP_STATUS_UNAUTHORIZED, {HTTP_STATUS_UNAUTHORIZED, kUnauthorizedPage}},
+    // No reader of this library gives it; a program that puts a reader of its own in the place of this one
+    // does.
+    {PDATA_NOT_MULTIPART, {HTTP_STATUS_BAD_REQUEST, kInvalidRequestPage}},
+    {-HTTP_STATUS_METHOD_NOT_ALLOWED, {HTTP_STATUS_METHOD_NOT_ALLOWED, kNotAllowedPage}},
+};
+
 Page PageForUnread(int result) {
-    switch (result) {
-    case 0:
-        return {400, kBadRequestPage};
-    case -401:
-        return {401, kUnauthorizedPage};
-    case -99:
-        return {400, kInvalidRequestPage};
-    case -405:
-        return {405, kNotAllowedPage};
-    default:
-        return {500, kInternalErrorPage};
-    }
+    const auto* const row = std::ranges::find(kUnreadPages, result, &UnreadPage::result);
+    return row != std::end(kUnreadPages) ? row->page : Page{HTTP_STATUS_INTERNAL_ERROR, kInternalErrorPage};
 }
 
 // What a service needs of its slot. The thread's creator may be storing the thread at this moment.
@@ -116,13 +112,13 @@ public:
     // The status of the service.
     int Serve() {
         const int result = ReadRequest(copy_.hSocket, request_);
-        status_ = result == 0 ? kNothingRead : 0;
-        if (result != 0) printf("\nServeClientInStages 2 ConsumeHttpRequest=%d", result);
-        if (result != 200) return Respond(PageForUnread(result));
+        status_ = result == kNobodyThere ? SERVICE_NO_REQUEST : 0;
+        if (result != kNobodyThere) printf("\nServeClientInStages 2 ConsumeHttpRequest=%d", result);
+        if (result != HTTP_STATUS_OK) return Respond(PageForUnread(result));
         handler_ = GetServerHandler(request_->pszUri);
-        if (handler_ == nullptr) return Respond({404, kNotFoundPage});
+        if (handler_ == nullptr) return Respond({HTTP_STATUS_NOT_FOUND, kNotFoundPage});
         char ticket[kTicketSize];
-        if (GetQueryStringValue(request_.get(), "SvcTicket", ticket, sizeof ticket) != 0)
+        if (GetQueryStringValue(request_.get(), "SvcTicket", ticket, sizeof ticket) != HTTPQUERY_FOUND)
             return ServeAtOnce();
         return ServeTicket(ParseUnsignedDecimal(ticket));
     }
@@ -142,17 +138,18 @@ private:
 
     int ServeAtOnce() {
         const int handled = Handle();
-        if (handled == 0) return Respond({200, buffers_.output});
-        // Kept: also a handler that asks for authentication is an internal error here.
-        return Respond(handled > 0 ? Page{400, kBadRequestPage} : Page{500, kInternalErrorPage});
+        if (handled == 0) return Respond({HTTP_STATUS_OK, buffers_.output});
+        // Also a handler that asks for authentication is an internal error to the clients of this mode.
+        return Respond(handled > 0 ? Page{HTTP_STATUS_BAD_REQUEST, kBadRequestPage}
+                                   : Page{HTTP_STATUS_INTERNAL_ERROR, kInternalErrorPage});
     }
 
     int ServeTicket(unsigned long ticket) {
         const int length = GenerateAcknowledge(buffers_.acknowledge, sizeof buffers_.acknowledge, ticket);
         HttpResponse* response = nullptr;
-        const int built = CreateHttpResponse(&response, 200, kContentType, buffers_.acknowledge,
+        const int built = CreateHttpResponse(&response, HTTP_STATUS_OK, kContentType, buffers_.acknowledge,
                                              static_cast<unsigned int>(length));
-        if (built < 0) return Respond({503, kOutOfResourcesPage});
+        if (built < 0) return Respond({HTTP_STATUS_OUT_OF_RESOURCES, kOutOfResourcesPage});
         FinalizeRequest(nullptr, response, built, buffers_.serialised, status_, &copy_, &slot_,
                         slot_.ucKeepAlive);
         return FollowUp(ticket);
@@ -172,17 +169,18 @@ private:
         snprintf(command, sizeof command, "%s&SvcTicket=%lu",
                  handled == 0 ? "vsFollowUpSuccess" : "vsFollowUpFailure", ticket);
         const int status = SendFollowUp(command, body);
-        Check(request_ != nullptr, "pReq != __null");
+        RDX_CHECK_FOR(kServeClientInStages, request_ != nullptr, "pReq != __null");
         return status;
     }
 
     int SendFollowUp(const char* command, const char* body);
 
     int Respond(const Page& page) {
-        Check(page.body != nullptr, "szBody != __null");
+        RDX_CHECK_FOR(kServeClientInStages, page.body != nullptr, "szBody != __null");
         HttpResponse* response = nullptr;
         const int built = CreateHttpResponse(&response, page.status, kContentType, page.body,
                                              static_cast<unsigned int>(std::strlen(page.body)));
+        // Released with a status below 0, too: there is no request then.
         return FinalizeRequest(request_.release(), response, built, buffers_.serialised, status_, &copy_,
                                &slot_, slot_.ucKeepAlive);
     }
@@ -192,39 +190,28 @@ private:
     Buffers& buffers_;
     OwnedRequest request_;
     ServerHandler handler_ = nullptr;
-    int status_ = kNothingRead;
+    int status_ = SERVICE_NO_REQUEST;
 };
 
-// A connection to the administration server, closed at the end of a scope.
-class AdminConnection {
-public:
-    AdminConnection() = default;
-    ~AdminConnection() {
-        if (socket_ >= 0) CloseSocket(socket_);
-    }
-    AdminConnection(const AdminConnection&) = delete;
-    AdminConnection& operator=(const AdminConnection&) = delete;
+// The local port of follow-ups: the one behind the service's. A service that is named instead of numbered
+// gives port 1, on which the administrators' filters count.
+std::int64_t FollowUpPort() {
+    const SharedText service(szConfigSvcPort);
+    return std::int64_t{ParseDecimal(service.View())} + 1;
+}
 
-    // Follow-ups share the local port. One that starts while another is under way fails, and its result is
-    // lost (kept).
-    bool Open() {
-        const SharedText local(szConfigSvcAddr);
-        const SharedText admin(szAdminServerHost);
-        return CreateClntSocketExt(local.c_str(), LocalPort(), admin.c_str(),
-                                   static_cast<unsigned short>(uiAdminServerPort), &socket_) == 0;
-    }
-
-    int Get() const { return socket_; }
-
-private:
-    // The port behind the service's; a service that is named instead of numbered gives port 1 (kept).
-    static unsigned short LocalPort() {
-        const SharedText service(szConfigSvcPort);
-        return static_cast<unsigned short>(static_cast<unsigned>(ParseDecimal(service.View())) + 1);
-    }
-
-    int socket_ = -1;
-};
+// Connects to the administration server. Follow-ups share the local port: one that starts while another is
+// under way fails, and its result is lost; the server never queues.
+bool ConnectToAdmin(OwnedSocket& admin) {
+    const SharedText local(szConfigSvcAddr);
+    const SharedText host(szAdminServerHost);
+    const std::int64_t localPort = FollowUpPort();
+    const auto remotePort = UsablePort(LoadShared(uiAdminServerPort));
+    // Port 0 leaves the choice to the system.
+    if (localPort < 0 || localPort > kHighestPort || !remotePort) return false;
+    return CreateClntSocketExt(local.c_str(), static_cast<unsigned short>(localPort), host.c_str(),
+                               *remotePort, admin.Out()) == 0;
+}
 
 // "/VServer" and what follows the first segment of the URI.
 OwnedText RewriteUri(const char* uri) {
@@ -240,29 +227,33 @@ int StagedService::SendFollowUp(const char* command, const char* body) {
     const SharedText host(szAdminServerHost);
     ScopedRequest followUp;
     HttpRequest& stFollowUpRqst = followUp.request;
-    if (BuildTavrinRequestExt(&stFollowUpRqst, host.c_str(), command, body, 1) != 0) return kNotBuilt;
-    Check(kUriSize > std::strlen(stFollowUpRqst.pszUri), "sizeof( szUri ) > strlen( stFollowUpRqst.pszUri )");
-    Check(*stFollowUpRqst.pszUri == '/', "*p == '/'");
+    if (BuildTavrinRequestExt(&stFollowUpRqst, host.c_str(), command, body, 1) != TNP_BUILT) {
+        return SERVICE_NOT_BUILT;
+    }
+    RDX_CHECK_FOR(kServeClientInStages, kUriSize > std::strlen(stFollowUpRqst.pszUri),
+                  "sizeof( szUri ) > strlen( stFollowUpRqst.pszUri )");
+    RDX_CHECK_FOR(kServeClientInStages, *stFollowUpRqst.pszUri == '/', "*p == '/'");
     OwnedText uri = RewriteUri(stFollowUpRqst.pszUri);
-    if (!uri) return kNotBuilt;
+    if (!uri) return SERVICE_NOT_BUILT;
     std::free(stFollowUpRqst.pszUri);
     stFollowUpRqst.pszUri = uri.release();
     LogString("ServeClientInStages()", "rewritten URI", stFollowUpRqst.pszUri);
 
-    AdminConnection admin;
-    if (!admin.Open()) return kNotConnected;
+    OwnedSocket admin;
+    if (!ConnectToAdmin(admin)) return SERVICE_NOT_CONNECTED;
     HttpResponse* pRsp = nullptr;
-    Check(pRsp == nullptr, "pRsp == __null");
-    if (SendHttpRequest(admin.Get(), &stFollowUpRqst, &pRsp) != 0) return kNotFollowedUp;
-    Check(pRsp != nullptr, "pRsp != __null");
+    RDX_CHECK_FOR(kServeClientInStages, pRsp == nullptr, "pRsp == __null");
+    if (SendHttpRequest(admin.Get(), &stFollowUpRqst, &pRsp) != HTTPREQ_DONE) return SERVICE_NOT_ANSWERED;
+    RDX_CHECK_FOR(kServeClientInStages, pRsp != nullptr, "pRsp != __null");
     const OwnedResponse response(pRsp);
-    return response->usStatusCode == 200 ? 0 : kFollowUpRefused;
+    return response->usStatusCode == HTTP_STATUS_OK ? SERVICE_FOLLOWED_UP : SERVICE_FOLLOW_UP_REFUSED;
 }
 
 void* ServeClientInStages(ServiceCall* pArgs) {
-    Check(pArgs != nullptr, "pArgs != __null");
-    Check(pArgs->pFdSet != nullptr, "pArgs->pFdSet != __null");
-    Check(LoadShared(pArgs->iSvcStatus) == SERVICE_RUNNING, "pArgs->iSvcStatus == 1");
+    RDX_CHECK_FOR(kServeClientInStages, pArgs != nullptr, "pArgs != __null");
+    RDX_CHECK_FOR(kServeClientInStages, pArgs->pFdSet != nullptr, "pArgs->pFdSet != __null");
+    RDX_CHECK_FOR(kServeClientInStages, LoadShared(pArgs->iSvcStatus) == SERVICE_RUNNING,
+                  "pArgs->iSvcStatus == 1");
     int status;
     ThreadID thread;
     {
@@ -272,26 +263,27 @@ void* ServeClientInStages(ServiceCall* pArgs) {
         status = service.Serve();
         thread = service.Thread();
     }
-    Check(thread != 0, "stSvc.hThreadId != 0L");
-    Check(PrimaryThreadID() != 0, "PrimaryThreadID() != 0L");
+    RDX_CHECK_FOR(kServeClientInStages, thread != 0, "stSvc.hThreadId != 0L");
+    RDX_CHECK_FOR(kServeClientInStages, PrimaryThreadID() != 0, "PrimaryThreadID() != 0L");
     FinishService(*pArgs, thread, status);
     return AsResult(status);
 }
 
 int FinalizeRequest(HttpRequest* pReq, HttpResponse* pRsp, int iRspStatus, char* pRspBuf, int iSvcStat,
                     ServiceCall* pSvc, ServiceCall* /*pArgs*/, unsigned char ucKeepAlive) {
-    OwnedRequest request(pReq);
-    OwnedResponse response(pRsp);
+    const OwnedRequest request(iSvcStat >= 0 ? pReq : nullptr);
+    const OwnedResponse response(pRsp);
     const int client = pSvc->hSocket;
     if (iSvcStat >= 0 && iRspStatus < 0) {
-        iSvcStat = kNotBuilt;
+        iSvcStat = SERVICE_NOT_BUILT;
     } else if (iSvcStat >= 0) {
         RDX_CHECK(pRspBuf != nullptr, "pRspBuf != __null");
         RDX_CHECK(pRsp != nullptr, "pRsp != __null");
         const int length = SerializeHttpResponse(pRsp, pRspBuf, SERVICE_BUFFER_SIZE);
-        iSvcStat = length < 0 ? kNotSerialised : SendSocket(client, pRspBuf, length);
+        iSvcStat = length < 0 ? static_cast<int>(SERVICE_NOT_WRITTEN) : SendSocket(client, pRspBuf, length);
         if (length >= 0 && VerbosityAbove(VERBOSITY_WARN)) {
-            LogThread("FinalizeRequest()", "sent bytes successfully", iSvcStat); // kept: a failure as well
+            // Also for a failure, which the number shows.
+            LogThread("FinalizeRequest()", "sent bytes successfully", iSvcStat);
         }
     }
     RDX_CHECK(iSvcStat != 0, "iSvcStat != 0");

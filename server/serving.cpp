@@ -12,12 +12,12 @@
 namespace rdx {
 
 int ReadRequest(int socket, OwnedRequest& request) {
-    constexpr int kNobodyThere = 0;
-    const bool gone = PeerHasClosed(socket);
+    const Peer peer = LookAtPeer(socket);
+    if (peer == Peer::kFailed) return HTTPREQ_NOT_RECEIVED;
     HttpRequest* read = nullptr;
-    const int result = ConsumeHttpRequest(socket, &read);
+    const int result = ConsumeHttpRequest(socket, &read); // which also traces the reading of nothing
     request.reset(read);
-    if (!gone || !request || request->pszUri != nullptr) return result;
+    if (peer == Peer::kThere) return result;
     request.reset();
     return kNobodyThere;
 }
@@ -37,7 +37,7 @@ bool WatchAgain(const ServiceCall& slot) {
 }
 
 void FinishService(ServiceCall& slot, ThreadID thread, int status) {
-    StoreShared<int>(slot.iSvcStatus, SERVICE_FINISHED);
+    StoreShared(slot.iSvcStatus, SERVICE_FINISHED);
     if (thread == PrimaryThreadID()) return;
     ServicePool* const pool = ServicePool::OfThisThread();
     if (pool != nullptr) pool->EndThisThread(status);

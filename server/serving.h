@@ -9,16 +9,10 @@ namespace rdx {
 
 inline constexpr const char* kContentType = "text/html"; // of every response
 
-inline constexpr const char* kInvalidRequestPage = "<HTML><BODY>Invalid Request</BODY></HTML>";
-inline constexpr const char* kBadRequestPage = "<HTML><BODY>Bad Request</BODY></HTML>";
-inline constexpr const char* kUnauthorizedPage = "<HTML><BODY>Unauthorized</BODY></HTML>";
-inline constexpr const char* kNotFoundPage = "<HTML><BODY>Not Found</BODY></HTML>";
-inline constexpr const char* kNotAllowedPage = "<HTML><BODY>Method not allowed</BODY></HTML>";
-inline constexpr const char* kInternalErrorPage = "<HTML><BODY>Internal Server Error</BODY></HTML>";
-inline constexpr const char* kOutOfResourcesPage = "<HTML><BODY>Out of Resources</BODY></HTML>";
-
-// Reads a request: ConsumeHttpRequest's result, or 0 when the peer closed before it sent anything. That would
-// look like a request that begins with an empty line, which is answered; here nobody asked.
+// Reads a request: ConsumeHttpRequest's result, or kNobodyThere when the peer closed before it sent anything.
+// Such a connection looks like a request that begins with an empty line, or like one without credentials,
+// which are answered; here nobody asked.
+inline constexpr int kNobodyThere = 0;
 int ReadRequest(int socket, OwnedRequest& request);
 
 // True when per-connection and per-thread tracing is wanted.

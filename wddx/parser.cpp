@@ -15,8 +15,10 @@ using namespace rdx::wddx;
 
 namespace {
 
-// Two kinds of value have a place in the format and none in the table: their tags are unknown.
-constexpr unsigned int kUnknownValues = 512 | 16384;
+// Two kinds of value have a bit in the masks and no row: to clients their tags are unknown.
+constexpr unsigned int kFirstUnknownValue = 512;
+constexpr unsigned int kSecondUnknownValue = 16384;
+constexpr unsigned int kUnknownValues = kFirstUnknownValue | kSecondUnknownValue;
 constexpr unsigned int kFieldValues =
     WDDX_TAG_NULL | WDDX_TAG_BOOLEAN | WDDX_TAG_NUMBER | WDDX_TAG_STRING | kUnknownValues;
 constexpr unsigned int kValues = kFieldValues | WDDX_TAG_ARRAY | WDDX_TAG_STRUCT | WDDX_TAG_RECORDSET;
@@ -133,8 +135,7 @@ struct OpenElement {
     WddxElement* element;
     const TagDef* row;
     WddxElement* lastChild;
-    unsigned int seen; // the ids of the children
-    bool hasText;      // characters stood before the first tag
+    bool hasText; // characters stood before the first tag
 };
 
 // Takes the characters before the next tag as the element's text and opens the element.
@@ -147,7 +148,7 @@ bool Open(Stack<OpenElement>& open, WddxElement& element, Reader& text) {
         element.pszText = convertXml2Utf8(characters->data(), static_cast<int>(characters->size()));
         if (element.pszText == nullptr) return false;
     }
-    return open.Push({&element, &g_astTagDef[row], nullptr, 0, !characters->empty()});
+    return open.Push({&element, &g_astTagDef[row], nullptr, !characters->empty()});
 }
 
 void Link(OpenElement& parent, WddxElement& child) {
@@ -159,7 +160,6 @@ void Link(OpenElement& parent, WddxElement& child) {
         child.pPrev = parent.lastChild;
     }
     parent.lastChild = &child;
-    parent.seen |= child.dwId;
 }
 
 // Checks a tag as the next child of the element and makes it that. Null when a rule forbids it: without
@@ -174,25 +174,19 @@ WddxElement* AddChild(OpenElement& parent, const TagDef& row, const WddxTag& tag
     return child;
 }
 
-// Whether the children are all that the element must have.
-bool HasNeededChildren(const OpenElement& open) {
-    if (!open.row->ucNeedsChild || open.row->ucMayBeEmpty) return true;
-    return open.row->ucMultiChild ? open.seen == open.row->dwChildren : open.lastChild != nullptr;
-}
-
-// Whether the element may end here with the content it has. An attribute's value is no content.
+// Whether the element may end here with the content it has. An attribute's value is no content. An element
+// that holds tags only has its one child then: AddChild lets in no second one.
 bool MayClose(const OpenElement& open, const TagDef& endTag) {
     if (endTag.dwId != open.element->dwId) return false;
     const bool hasChildren = open.lastChild != nullptr;
     if (open.hasText && (hasChildren || open.row->ucMultiChild || open.row->ucNeedsChild)) return false;
-    if (!open.hasText && !hasChildren && !open.row->ucMayBeEmpty) return false;
-    return HasNeededChildren(open);
+    return open.hasText || hasChildren || open.row->ucMayBeEmpty;
 }
 
 // Reads the next tag into the innermost open element. False when a rule is broken.
 bool ReadContentTag(Stack<OpenElement>& open, Reader& text) {
     WddxTag tag;
-    const int row = NextTag(text, tag) ? lookupTagByName(tag.szName) : -1;
+    const int row = NextTag(text, tag) ? lookupTagByName(tag.szName) : WDDX_NONE;
     if (row < 0) return false;
     if (tag.bEnd && !tag.bSelfClosed) return MayClose(open.Pop(), g_astTagDef[row]);
     WddxElement* const child = AddChild(open.Top(), g_astTagDef[row], tag);
@@ -215,7 +209,7 @@ bool ReadPacket(Reader& text, WddxElement& root) {
         row = lookupTagByName(tag.szName);
     } while (row < 0);
     if ((g_astTagDef[0].dwChildren & g_astTagDef[row].dwId) == 0) return false;
-    OpenElement document = {&root, &g_astTagDef[0], nullptr, 0, false};
+    OpenElement document = {&root, &g_astTagDef[0], nullptr, false};
     WddxElement* const packet = CreateElement(g_astTagDef[row], tag);
     if (packet == nullptr) return false;
     Link(document, *packet);
@@ -318,7 +312,7 @@ bool Build(const Job& job, Jobs& jobs) {
     return *job.slot != nullptr && builder->build(*job.element, **job.slot, jobs);
 }
 
-// The next character. An "&" that starts no entity is a NUL (kept: the decoded text ends there).
+// The next character. An "&" that starts no entity is a NUL: clients see the text cut off there.
 char DecodeNext(Reader& text) {
     const char next = text.Rest().front();
     if (next == '&') {
@@ -354,22 +348,22 @@ WddxTag* getNextTag(const char** cursor) {
 }
 
 int lookupTagByName(const char* name) {
-    if (name == nullptr) return -1;
+    if (name == nullptr) return WDDX_NONE;
     for (int row = 0; row < WDDX_TAG_COUNT; ++row) {
         if (std::strcmp(g_astTagDef[row].szName, name) == 0) return row;
     }
-    return -1;
+    return WDDX_NONE;
 }
 
 int lookupTagById(unsigned int id) {
     for (int row = 0; row < WDDX_TAG_COUNT; ++row) {
         if (g_astTagDef[row].dwId == id) return row;
     }
-    return -1;
+    return WDDX_NONE;
 }
 
 WddxElement* checkTagAndCreateElement(WddxTag* tag) {
-    const int index = tag == nullptr ? -1 : lookupTagByName(tag->szName);
+    const int index = tag == nullptr ? WDDX_NONE : lookupTagByName(tag->szName);
     return index < 0 ? nullptr : CreateElement(g_astTagDef[index], *tag);
 }
 

@@ -31,8 +31,8 @@ public:
         return std::fwrite(text.data(), 1, text.size(), stream_) == text.size();
     }
 
-    // What the stream has, it keeps.
-    void Lose() {}
+    // What the stream has, it keeps; the result says that it is not all.
+    void OutOfMemory() {}
 
 private:
     FILE* stream_;
@@ -64,13 +64,13 @@ public:
     }
 
     // Drops the text; every later piece is refused.
-    void Lose() { text_.reset(); }
+    void OutOfMemory() { text_.reset(); }
 
 private:
     bool Grow(std::size_t needed) {
         const std::size_t capacity = std::max(needed, capacity_ * 2);
         if (!Resize(text_, capacity)) {
-            Lose();
+            OutOfMemory();
             return false;
         }
         capacity_ = capacity;
@@ -193,7 +193,7 @@ bool Begin(Output& output, Stack<OpenValue>& open, const WddxValue* value) {
     if (value->type != WDDX_ARRAY && value->type != WDDX_STRUCT) return true;
     const bool isStruct = value->type == WDDX_STRUCT;
     if (open.Push({value, isStruct ? value->payload.members : nullptr, 0})) return true;
-    output.Lose(); // no memory to go on with is not to pass for a value that was left out
+    output.OutOfMemory(); // which is not to pass for a value that was left out
     return false;
 }
 
@@ -245,8 +245,6 @@ int wddxPrintStream(FILE* stream, WddxValue* value, const char* comment) {
 
 int wddxPrintStreamToVar(WddxValue* value, const char* comment, char** out) {
     if (out == nullptr) return 0;
-    *out = nullptr;
-    if (value == nullptr) return 0;
     TextOutput output;
     // The frame's own results do not count: a text that is lost before the value makes the value fail.
     static_cast<void>(PrintPacketStart(output, comment));
@@ -271,7 +269,7 @@ int printWddxTagToVar(char** var, WddxValue* value) {
 }
 
 int addTextToVar(char** var, const char* format, const char* arg) {
-    if (var == nullptr || *var == nullptr || arg == nullptr) return -1;
+    if (var == nullptr || *var == nullptr || arg == nullptr) return WDDX_TEXT_NOT_ADDED;
     const std::string_view pattern = format == nullptr ? "%s" : format;
     const std::size_t place = pattern.find("%s");
     const std::string_view head = pattern.substr(0, place);
@@ -281,10 +279,10 @@ int addTextToVar(char** var, const char* format, const char* arg) {
     const std::size_t size = used + head.size() + text.size() + tail.size() + 1;
     OwnedText whole(*var);
     *var = nullptr;
-    if (!Resize(whole, size)) return -1;
+    if (!Resize(whole, size)) return WDDX_TEXT_NOT_ADDED;
     Appender(std::span(whole.get() + used, size - used)).Add(head).Add(text).Add(tail);
     *var = whole.release();
-    return 0;
+    return WDDX_TEXT_ADDED;
 }
 
 char* convertUtf82Xml(const char* text, int len) {

@@ -1,5 +1,6 @@
 #include "wddx/wddx.h"
 
+#include "wddx/owned_value.h"
 #include "wddx/tree.h"
 
 #include <cstring>
@@ -9,11 +10,6 @@ using namespace rdx;
 using namespace rdx::wddx;
 
 namespace {
-
-struct FreeValue {
-    void operator()(WddxValue* value) const { wddxFree(&value); }
-};
-using OwnedValue = std::unique_ptr<WddxValue, FreeValue>;
 
 OwnedValue NewValue(WddxType type) {
     WddxValue* const value = AllocateZeroed<WddxValue>().release();
@@ -179,7 +175,7 @@ WddxValue* wddxGetArrayElem(WddxValue* a, int i) {
 }
 
 int wddxGetArraySize(WddxValue* a) {
-    return Is(a, WDDX_ARRAY) && a->payload.array != nullptr ? a->payload.array->count : -1;
+    return Is(a, WDDX_ARRAY) && a->payload.array != nullptr ? a->payload.array->count : WDDX_NONE;
 }
 
 int wddxGetInteger(int* out, WddxValue* v) { return Read(out, v, WDDX_INTEGER, &WddxPayload::integer); }
@@ -194,7 +190,7 @@ int wddxGetBoolean(unsigned char* out, WddxValue* v) {
 
 int wddxGetString(char** out, WddxValue* v) { return Read(out, v, WDDX_STRING, &WddxPayload::string); }
 
-int wddxGetType(WddxValue* v) { return v == nullptr ? -1 : v->type; }
+int wddxGetType(WddxValue* v) { return v == nullptr ? WDDX_NONE : v->type; }
 
 void wddxFree(WddxValue** pv) {
     if (pv == nullptr) return;

@@ -36,6 +36,9 @@ typedef enum WddxType {
     WDDX_STRUCT = 6
 } WddxType;
 
+/* What stands for a type, a size or a row of a table where there is none. */
+enum { WDDX_NONE = -1 };
+
 typedef struct WddxArray WddxArray;
 typedef struct WddxMember WddxMember;
 
@@ -117,7 +120,7 @@ RDX_API void wddxSetArrayElem(WddxValue* a, int i, WddxValue* v);
 /* The element `i`, still the array's. Null when `a` is null or not an array, or `i` is out of range. */
 RDX_API WddxValue* wddxGetArrayElem(WddxValue* a, int i);
 
-/* The number of elements; -1 when `a` is null, not an array or has no block. */
+/* The number of elements; WDDX_NONE when `a` is null, not an array or has no block. */
 RDX_API int wddxGetArraySize(WddxValue* a);
 
 /*
@@ -134,7 +137,7 @@ RDX_API int wddxGetBoolean(unsigned char* out, WddxValue* v);
 /* `*out` is the value's own text, no copy. */
 RDX_API int wddxGetString(char** out, WddxValue* v);
 
-/* The WddxType of `v`, or -1 for null. */
+/* The WddxType of `v`, or WDDX_NONE for null. */
 RDX_API int wddxGetType(WddxValue* v);
 
 /* Frees `*pv` with all below it and nulls `*pv`. Does nothing when `pv` or `*pv` is null. */
@@ -214,18 +217,18 @@ RDX_API WddxValue* wddxParseStream(const char* text);
 
 /*
  * Reads the next tag. Of attributes, only the first is looked at. Its value is what stands up to the next
- * quote behind the first character that is no quote, blank, line end or "=", so that there is no empty value
- * (kept: clients rely on it).
+ * quote behind the first character that is no quote, blank, line end or "=": an empty value is no value, and
+ * what a client leaves empty takes in what stands behind it.
  *   cursor  in/out: the text; on success moved behind the tag, otherwise left.
  * Returns the tag, to be freed with free. Null when there is none, it is broken off, a name or value in it
  * has WDDX_TAG_TEXT_SIZE bytes and more, or memory is short.
  */
 RDX_API WddxTag* getNextTag(const char** cursor);
 
-/* The row of g_astTagDef that has the name, which is the root's for an empty one; -1 when there is none. */
+/* The row of g_astTagDef that has the name, which is the root's for an empty one, or WDDX_NONE. */
 RDX_API int lookupTagByName(const char* name);
 
-/* The row of g_astTagDef that has the id; -1 when there is none. */
+/* The row of g_astTagDef that has the id, or WDDX_NONE. */
 RDX_API int lookupTagById(unsigned int id);
 
 /*
@@ -257,8 +260,8 @@ RDX_API WddxValue* createWddxValue(WddxElement* element);
 RDX_API void freeElements(WddxElement* element);
 
 /*
- * Decodes the five named entities. An "&" that starts none of them ends the decoded text there (kept:
- * clients rely on it); numeric references are none of them.
+ * Decodes the five named entities. An "&" that starts none of them ends the decoded text there, so that a
+ * method sees the text in front of it; numeric references are none of them.
  *   text, len  in: the bytes, which need no NUL.
  * Returns a block of `len` + 1 bytes, to be freed with free; null when `text` is null, `len` negative, a NUL
  * is among the bytes or memory is short.
@@ -282,9 +285,9 @@ RDX_API int wddxPrintStream(FILE* stream, WddxValue* value, const char* comment)
  *   value    in: the packet's value.
  *   comment  in: as for wddxPrintStream.
  *   out      out: the text, the caller's to free, also on failure: then what was printed so far. Null when
- *            `value` is null or memory is short.
- * Returns 1, or 0 when the value could not be printed (see printWddxTagToVar). Memory that runs short behind
- * the value gives 1 with `*out` null (kept: the result is the value's alone).
+ *            memory is short.
+ * Returns 1, or 0 when the value is null or could not be printed (see printWddxTagToVar). The result is the
+ * value's alone: memory that runs short behind it gives 1 with `*out` null, so look at both.
  */
 RDX_API int wddxPrintStreamToVar(WddxValue* value, const char* comment, char** out);
 
@@ -296,10 +299,11 @@ RDX_API int wddxPrintStreamToVar(WddxValue* value, const char* comment, char** o
 RDX_API int printWddxTag(FILE* stream, WddxValue* value);
 
 /*
- * Appends one printed value to `*var`, which holds a text already and is resized. It differs from
- * printWddxTag twice (kept: clients rely on it): a structure without members fails, and the value of a
- * member that fails is left out silently, its var tags standing around what it printed.
- * Returns 1 or 0. When memory is short for the text, `*var` is freed and null, and the result 0.
+ * Appends one printed value to `*var`, which holds a text already and is resized. Clients get other texts
+ * than from printWddxTag in two cases: a structure without members fails, and the value of a member that
+ * fails is left out silently, its var tags standing around what it printed.
+ * Returns 1; 0 on failure, with what was printed so far appended. When memory is short for the text, `*var`
+ * is freed and null, and the result 0.
  */
 RDX_API int printWddxTagToVar(char** var, WddxValue* value);
 
@@ -308,9 +312,10 @@ RDX_API int printWddxTagToVar(char** var, WddxValue* value);
  *   var     in/out: a text of malloc. Null in it stands for a text that was lost, and stays.
  *   format  in: null to append `arg` alone, or a text with one "%s", in whose place `arg` is put.
  *   arg     in: the text; must not be part of `*var`.
- * Returns 0; -1 when memory is short: then the text is freed and `*var` null. Also -1, with nothing
- * changed, when `var`, `*var` or `arg` is null.
+ * Returns WDDX_TEXT_ADDED, or WDDX_TEXT_NOT_ADDED: when memory is short, with the text freed and `*var` null;
+ * when `var`, `*var` or `arg` is null, with nothing changed.
  */
+enum { WDDX_TEXT_ADDED = 0, WDDX_TEXT_NOT_ADDED = -1 };
 RDX_API int addTextToVar(char** var, const char* format, const char* arg);
 
 /*

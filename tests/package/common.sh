@@ -46,14 +46,24 @@ allows_namespaces() {
         "$@" unshare -rm mount --bind /etc/passwd /etc/shadow 2>/dev/null
 }
 
+# refuse PROGRAM: with $work/bin first in PATH the machine has no such program.
+refuse() {
+    printf '#!/bin/sh\necho "%s: not on this machine" >&2\nexit 1\n' "$1" >"$work/bin/$1"
+    chmod 755 "$work/bin/$1"
+}
+
 # The words that, put before a command, run it as an ordinary user; only root can use them.
 as_nobody=(setpriv --reuid=65534 --regid=65534 --clear-groups)
 
-# leave_out PART: the system allows no namespaces, which this part of the test needs. The others are run.
+# can_become_nobody FILE: true for root, unless such a user cannot read the file; that part of the test is
+# skipped then. Who is an ordinary user has tried the rest as one.
 left_out=
-leave_out() {
-    echo "skipped, for this system allows no namespaces: $1"
+can_become_nobody() {
+    [ "$(id -u)" -eq 0 ] || return 1
+    ! "${as_nobody[@]}" test -r "$1" || return 0
+    echo "skipped: an ordinary user cannot read $1"
     left_out=yes
+    return 1
 }
 
 # end MESSAGE: of a test that found nothing wrong. A status of 77 stands for a test that was skipped, wholly

@@ -3,9 +3,6 @@
 # leaves nothing behind, and notices each answer that is not as the story says.
 #
 #   demo_test.sh SOURCE SERVER      SERVER: the rdxhttpd to run it with
-#
-# Ends with 77, which stands for a skipped test, where the system gives the server no user, or an ordinary user no
-# server.
 set -eu
 . "$(dirname "$0")/common.sh"
 cd "$1"
@@ -34,36 +31,43 @@ says() {
     ! grep -q 'as the story says' "$work/out" || fail "it ends well all the same: $1"
 }
 
-# notices FUNCTION KEY=VALUE MESSAGE: with this scenario the demo fails with this message. Begins to find out;
-# the demos wait for their devices most of the time.
+# begin NAME COMMAND...: runs it beside the others, in a folder of its own; the demos wait for their devices most
+# of the time.
 begun=()
-notices() {
+begin() {
     (
         work=$work/$1
         TMPDIR=$work/tmp
         mkdir -p "$TMPDIR"
-        printf '[%s]\n%s\n' "$1" "$2" >"$work/scenario.ini"
-        demo 1 --scenario "$work/scenario.ini"
-        says "script/demo: $3"
+        "${@:2}"
     ) &
     begun+=($!)
+}
+
+# notices FUNCTION KEY=VALUE MESSAGE: with this scenario the demo fails with this message.
+notices() { begin "$1" find_fault "$@"; }
+find_fault() {
+    printf '[%s]\n%s\n' "$1" "$2" >"$work/scenario.ini"
+    demo 1 --scenario "$work/scenario.ini"
+    says "script/demo: $3"
 }
 
 script/demo --unknown >"$work/out" 2>&1 && fail "an unknown option was accepted"
 script/demo --scenario /nowhere >"$work/out" 2>&1 && fail "a missing scenario was accepted"
 grep -q "there is no file '/nowhere'" "$work/out" || fail "$(cat "$work/out")"
 
-printf '#!/bin/sh\necho "unshare: not on this machine" >&2\nexit 1\n' >"$work/bin/unshare"
-chmod 755 "$work/bin/unshare"
+# Where nothing gives the server its user; where there is no room, or no folder.
+refuse unshare
+refuse getent
 as=(env PATH="$work/bin:$PATH")
 demo 1
-says 'the system gives the server no shadow database of its own for the user demo: unshare: not on this machine.'
+says 'the system gives the server no shadow database of its own for the user demo: getent: not on this machine.'
+rm "$work/bin/getent"
 as=()
-
-if ! allows_namespaces; then
-    leave_out "the story, whose server would know no user"
-    end
-fi
+(ulimit -f 100 && demo 1)
+says "there is no room for temporary files in $TMPDIR."
+! TMPDIR=/nowhere script/demo --server "$program" >"$work/out" 2>"$work/errors" || fail "it ran without a folder"
+says 'there is no room for temporary files in /nowhere.'
 
 demo 0
 tail -n 1 "$work/out" | grep -qE '^[1-9][0-9]+ calls, [1-9][0-9]+ values checked: all as the story says\.$' ||
@@ -75,6 +79,11 @@ for method in rdxGetVersion rdxGetDeviceStatus rdxGetVehicleStatus rdxAllocateDe
 done
 ! grep -q $'\e' "$work/out" || fail "colours, though there is no terminal"
 [ ! -s "$work/errors" ] || fail "$(cat "$work/errors")"
+
+# Where the system allows no namespaces, as most containers.
+as=(env PATH="$work/bin:$PATH")
+begin preloaded demo 0
+as=()
 
 # An answer that is otherwise is noticed where it comes.
 notices rDxGetOwner 'owner = Somebody' \
@@ -109,11 +118,7 @@ yes '' | script/demo --step --server "$program" >"$work/out" 2>"$work/errors" ||
     fail "it does not wait once for each call"
 
 # An ordinary user.
-if [ "$(id -u)" -ne 0 ] || ! "${as_nobody[@]}" test -x "$program" -a -x script/demo 2>/dev/null; then
-    echo "not tried: another user, which only root can become"
-elif ! allows_namespaces "${as_nobody[@]}"; then
-    leave_out "the story of an ordinary user"
-else
+if can_become_nobody "$program"; then
     chown 65534 "$TMPDIR"
     as=("${as_nobody[@]}")
     demo 0

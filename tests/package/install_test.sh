@@ -1,6 +1,7 @@
 #!/bin/bash
 # Installs a build into a prefix of its own and uses it from there: every header alone as C and as C++,
-# and the example host program built with the CMake package and with pkg-config, which serves a call.
+# and the example host program built with the CMake package and with pkg-config, which serves a call. A device
+# library that stands there stays as it is, and none is needed to link with.
 #
 #   install_test.sh SOURCE BUILD
 set -eu
@@ -8,11 +9,51 @@ set -eu
 source=$1
 build=$2
 
-cmake --install "$build" --prefix "$work/first" >"$work/log" || fail "$(cat "$work/log")"
+# install_into FOLDER [COMPONENT]
+install_into() {
+    cmake --install "$build" --prefix "$work/$1" ${2:+--component "$2"} >"$work/log" 2>&1 || fail "$(cat "$work/log")"
+}
+# files FOLDER: what is no header in it, sorted.
+files() { (cd "$work/$1" && find . ! -type d ! -path './include/*' | sed 's/-[a-z]*\.cmake$/-KIND.cmake/' | LC_ALL=C sort); }
+
+# What a device has already, in the place where the loader looks.
+mkdir -p "$work/first/lib"
+echo "the device's own" | tee "$work/own" >"$work/first/lib/libDxSvcs.so"
+install_into first
+cat >"$work/expected" <<END
+./bin/rdxhttpd
+./lib/cmake/rDxsH/rDxsHConfig.cmake
+./lib/cmake/rDxsH/rDxsHConfigVersion.cmake
+./lib/cmake/rDxsH/rDxsHTargets-KIND.cmake
+./lib/cmake/rDxsH/rDxsHTargets.cmake
+./lib/libDxSvcs.so
+./lib/librDxsH.so
+./lib/librDxsH.so.0
+./lib/pkgconfig/rDxsH.pc
+END
+files first | diff "$work/expected" - || fail "installed files"
+install_into first simulator
+cmp "$work/own" "$work/first/lib/libDxSvcs.so" || fail "the device's own library was replaced"
+rm "$work/first/lib/libDxSvcs.so"
+
+for component in runtime simulator; do install_into $component $component; done
+files runtime | diff <(printf '%s\n' ./bin/rdxhttpd ./lib/librDxsH.so.0) - || fail "component runtime"
+files simulator | grep -v '^./bin/rdxadmin$' | diff <(echo ./lib/rDxsH/sim/libDxSvcs.so) - ||
+    fail "component simulator"
+for component in runtime development simulator; do install_into parts $component; done
+diff -r "$work/parts" "$work/first" || fail "the components are not the whole"
+
 mv "$work/first" "$work/prefix" # nothing may depend on where it was installed first
 prefix=$work/prefix
-libdir=$(dirname "$(find "$prefix" -name librDxsH.so)")
+libdir=$prefix/lib
 export PKG_CONFIG_PATH=$libdir/pkgconfig
+
+# The loader alone decides which device library it is.
+dynamic() { readelf -dW "$1" | sed -n "s/.*($2).*\[\(.*\)\]/\1/p"; }
+[ -z "$(dynamic "$libdir/librDxsH.so.0" 'RUNPATH\|RPATH')" ] || fail "the installed library has a run path"
+dynamic "$libdir/librDxsH.so.0" NEEDED | grep -qx libDxSvcs.so || fail "no device library is loaded"
+[ "$(dynamic "$libdir/librDxsH.so" SONAME)" = librDxsH.so.0 ] || fail "the library's number"
+[ "$(dynamic "$prefix/bin/rdxhttpd" 'RUNPATH')" = '$ORIGIN:$ORIGIN/../lib' ] || fail "the run path of rdxhttpd"
 
 # The README shows the example as it is.
 sed -n '/^```c$/,/^```$/p' "$source/README.md" | sed '1d;$d' | diff "$source/examples/host.c" - ||
@@ -31,10 +72,20 @@ while read -r header; do
     done
 done <"$work/installed"
 
+# No device library is in sight of the linker.
+mv "$libdir/rDxsH/sim" "$work/sim"
 cmake -S "$source/examples" -B "$work/cmake" -DCMAKE_PREFIX_PATH="$prefix" >"$work/log" 2>&1 &&
     cmake --build "$work/cmake" >>"$work/log" 2>&1 || fail "find_package: $(cat "$work/log")"
 g++ -x c -std=c11 -Wall -Wextra -Wpedantic -Werror "$source/examples/host.c" -x none \
     $(pkg-config --cflags --libs rDxsH) -Wl,-rpath,"$libdir" -o "$work/host" || fail "pkg-config"
+for program in "$work/cmake/host" "$work/host" "$prefix/bin/rdxhttpd"; do
+    "$program" >"$work/log" 2>&1 && fail "$program runs without a device library"
+    grep -q 'libDxSvcs.so: cannot open shared object file' "$work/log" || fail "$program: $(cat "$work/log")"
+done
+
+# With the simulated one.
+mv "$work/sim" "$libdir/rDxsH"
+export LD_LIBRARY_PATH=$libdir/rDxsH/sim RDX_SIM_STATE=$work/device.state
 "$source/tests/package/request_page_test.sh" "$work/cmake/request_page" || fail "the page of a request"
 
 # serve PROGRAM: starts it on a free port. A port that is taken ends the program with -9; try another.
@@ -65,4 +116,6 @@ for program in "$work/cmake/host" "$work/host" "$prefix/bin/rdxhttpd"; do
 done
 "$work/host" --unknown 1 >"$work/log" && fail "an unknown option was accepted"
 grep -q '^the server ended with -1$' "$work/log" || fail "$(cat "$work/log")"
+[ -e "$build/librdxusers.so" ] && [ -z "$(find "$prefix" -name '*rdxusers*')" ] ||
+    fail "what is for trying alone is installed"
 end "installed, found by CMake and pkg-config, and served"

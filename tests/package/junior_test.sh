@@ -82,7 +82,7 @@ chmod 755 "$work/bin/cmake"
 fails_to_start() {
     cp "$1" "$tree/build/server/rdxhttpd"
     cp "$2" "$tree/build/server/rdxadmin"
-    cp build/server/*.so "$tree/build/server"
+    cp build/server/*.so* "$tree/build/server"
     local result=0
     PATH="$work/bin:$PATH" "$tree/script/server" --junior --port "$port" >"$work/log" 2>&1 || result=$?
     [ "$result" -ne 0 ] || fail "it started without one of the two: $(cat "$work/log")"

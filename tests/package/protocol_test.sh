@@ -1,37 +1,45 @@
 #!/bin/bash
-# docs/protocol.md agrees with the code and with the packets that the tests expect; script/protocol notices when
-# either of them changes, says what to do, and can bring the document up to date.
+# docs/protocol.md and docs/settings.md agree with the code and with the packets that the tests expect; script/protocol notices when
+# either of them changes, says what to do, and can bring the document up to date. What it knows of the code are
+# the facts that the code prints.
 #
-#   protocol_test.sh SOURCE
+#   protocol_test.sh SOURCE FACTS      FACTS is the program that prints them
 set -eu
 . "$(dirname "$0")/common.sh"
 source=$1
+"$2" >"$work/as_printed"
 
-"$source/script/protocol" --check || fail "docs/protocol.md is not up to date"
-"$source/script/protocol" --unknown >"$work/log" 2>&1 && fail "an unknown option was accepted"
+"$source/script/protocol" --check --facts "$work/as_printed" || fail "docs/protocol.md is not up to date"
+for wrong in --unknown '--facts' "--facts $work/missing"; do
+    "$source/script/protocol" $wrong >"$work/log" 2>&1 && fail "'$wrong' was accepted"
+    grep -q '^  Next: ' "$work/log" || fail "'$wrong': says nothing to do next: $(cat "$work/log")"
+done
 
 # copy: what the script reads, in a tree of its own.
 copy() {
     rm -rf "$work/tree"
     mkdir -p "$work/tree/tests/system"
-    (cd "$source" && cp -r script docs rDxsd common http server wddx "$work/tree" && cp -r tests/system/golden "$work/tree/tests/system")
+    (cd "$source" && cp -r script docs "$work/tree" && cp -r tests/system/golden "$work/tree/tests/system")
+    cp "$work/as_printed" "$work/tree/facts"
 }
 
 # drifts WHAT REPAIRED FILE SED: the check fails after the file was changed so, and leaves the document alone; the
 # script itself brings the document up to date (yes) or finds that it cannot (no).
 drifts() {
     copy
-    sed "$4" "$source/$3" >"$work/tree/$3"
-    ! cmp -s "$source/$3" "$work/tree/$3" || fail "$1: nothing was changed"
+    local protocol="$work/tree/script/protocol"
+    cp "$work/tree/$3" "$work/original"
+    sed "$4" "$work/original" >"$work/tree/$3"
+    ! cmp -s "$work/original" "$work/tree/$3" || fail "$1: nothing was changed"
     cp "$work/tree/docs/protocol.md" "$work/before"
-    "$work/tree/script/protocol" --check >"$work/log" 2>&1 && fail "$1: not noticed"
+    "$protocol" --check --facts "$work/tree/facts" >"$work/log" 2>&1 && fail "$1: not noticed"
     grep -q '^  Next: ' "$work/log" || fail "$1: says nothing to do next: $(cat "$work/log")"
     cmp -s "$work/before" "$work/tree/docs/protocol.md" || fail "$1: the check writes"
     if [ "$2" = yes ]; then
-        "$work/tree/script/protocol" >"$work/log" 2>&1 || fail "$1: not repaired: $(cat "$work/log")"
-        "$work/tree/script/protocol" --check || fail "$1: not repaired"
+        "$protocol" --facts "$work/tree/facts" >"$work/log" 2>&1 || fail "$1: not repaired: $(cat "$work/log")"
+        "$protocol" --check --facts "$work/tree/facts" || fail "$1: not repaired"
     else
-        ! "$work/tree/script/protocol" >"$work/log" 2>&1 || fail "$1: taken for repaired"
+        ! "$protocol" --facts "$work/tree/facts" >"$work/log" 2>&1 || fail "$1: taken for repaired"
     fi
 }
 
@@ -40,33 +48,39 @@ drifts 'an answer' yes $golden/rdxGetVersion/0.xml 's/100/101/'
 drifts 'a message' yes $golden/junior/follow_up.http 's/vsFollowUpSuccess/vsFollowUp/'
 drifts 'arguments' yes $golden/rdxAllocateDevice/arguments.xml 's/10\.0\.0\.7/10.0.0.8/'
 drifts 'a broken answer' no $golden/rdxGetVersion/0.xml 's/<\/struct>//'
-drifts 'a code' yes rDxsd/ownership.cpp 's/42101, 9002/42101, 9003/'
-drifts 'a row' yes rDxsd/maintenance.cpp '/42404, 9032/d'
-drifts 'a row on a line with others' yes rDxsd/maintenance.cpp 's/{-1, 42301, 9052, Detail::kReason},//'
-drifts 'a detail' yes rDxsd/status.cpp 's/-1, 9072, Detail::kReason/-1, 9072, Detail::kOwner/'
-drifts 'a result' yes rDxsd/maintenance.cpp 's/{14, 42403/{15, 42403/'
-drifts 'a result with a name' yes rDxsd/maintenance.cpp 's/kDetailedTestAwaited = 9064/kDetailedTestAwaited = 9066/'
-drifts 'an outcome with a name' yes rDxsd/maintenance.cpp 's/{5, 42501, 9065/{6, 42501, 9065/'
-drifts 'a method with another table' yes rDxsd/ownership.cpp 's/FindOutcome(kReleaseOutcomes/FindOutcome(kInitiateOutcomes/'
-drifts 'tables in another form' no rDxsd/ownership.cpp 's/^constexpr Outcome/const Outcome/'
-drifts 'the unknown method' yes rDxsd/dispatcher.cpp 's/42010/42011/'
-drifts 'the self test' yes rDxsd/method.cpp 's/kFailed = 42502/kFailed = 42503/'
-drifts 'a constant that went' no rDxsd/method.cpp 's/kNotPassed/kNone/'
-drifts 'a header' yes http/http.cpp 's/"Cookie"/"Biscuit"/'
-drifts 'a list of headers' yes http/http.h 's/HTTP_MAX_REQUEST_HEADERS = 14/HTTP_MAX_REQUEST_HEADERS = 26/'
-drifts 'a line' yes http/http.h 's/HTTP_LINE_SIZE = 512/HTTP_LINE_SIZE = 1024/'
-drifts 'the body' yes common/config.cpp 's/g_dwPostMaxContLength = 65536/g_dwPostMaxContLength = 65537/'
-drifts 'a method that is renamed' no rDxsd/dispatcher.cpp 's/Method{"rdxGetVersion"/Method{"rdxTellVersion"/'
-drifts 'who may call' no rDxsd/dispatcher.cpp 's/ProcessGetVersion, Access::kPublic/ProcessGetVersion, Access::kAuthenticated/'
-drifts 'an argument that is renamed' no rDxsd/ownership.cpp 's/"CfgMode"/"Mode"/'
-drifts 'an argument of another type' no rDxsd/maintenance.cpp 's/Integer("FirmwareRev")/IntegerOrFlag("FirmwareRev")/'
-drifts 'an argument that is required now' no rDxsd/maintenance.cpp 's/OptionalText("Hostname")/Text("Hostname")/'
-drifts 'an argument with another limit' no rDxsd/ownership.cpp 's/, kAddressMax)/)/'
-drifts 'the limit of an argument' no rDxsd/method.h 's/kOwnerMax = 32/kOwnerMax = 33/'
-drifts 'a member of an attribute' no rDxsd/maintenance.cpp 's/element, "EnforceReg"/element, "Enforce"/'
-drifts 'a key' no rDxsd/status.cpp 's/"Terminal_30"/"Terminal_31"/'
-drifts 'a key of every answer' no rDxsd/rDxWddx.cpp 's/"AllocatedBy"/"AllocatedFor"/'
-drifts 'a key in a member of its own' no rDxsd/method.cpp 's/"ReleasedBy"/"GivenBackBy"/'
+drifts 'a code' yes facts 's/42101\t9002/42101\t9003/'
+drifts 'a row' yes facts '/42404\t9032/d'
+drifts 'a new row' yes facts 's/^status\trdxReleaseDevice\t3\t.*/&\nstatus\trdxReleaseDevice\t4\t42102\t9015\tReason/'
+drifts 'a detail' yes facts 's/9072\tReason/9072\tthe owner/'
+drifts 'a result' yes facts 's/\t14\t42403/\t15\t42403/'
+drifts 'a method with the rows of another' yes facts 's/^status\trdxReleaseDevice/status\trdxInitiateCfgRequest/'
+drifts 'the unknown method' yes facts 's/42010/42011/'
+drifts 'the self test' yes facts 's/42502\tthat/42503\tthat/'
+drifts 'a setting' yes facts 's/^setting\tAuthRealm\tTavrin/setting\tAuthRealm\tTaverne/'
+drifts 'facts without settings' no facts '/^setting\t/d'
+drifts 'facts without codes' no facts '/^status/d'
+drifts 'facts without headers' no facts '/^header\t/d'
+drifts 'no facts' no facts d
+drifts 'a header' yes facts 's/\tCookie$/\tBiscuit/'
+drifts 'a new header' yes facts 's/^header\tresponse\tAge/&\nheader\tresponse\tAgain/'
+drifts 'a list of headers' yes facts 's/^headers\trequest\t14/headers\trequest\t26/'
+drifts 'another kind of headers' yes facts 's/\tentity\t/\tbody\t/'
+drifts 'a line' yes facts 's/\t511\t/\t1023\t/'
+drifts 'the body' yes facts 's/\t65536\t/\t65537\t/'
+drifts 'a new method' no facts '$a method\trdxTellTime\tpublic'
+drifts 'a method that is renamed' no facts 's/rdxGetVersion/rdxTellVersion/'
+drifts 'a method that went' no facts '/\trdxGetVersion\t/d'
+drifts 'who may call' no facts 's/^method\trdxGetVersion\tpublic/method\trdxGetVersion\tauthenticated/'
+drifts 'an argument that is renamed' no facts 's/\tCfgMode\t/\tMode\t/'
+drifts 'a new argument' no facts '$a argument\trdxGetVersion\tminor\tinteger\tyes\t-'
+drifts 'an argument of another type' no facts 's/FirmwareRev\tinteger/FirmwareRev\tinteger or boolean/'
+drifts 'an argument that is required now' no facts 's/Hostname\tstring\tno/Hostname\tstring\tyes/'
+drifts 'an argument with another limit' no facts 's/\tIfhClientIpAddr\tstring\tyes\t16/\tIfhClientIpAddr\tstring\tyes\t-/'
+drifts 'the limit of an argument' no facts 's/DeviceOwner\tstring\tyes\t32/DeviceOwner\tstring\tyes\t33/'
+drifts 'a member of an attribute' no facts 's/\tEnforceReg\t/\tEnforce\t/'
+drifts 'a key' no facts 's/\tTerminal_30$/\tTerminal_31/'
+drifts "a method's key that only another one has" no facts '$a key\trdxReleaseDevice\tTerminal_30'
+drifts 'a key of every answer' no facts 's/\tAllocatedBy$/\tAllocatedFor/'
 drifts 'the document' yes docs/protocol.md 's/| 42601 | 9034 |/| 42601 | 9035 |/'
 drifts 'a chapter that went' no docs/protocol.md 's/^### rdxReleaseDevice/### Giving back/'
 drifts 'a row that went' no docs/protocol.md '/^| `CaCert`/d'

@@ -1,7 +1,7 @@
 #!/bin/bash
 # The README's first command: script/server builds, serves, prints calls that work, refuses a busy port, ends
-# with an interrupt and leaves nothing behind. Its user demo is there wherever the system allows it, for root
-# and for an ordinary user, and never touches the machine's own users.
+# with an interrupt and leaves nothing behind. Its user demo is there for root and for an ordinary user, with
+# namespaces and without, and never touches the machine's own users.
 #
 #   server_test.sh SOURCE [BUILD]      BUILD: another build that must have come to the same library
 set -eu
@@ -32,6 +32,7 @@ SOURCE_DATE_EPOCH=1 cmake -S . -B "$work/dated" -DCMAKE_BUILD_TYPE=Release -DBUI
     fail "$(cat "$work/log")"
 grep -q '__DATE__=[^ ]*Jan  1 1970' "$work/dated/compile_commands.json" || fail "SOURCE_DATE_EPOCH is not the build's date"
 grep -q '^RDX_ADMIN:BOOL=OFF$' "$work/dated/CMakeCache.txt" || fail "a build without tests builds rdxadmin"
+[ ! -e "$work/dated/sim/users" ] || fail "a build without tests builds the users of one that is tried"
 
 # start [COMMAND...]: the script in `tree`, run by the command, on a free port; sets server and port.
 tree=.
@@ -75,6 +76,15 @@ expect_refusals() {
     done
 }
 
+# expect_library YES [COMMAND...]: whether the library that stands in for a namespace is in the server, as who
+# runs the command may see.
+expect_library() {
+    "${@:2}" cat "/proc/$server/maps" >"$work/maps" || fail "the server's libraries cannot be seen"
+    local preloaded=no
+    ! grep -q '/librdxusers\.so$' "$work/maps" || preloaded=yes
+    [ "$preloaded" = "$1" ] || fail "preloaded: $preloaded instead of $1"
+}
+
 # expect_demo_user: the second printed call works, and a wrong password does not.
 expect_demo_user() {
     second=$(grep '^  curl .*-u demo:demo' "$work/log") || fail "no call with a user: $(cat "$work/log")"
@@ -95,6 +105,12 @@ expect_no_demo_user() {
     expect_refusals
 }
 
+# expect_no_room FOLDER: it says so, and what to do.
+expect_no_room() {
+    grep -qxF "script/server: there is no room for temporary files in $1." "$work/log" || fail "$(cat "$work/log")"
+    grep -q '^  Next: .*TMPDIR=FOLDER script/server$' "$work/log" || fail "$(cat "$work/log")"
+}
+
 start
 call=$(grep -m 1 '^  curl ' "$work/log") || fail "no call: $(cat "$work/log")"
 sh -c "$call" >"$work/answer" || fail "the printed call does not work: $call"
@@ -103,27 +119,37 @@ grep -q "<var name='version'><number>100</number></var>" "$work/answer" || fail 
 grep -qxF "    \$ ${call#  }" <(sed "s/127.0.0.1:8080/127.0.0.1:$port/" README.md) || fail "README: $call"
 grep -qxF "    $(cat "$work/answer")" README.md || fail "README: $(cat "$work/answer")"
 
-if allows_namespaces; then
-    expect_demo_user
-    grep -qxF "    \$ ${second#  }" <(sed "s/127.0.0.1:8080/127.0.0.1:$port/" README.md) || fail "README: $second"
-    grep -qxF "    $(cat "$work/answer")" README.md || fail "README: $(cat "$work/answer")"
-    grep -q "^owner = \"Workstation 1\"" "$XDG_STATE_HOME/rdx-sim.state" || fail "the device forgets its owner"
-else
-    expect_no_demo_user '..*'
-    leave_out "the user demo"
-fi
+if allows_namespaces; then expect_library no; else expect_library yes; fi
+expect_demo_user
+grep -qxF "    \$ ${second#  }" <(sed "s/127.0.0.1:8080/127.0.0.1:$port/" README.md) || fail "README: $second"
+grep -qxF "    $(cat "$work/answer")" README.md || fail "README: $(cat "$work/answer")"
+grep -q "^owner = \"Workstation 1\"" "$XDG_STATE_HOME/rdx-sim.state" || fail "the device forgets its owner"
 
 script/server --port "$port" >"$work/second" 2>&1 && fail "a busy port was accepted"
 grep -q "port $port is in use" "$work/second" || fail "$(cat "$work/second")"
 stop
 
-# Where the system refuses.
+# Where the system allows no namespaces, as most containers; and where nothing helps.
 mkdir "$work/bin"
-printf '#!/bin/sh\necho "unshare: not on this machine" >&2\nexit 1\n' >"$work/bin/unshare"
-chmod 755 "$work/bin/unshare"
+refuse unshare
+rm "$XDG_STATE_HOME/rdx-sim.state" # nobody owns the device
 start env PATH="$work/bin:$PATH"
-expect_no_demo_user 'unshare: not on this machine'
+expect_library yes
+expect_demo_user
 stop
+refuse getent
+start env PATH="$work/bin:$PATH"
+expect_library no
+expect_no_demo_user 'getent: not on this machine'
+stop
+rm "$work/bin/getent"
+
+# Where there is no room, or no folder.
+(ulimit -f 100 && ! script/server --port "$port") >"$work/log" 2>&1 || fail "it started without room"
+expect_no_room "$TMPDIR"
+! TMPDIR=/nowhere script/server --port "$port" >"$work/log" 2>&1 || fail "it started without a folder"
+expect_no_room /nowhere
+[ -z "$(ls -A "$TMPDIR")" ] || fail "left behind: $(ls -A "$TMPDIR")"
 
 # An ordinary user, who finds everything built. Where nothing is to be built, nothing may be missing either.
 chmod 711 "$work"
@@ -131,21 +157,24 @@ tree=$work/tree
 mkdir -p "$tree/build" "$work/nobody"
 cp -R script "$tree"
 mkdir "$tree/build/server"
-cp build/server/*.so build/server/rdxhttpd "$tree/build/server"
+cp build/server/*.so* build/server/rdxhttpd "$tree/build/server"
 printf '#!/bin/sh\n' >"$work/bin/cmake"
 chmod 755 "$work/bin/cmake"
-rm "$work/bin/unshare"
-if [ "$(id -u)" -ne 0 ] || ! "${as_nobody[@]}" test -r "$tree/script/server"; then
-    echo "not tried: another user, which only root can become"
-elif ! allows_namespaces "${as_nobody[@]}"; then
-    leave_out "an ordinary user's own database"
-else
+# serve_nobody LIBRARY: to nobody's own server.
+serve_nobody() {
     chown -R 65534:65534 "$work/nobody" "$TMPDIR"
     start "${as_nobody[@]}" env PATH="$work/bin:$PATH" XDG_STATE_HOME="$work/nobody/state"
     [ "$(stat -c %u "/proc/$server")" = 65534 ] || fail "the server runs as another user"
+    expect_library "$1" "${as_nobody[@]}"
     expect_demo_user
     [ "$(stat -c %u "$work/nobody/state/rdx-sim.state")" = 65534 ] || fail "no state of the user's own"
     stop
+    rm -r "$work/nobody/state"
+}
+if can_become_nobody "$tree/script/server"; then
+    serve_nobody yes
+    rm "$work/bin/unshare"
+    ! allows_namespaces "${as_nobody[@]}" || serve_nobody no
 fi
 
 [ "$(users)" = "$users_before" ] || fail "the machine's own users were touched"

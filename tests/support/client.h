@@ -45,6 +45,9 @@ public:
 
     void Close();
 
+    // Closes with a reset in place of an orderly end.
+    void Reset();
+
     // Tells the peer that nothing more will come.
     void FinishSending();
 

@@ -84,7 +84,6 @@ std::string Shadow() {
 class ShadowDatabase : public OwnServer {
 protected:
     void SetUp() override {
-        if (!CanReplaceShadow()) GTEST_SKIP() << "no private mounts";
         server_ = std::make_unique<Server>(ServerOptions{.threads = GetParam(), .shadow = Shadow()});
         ASSERT_TRUE(server_->Start());
     }
@@ -177,7 +176,6 @@ TEST_P(ShadowDatabase, ServesAnOrdinaryClient) {
 
 // Several threads check at the same time, and each gets the result of its own user.
 TEST(SeveralThreads, DoNotMixUpTheirUsers) {
-    if (!CanReplaceShadow()) GTEST_SKIP() << "no private mounts";
     Server server({.threads = kSeveralThreads, .shadow = Shadow()});
     ASSERT_TRUE(server.Start());
     const std::string good = Call("rdxNoSuchMethod", VersionPacket(),
@@ -196,6 +194,32 @@ TEST(SeveralThreads, DoNotMixUpTheirUsers) {
         EXPECT_EQ(third.ReadAnswer().text, UnknownMethodAnswer());
     }
 }
+
+// --- Where the users come from --------------------------------------------------------------------------
+
+// A line that is longer than most, so that the server has to make more room, stands before the user's.
+void ExpectAUserBehindALongLine(ServerOptions options) {
+    options.shadow = ShadowLine("long", std::string(5000, 'x')) + Shadow();
+    Server server(std::move(options));
+    ASSERT_TRUE(server.Start());
+    const auto ask = [&](const char* user, const char* password) {
+        return Ask(server.Port(),
+                   Call("rdxNoSuchMethod", VersionPacket(), {BasicAuthorization(user, password)}))
+            .text;
+    };
+    EXPECT_EQ(ask("tester", "secret"), UnknownMethodAnswer());
+    EXPECT_EQ(ask("other", "secret"), UnauthorizedAnswer());
+    EXPECT_EQ(ask("stranger", "secret"), UnauthorizedAnswer());
+}
+
+TEST(Users, AreThoseOfTheSystem) {
+    if (!CanReplaceShadow()) {
+        GTEST_SKIP() << "this system gives no process an /etc/shadow of its own: users are preloaded";
+    }
+    ExpectAUserBehindALongLine({});
+}
+
+TEST(Users, CanBePreloaded) { ExpectAUserBehindALongLine({.preloaded = true}); }
 
 } // namespace
 } // namespace rdx::test

@@ -3,6 +3,7 @@
 #include "tests/support/escaped.h"
 #include "tests/system/messages.h"
 
+#include <algorithm>
 #include <crypt.h>
 #include <cstdlib>
 #include <filesystem>
@@ -130,10 +131,15 @@ std::string Golden(const std::string& method, const std::string& name) {
 }
 
 const std::vector<std::string>& Methods() {
-    static const std::vector<std::string> kMethods = {
-        "rdxGetVersion",         "rdxGetDeviceStatus",     "rdxAllocateDevice",       "rdxReleaseDevice",
-        "rdxSetIpConfiguration", "rdxSetDeviceAttributes", "rdxUpdateDeviceFirmware", "rdxRunDeviceSelfTest",
-        "rdxInitiateCfgRequest", "rdxGetVehicleStatus"};
+    static const std::vector<std::string> kMethods = [] {
+        std::vector<std::string> names;
+        for (const auto& folder : std::filesystem::directory_iterator(RDX_TEST_GOLDEN)) {
+            if (std::filesystem::exists(folder.path() / "arguments.xml"))
+                names.push_back(folder.path().filename());
+        }
+        std::ranges::sort(names);
+        return names;
+    }();
     return kMethods;
 }
 

@@ -17,7 +17,6 @@ inline constexpr const char* kPassword = "secret";
 
 class DeviceServer {
 public:
-    // Needs CanReplaceShadow for the methods that ask for a user.
     explicit DeviceServer(ServerOptions options = {});
 
     testing::AssertionResult Start() { return server_.Start(); }
@@ -51,7 +50,7 @@ std::string UserForm(const std::string& method, const std::string& packet);
 std::string GoldenPath(const std::string& method, const std::string& name);
 std::string Golden(const std::string& method, const std::string& name);
 
-// The ten methods.
+// The methods: those for which golden/ has arguments.
 const std::vector<std::string>& Methods();
 
 // The method's good argument packet; and with another value for one argument, or without that argument.

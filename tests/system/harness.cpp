@@ -78,12 +78,21 @@ bool RaiseLoopback() {
     return raised;
 }
 
-bool Isolate(const std::string& shadowFile, bool ownNetwork) {
-    const int kinds = (shadowFile.empty() ? 0 : CLONE_NEWNS) | (ownNetwork ? CLONE_NEWNET : 0);
+// What a process has for itself.
+struct Own {
+    std::string shadow = {}; // the file that is its /etc/shadow
+    std::string name = {};   // of the machine
+    bool network = false;
+};
+
+bool Isolate(const Own& own) {
+    const int kinds = (own.shadow.empty() ? 0 : CLONE_NEWNS) | (own.name.empty() ? 0 : CLONE_NEWUTS) |
+                      (own.network ? CLONE_NEWNET : 0);
     if (kinds == 0) return true;
     if (!EnterNamespaces(kinds)) return false;
-    if (!shadowFile.empty() && !ReplaceShadow(shadowFile)) return false;
-    return !ownNetwork || RaiseLoopback();
+    if (!own.shadow.empty() && !ReplaceShadow(own.shadow)) return false;
+    if (!own.name.empty() && sethostname(own.name.data(), own.name.size()) != 0) return false;
+    return !own.network || RaiseLoopback();
 }
 
 void ResetSignals() {
@@ -124,6 +133,13 @@ void IsolateDevice(Variables& changes) {
     for (const char* name : {"RDX_SIM_STATE", "RDX_SIM_SCENARIO", "RDX_SIM_CALLS"}) {
         if (!Names(changes, name)) changes.emplace_back(name, "");
     }
+}
+
+// Has the process read its users from this file, not from the system's database.
+void PreloadUsers(Variables& changes, const std::string& file) {
+    const char* others = std::getenv("LD_PRELOAD");
+    changes.emplace_back("LD_PRELOAD", std::string(RDX_TEST_USERS ":") + (others == nullptr ? "" : others));
+    changes.emplace_back("RDX_SIM_USERS", file);
 }
 
 std::vector<std::string> Environment(const Variables& changes) {
@@ -262,7 +278,9 @@ bool PortReservation::Take(int port) {
 
 Server::Server(ServerOptions options) : options_(std::move(options)), port_(options_.ports) {
     WriteSettings(options_.settings);
-    if (!options_.shadow.empty()) WriteFile(folder_.Path() + "/shadow", options_.shadow);
+    if (options_.shadow.empty()) return;
+    WriteFile(ShadowPath(), options_.shadow);
+    if (!CanReplaceShadow()) options_.preloaded = true;
 }
 
 Server::~Server() {
@@ -303,6 +321,7 @@ void Server::Spawn(const std::vector<std::string>& arguments) {
     std::vector<std::string> words = CommandLine(arguments);
     Variables changes = options_.environment;
     IsolateDevice(changes);
+    if (options_.preloaded) PreloadUsers(changes, ShadowPath());
     changes.emplace_back("RDX_TEST_HELD_DESCRIPTORS", std::to_string(options_.heldDescriptors));
     // The handler runs only where the server holds no lock, which the thread sanitizer cannot know.
     const char* sanitizer = std::getenv("TSAN_OPTIONS");
@@ -311,7 +330,9 @@ void Server::Spawn(const std::vector<std::string>& arguments) {
     std::vector<std::string> variables = Environment(changes);
     const std::vector<char*> argv = Pointers(words);
     const std::vector<char*> envp = Pointers(variables);
-    const std::string shadow = options_.shadow.empty() ? "" : folder_.Path() + "/shadow";
+    const Own own = {.shadow = options_.preloaded || options_.shadow.empty() ? "" : ShadowPath(),
+                     .name = options_.machineName,
+                     .network = options_.ownNetwork};
     const pid_t parent = getpid();
 
     pid_ = fork();
@@ -326,7 +347,7 @@ void Server::Spawn(const std::vector<std::string>& arguments) {
     RefuseHugePages();
     Redirect(folder_.Path() + "/output", STDOUT_FILENO);
     Redirect(folder_.Path() + "/errors", STDERR_FILENO);
-    if (!Isolate(shadow, options_.ownNetwork)) _exit(kSetUpFailed);
+    if (!Isolate(own)) _exit(kSetUpFailed);
     prctl(PR_SET_PDEATHSIG, SIGKILL);
     if (getppid() != parent) _exit(kSetUpFailed);
     execvpe(argv[0], argv.data(), envp.data());
@@ -426,11 +447,15 @@ bool CanReplaceShadow() {
     TemporaryFolder folder;
     const std::string file = folder.Path() + "/shadow";
     WriteFile(file, "nobody:*:19000:0:99999:7:::\n");
-    return SucceedsInAChild([&] { return Isolate(file, false); });
+    return SucceedsInAChild([&] { return Isolate({.shadow = file}); });
+}
+
+bool CanHaveOwnName() {
+    return SucceedsInAChild([] { return Isolate({.name = "x"}); });
 }
 
 bool CanHaveOwnNetwork() {
-    return SucceedsInAChild([] { return Isolate("", true); });
+    return SucceedsInAChild([] { return Isolate({.network = true}); });
 }
 
 int CountOf(const std::string& part, const std::string& text) {

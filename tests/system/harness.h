@@ -79,7 +79,9 @@ struct ServerOptions {
     int threads = 1;                        // "-mt"
     std::vector<std::pair<std::string, std::string>> environment = {};
     std::vector<std::string> wrapper = {}; // a program and its arguments that run the host
-    std::string shadow = {};               // the text of /etc/shadow that only this server sees
+    std::string shadow = {};               // a shadow database that only this server has
+    bool preloaded = false;                // it is read by librdxusers.so even where it could be /etc/shadow
+    std::string machineName = {};          // the name of the machine as only this server sees it
     bool ownNetwork = false;               // a network of its own with only a loopback
     int heldDescriptors = 0;               // descriptors that the host holds before it starts the server
     Host host = Host::kPlain;
@@ -135,6 +137,7 @@ public:
     bool WaitForOutput(const std::string& part, milliseconds limit = kPatience) const;
 
 private:
+    std::string ShadowPath() const { return folder_.Path() + "/shadow"; }
     std::vector<std::string> CommandLine(const std::vector<std::string>& arguments) const;
     std::vector<std::string> StandardArguments() const;
     void Spawn(const std::vector<std::string>& arguments);
@@ -151,8 +154,10 @@ private:
 // The port of RDX_TEST_SERVER, or 0.
 int RunningServerPort();
 
-// Whether this machine lets a test give a process its own /etc/shadow, its own network.
+// Whether this system lets a test give a process its own /etc/shadow, its own machine's name, its own
+// network.
 bool CanReplaceShadow();
+bool CanHaveOwnName();
 bool CanHaveOwnNetwork();
 
 int CountOf(const std::string& part, const std::string& text);

@@ -385,7 +385,6 @@ std::string Filled(std::string golden, const std::string& answer, long earliest,
 class Answers : public testing::TestWithParam<std::tuple<std::string, int>> {
 protected:
     void SetUp() override {
-        if (!CanReplaceShadow()) GTEST_SKIP() << "no private mounts";
         ASSERT_TRUE(server_.Start());
         curl_ = std::make_unique<CurlClient>(server_.Port());
         curl_->UseCredentials(std::string(kUser) + ":" + kPassword);
@@ -502,8 +501,7 @@ TEST(GoldenFiles, HoldTheCodesThatAreNoResults) {
     }
 }
 
-TEST(GoldenFiles, CountTheRowsOfTheTable) {
-    EXPECT_EQ(std::size(kCodes), 46U);
+TEST(GoldenFiles, AreThereForTheRowsOfEveryMethod) {
     std::set<std::string> methods;
     for (const Code& code : kCodes) methods.insert(code.method);
     EXPECT_EQ(methods.size() + 2, Methods().size()); // the two others do not report a result
@@ -520,10 +518,6 @@ protected:
         const long earliest = UpTimeOfTheMachine();
         const Reply answer = Ask(server.Port(), Call("rdxGetDeviceStatus", Arguments("rdxGetDeviceStatus")));
         EXPECT_EQ(answer.body, Filled(Golden("rdxGetDeviceStatus", "0"), answer.body, earliest, interface));
-    }
-
-    void SetUp() override {
-        if (!CanReplaceShadow()) GTEST_SKIP() << "no private mounts";
     }
 };
 

@@ -227,7 +227,7 @@ TEST(Port, ThatIsTheSameInBothNeedsNoWarning) {
 }
 
 TEST(Port, IsTheOneOfTheWebWhenTheFileNamesNone) {
-    if (!CanHaveOwnNetwork()) GTEST_SKIP() << "no network of one's own";
+    if (!CanHaveOwnNetwork()) GTEST_SKIP() << "this system gives no process a network of its own";
     Server server({.ownNetwork = true});
     WriteFile(server.ConfigurationPath(), "[HTTP]\nVerbosity=VERBOSITY_LOG\nMethodsAllowed=GET\n");
     ASSERT_TRUE(server.Start({"-p", "8080"}));

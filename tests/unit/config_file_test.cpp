@@ -1,5 +1,6 @@
 #include "common/config.h"
 
+#include "common/entity_terminator.h"
 #include "common/mt.h"
 #include "common/shared.h"
 #include "tests/support/assertion.h"
@@ -13,6 +14,7 @@
 #include <cstring>
 #include <iterator>
 #include <string>
+#include <string_view>
 #include <thread>
 #include <unistd.h>
 
@@ -24,7 +26,11 @@ using namespace test;
 
 constexpr const char* kSource = "common/config.cpp";
 
-class IniFile : public Config {};
+class IniFile : public Config {
+protected:
+    // Reads a file over the settings as they are.
+    int Overlay(std::string_view content) { return ReadIniFile(Write(content).c_str(), "HTTP"); }
+};
 class Reconfiguration : public Config {};
 
 // --- the file: sections -----------------------------------------------------------------------------------
@@ -362,6 +368,44 @@ TEST_F(IniFile, RefusesATerminatorSwitchWithoutAnEqualSign) {
 TEST_F(IniFile, SwitchesTheTerminatorThoughALaterLineIsBad) {
     EXPECT_EQ(Read("[HTTP]\nSendEOT=1\nVerbosity=LOG\n"), -1);
     EXPECT_EQ(ucEntityTerminator, 1);
+}
+
+TEST_F(IniFile, TakesTheTerminatorsTextAtTheEndToo) {
+    EXPECT_EQ(Overlay("[HTTP]\nSendEOT=1\nEOTString=END\n"), 0);
+    EXPECT_EQ(Overlay("[HTTP]\nEOTString=STOP\nEOTString=" + std::string(65, 'x') + "\nSendEOT=0\n"), -3);
+    EXPECT_EQ(ucEntityTerminator, 1) << "the line behind the bad one is not read";
+    EXPECT_STREQ(szEntityTerminator, "STOP");
+    EXPECT_EQ(Overlay("[HTTP]\nEOTString\n"), -1);
+    EXPECT_EQ(Overlay("[HTTP]\nEOTString=\nSendEOT=0\n"), 0);
+    EXPECT_EQ(ucEntityTerminator, 0);
+    EXPECT_STREQ(szEntityTerminator, "");
+}
+
+// Threads take flag and text while files switch them on and off: never the one of one file and the other of
+// another, whichever line stands first.
+TEST_F(IniFile, ChangesTheTerminatorAsOne) {
+    const char* const files[] = {"[HTTP]\nSendEOT=1\nEOTString=END\n", "[HTTP]\nEOTString=\nSendEOT=0\n",
+                                 "[HTTP]\nEOTString=a longer text\nSendEOT=1\n",
+                                 "[HTTP]\nSendEOT=0\nEOTString=\n"};
+    std::atomic<bool> stop = false;
+    std::atomic<int> taken = 0;
+    std::atomic<int> torn = 0;
+    const auto take = [&] {
+        while (!stop) {
+            const EntityTerminator terminator = LoadEntityTerminator();
+            const std::string_view text = terminator.text.View();
+            const bool whole = terminator.used ? text == "END" || text == "a longer text" : text.empty();
+            if (!whole) ++torn;
+            ++taken;
+        }
+    };
+    std::thread readers[] = {std::thread(take), std::thread(take)};
+    for (int i = 0; i < 2000 || taken < 1000; ++i) {
+        EXPECT_EQ(Overlay(files[i % 4]), 0);
+    }
+    stop = true;
+    for (std::thread& reader : readers) reader.join();
+    EXPECT_EQ(torn, 0);
 }
 
 // --- reconfiguration --------------------------------------------------------------------------------------

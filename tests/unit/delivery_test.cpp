@@ -11,6 +11,7 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <cerrno>
 #include <chrono>
 #include <csignal>
 #include <initializer_list>
@@ -262,24 +263,56 @@ TEST_F(AwaitDeliveriesTest, HasOnePatienceForAllPeersWhateverSignalEndedTheLoop)
     });
 }
 
-using PeerHasClosedTest = SocketTest;
+using PeerTest = SocketTest;
 
-TEST_F(PeerHasClosedTest, IsTrueWhenNothingIsLeftToBeRead) {
+TEST_F(PeerTest, IsThereUntilItHasClosedAndEverythingWasRead) {
     Connection connection;
-    EXPECT_FALSE(PeerHasClosed(connection.near.Get()));
+    const int near = connection.near.Get();
+    EXPECT_EQ(LookAtPeer(near), Peer::kThere);
     connection.Say("a");
-    EXPECT_FALSE(PeerHasClosed(connection.near.Get()));
+    EXPECT_EQ(LookAtPeer(near), Peer::kThere);
+    EXPECT_FALSE(HasPeerLeft(near));
     connection.CloseFar();
-    EXPECT_FALSE(PeerHasClosed(connection.near.Get())) << "there is something left";
+    EXPECT_EQ(LookAtPeer(near), Peer::kThere) << "there is something left";
+    EXPECT_TRUE(HasPeerLeft(near));
     EXPECT_EQ(connection.Rest(), "a");
-    EXPECT_TRUE(PeerHasClosed(connection.near.Get()));
+    EXPECT_EQ(LookAtPeer(near), Peer::kClosed);
+    EXPECT_EQ(LookAtPeer(near), Peer::kClosed) << "a second time";
 }
 
-TEST_F(PeerHasClosedTest, IsFalseOnAFailedConnection) {
+TEST_F(PeerTest, HasClosedWhenItOnlySendsNoMore) {
+    const Connection connection;
+    shutdown(connection.far.Get(), SHUT_WR);
+    EXPECT_TRUE(Eventually([&] { return LookAtPeer(connection.near.Get()) == Peer::kClosed; }));
+    EXPECT_TRUE(HasPeerLeft(connection.near.Get()));
+}
+
+TEST_F(PeerTest, HasFailedAfterAResetAndTheErrorStays) {
     Connection connection;
     connection.ResetFar();
-    EXPECT_FALSE(PeerHasClosed(connection.near.Get()));
-    EXPECT_FALSE(PeerHasClosed(-1));
+    EXPECT_EQ(LookAtPeer(connection.near.Get()), Peer::kFailed);
+    EXPECT_TRUE(HasPeerLeft(connection.near.Get()));
+    char byte;
+    EXPECT_EQ(recv(connection.near.Get(), &byte, 1, 0), -1);
+    EXPECT_EQ(errno, ECONNRESET);
+}
+
+TEST_F(PeerTest, IsThereWhileWhatItSentBeforeAResetIsUnread) {
+    Connection connection;
+    connection.Say("a");
+    connection.ResetFar();
+    if (connection.Waiting() == 0) GTEST_SKIP() << "this system drops what came before a reset";
+    EXPECT_EQ(LookAtPeer(connection.near.Get()), Peer::kThere);
+    EXPECT_EQ(connection.Rest(), "a");
+    EXPECT_EQ(LookAtPeer(connection.near.Get()), Peer::kFailed);
+}
+
+TEST_F(PeerTest, HasFailedWhereThereIsNoSocket) {
+    Connection connection;
+    const int number = connection.near.Get();
+    connection.near.Close();
+    EXPECT_EQ(LookAtPeer(number), Peer::kFailed);
+    EXPECT_EQ(LookAtPeer(-1), Peer::kThere) << "nothing to look at";
 }
 
 } // namespace

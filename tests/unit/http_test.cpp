@@ -231,6 +231,22 @@ TEST_F(AssignHeaderDataDeathTest, AssertsItsArguments) {
         << "also when the list is full";
 }
 
+// Their lengths are signed: a colon that does not lie in the line makes one that is not above 0.
+TEST_F(AssignHeaderDataDeathTest, AssertsAColonInsideTheLine) {
+    char text[] = ":Date: now";
+    char* const line = text + 1;
+    HttpHeader header{};
+    EXPECT_DEATH(AssignHeaderData(line, text, text + 10, &header, 0, 1),
+                 Assertion("AssignHeaderData", "lname > 0"));
+    EXPECT_DEATH(AssignHeaderData(line, line + 4, line + 4, &header, 0, 1),
+                 Assertion("AssignHeaderData", "lvalue > 0"));
+    EXPECT_DEATH(AssignHeaderData(line, line + 4, line + 2, &header, 0, 1),
+                 Assertion("AssignHeaderData", "lvalue > 0"));
+    EXPECT_EQ(AssignHeaderData(line, line + 4, line + 5, &header, 0, 1), 1) << "an empty value";
+    EXPECT_STREQ(header.value, "");
+    FreeHeaders(&header, 1);
+}
+
 // Filling from texts ------------------------------------------------------------------------------------
 
 TEST(AllocHeader, CopiesBothTexts) {

@@ -12,6 +12,7 @@
 #include <regex>
 #include <string>
 #include <thread>
+#include <tuple>
 #include <vector>
 
 namespace rdx {
@@ -52,123 +53,179 @@ const Members kMembers = {{"text", TextValue("a<b")},
                           {"text", NumberValue(1)},
                           {"number", TextValue("x")}};
 
-TEST(Arguments, GiveTexts) {
-    const CallWith call(kMembers);
-    const Arguments arguments(call);
-    EXPECT_STREQ(arguments.Text("text"), "a<b");
-    EXPECT_STREQ(arguments.Text("empty"), "");
-    for (const char* const name : {"number", "zero", "float", "true", "false", "null", "array", "struct",
-                                   "Text", "tex", "missing", ""}) {
-        EXPECT_EQ(arguments.Text(name), nullptr) << name;
+// A method of the rows given.
+MethodRow MethodOf(std::span<const ArgumentRow> rows, std::span<const KeyRow> keys = {}) {
+    return {"rdxTest", ProcessUnknown, Access::kPublic, "name", rows, {}, keys};
+}
+
+// Whether the members of a call fit the one row.
+bool Fit(const Members& members, const ArgumentRow& row) {
+    const CallWith call(members);
+    return Arguments(call, MethodOf({&row, 1})).Fit();
+}
+
+TEST(Arguments, FitTheirTypes) {
+    using enum ArgumentType;
+    const std::pair<const char*, std::vector<ArgumentType>> types[] = {
+        {"text", {kText}},
+        {"empty", {kText}},
+        {"number", {kInteger, kIntegerOrFlag}},
+        {"zero", {kInteger, kIntegerOrFlag}},
+        {"true", {kIntegerOrFlag}},
+        {"false", {kIntegerOrFlag}},
+        {"array", {kArray}},
+        {"float", {}},
+        {"struct", {}},
+    };
+    for (const auto& [name, expected] : types) {
+        for (const ArgumentType type : {kText, kInteger, kIntegerOrFlag, kArray}) {
+            const bool fits = std::ranges::find(expected, type) != expected.end();
+            for (const Presence presence : {Presence::kRequired, Presence::kOptional}) {
+                EXPECT_EQ(Fit(kMembers, {name, type, presence}), fits)
+                    << name << ' ' << static_cast<int>(type);
+            }
+        }
     }
 }
 
-TEST(Arguments, TakeNothingAndANullValueForAbsent) {
-    const CallWith call(kMembers);
-    const Arguments arguments(call);
-    EXPECT_STREQ(arguments.OptionalText("text"), "a<b");
-    EXPECT_EQ(arguments.OptionalInteger("number"), -7);
+TEST(Arguments, MayBeAbsentWhenTheyAreOptional) {
+    using enum ArgumentType;
     for (const char* const name : {"null", "missing", "Text", "tex", ""}) {
-        EXPECT_STREQ(arguments.OptionalText(name), "") << name;
-        EXPECT_EQ(arguments.OptionalInteger(name), 0) << name;
+        for (const ArgumentType type : {kText, kInteger, kIntegerOrFlag, kArray}) {
+            EXPECT_TRUE(Fit(kMembers, {name, type, Presence::kOptional})) << name;
+            EXPECT_FALSE(Fit(kMembers, {name, type, Presence::kRequired})) << name;
+        }
     }
-    for (const char* const name : {"float", "true", "false", "array", "struct"}) {
-        EXPECT_EQ(arguments.OptionalText(name), nullptr) << name;
-        EXPECT_EQ(arguments.OptionalInteger(name), std::nullopt) << name;
-    }
-    EXPECT_EQ(arguments.OptionalText("number"), nullptr);
-    EXPECT_EQ(arguments.OptionalInteger("text"), std::nullopt);
 }
 
-TEST(Arguments, GiveNoTextThatIsTooLong) {
-    const CallWith call(Members{{"text", TextValue(std::string(32, '&'))}});
-    const Arguments arguments(call);
-    EXPECT_NE(arguments.Text("text", 32), nullptr);
-    EXPECT_NE(arguments.Text("text", 33), nullptr);
-    EXPECT_EQ(arguments.Text("text", 31), nullptr);
-    EXPECT_EQ(arguments.Text("text", 0), nullptr);
-    EXPECT_NE(arguments.Text("text", kNoLimit), nullptr);
+TEST(Arguments, FitNoTextThatIsTooLong) {
+    const Members members = {{"text", TextValue(std::string(32, '&'))}};
+    const std::pair<std::size_t, bool> limits[] = {
+        {32, true}, {33, true}, {kNoLimit, true}, {31, false}, {0, false}};
+    for (const auto& [longest, fits] : limits) {
+        for (const Presence presence : {Presence::kRequired, Presence::kOptional}) {
+            EXPECT_EQ(Fit(members, {"text", ArgumentType::kText, presence, longest}), fits) << longest;
+        }
+    }
     EXPECT_EQ(kOwnerMax, 32U);
     EXPECT_EQ(kAddressMax, 16U);
 }
 
-TEST(Arguments, GiveNumbers) {
-    const CallWith call(kMembers);
-    const Arguments arguments(call);
-    EXPECT_EQ(arguments.Integer("number"), -7);
-    EXPECT_EQ(arguments.Integer("zero"), 0);
-    EXPECT_EQ(arguments.IntegerOrFlag("number"), -7);
-    EXPECT_EQ(arguments.IntegerOrFlag("zero"), 0);
-    EXPECT_EQ(arguments.IntegerOrFlag("true"), 1);
-    EXPECT_EQ(arguments.IntegerOrFlag("false"), 0);
-    for (const char* const name : {"true", "false", "text", "float", "null", "array", "struct", "missing"}) {
-        EXPECT_EQ(arguments.Integer(name), std::nullopt) << name;
-    }
-    for (const char* const name : {"text", "empty", "float", "null", "array", "struct", "missing"}) {
-        EXPECT_EQ(arguments.IntegerOrFlag(name), std::nullopt) << name;
-    }
+TEST(Arguments, FitTogetherOrNotAtAll) {
+    using enum ArgumentType;
+    const ArgumentRow rows[] = {{"text", kText, Presence::kRequired},
+                                {"number", kInteger, Presence::kRequired}};
+    const Members good = {{"number", NumberValue(1)}, {"text", TextValue("x")}, {"else", kNullValue}};
+    const auto fit = [&](const Members& members) {
+        const CallWith call(members);
+        return Arguments(call, MethodOf(rows)).Fit();
+    };
+    EXPECT_TRUE(fit(good));
+    EXPECT_FALSE(fit(good.Without("text")));
+    EXPECT_FALSE(fit(good.Without("number")));
+    EXPECT_FALSE(fit(good.With("text", NumberValue(1))));
+    EXPECT_FALSE(fit(good.With("number", TextValue("x"))));
 }
 
-TEST(Arguments, GiveArrays) {
+constexpr ArgumentRow kArrayRows[] = {
+    {"array", ArgumentType::kArray, Presence::kRequired},
+    {"text", ArgumentType::kText, Presence::kOptional, 2, "array"},
+    {"flag", ArgumentType::kIntegerOrFlag, Presence::kRequired, kNoLimit, "array"},
+};
+
+TEST(Arguments, FitWithEveryElementOfAnArray) {
+    const Members element = {{"flag", test::FlagValue(true)}, {"text", TextValue("ab")}};
+    const auto fit = [](const std::vector<std::string>& elements) {
+        const CallWith call(Members{{"array", test::ArrayValue(elements)}});
+        return Arguments(call, MethodOf(kArrayRows)).Fit();
+    };
+    EXPECT_TRUE(fit({}));
+    EXPECT_TRUE(fit({element.Struct(), element.Without("text").Struct()}));
+    for (const std::string& bad :
+         {element.Without("flag").Struct(), element.With("flag", TextValue("x")).Struct(),
+          element.With("text", TextValue("abc")).Struct(), kNullValue, NumberValue(1),
+          test::ArrayValue({})}) {
+        EXPECT_FALSE(fit({bad})) << bad;
+        EXPECT_FALSE(fit({element.Struct(), bad})) << bad;
+        EXPECT_FALSE(fit({bad, element.Struct()})) << bad;
+    }
+    // What the elements are made of is no argument of the call.
+    EXPECT_TRUE(fit({element.And("array", kNullValue).Struct()}));
+}
+
+TEST(Arguments, AreReadByTheirRows) {
+    using enum ArgumentType;
+    const ArgumentRow rows[] = {
+        {"text", kText, Presence::kRequired},           {"empty", kText, Presence::kRequired},
+        {"number", kInteger, Presence::kRequired},      {"true", kIntegerOrFlag, Presence::kRequired},
+        {"false", kIntegerOrFlag, Presence::kRequired}, {"array", kArray, Presence::kRequired},
+        {"null", kText, Presence::kOptional},           {"missing", kInteger, Presence::kOptional}};
     const CallWith call(kMembers);
-    const Arguments arguments(call);
+    const Arguments arguments(call, MethodOf(rows));
+    ASSERT_TRUE(arguments.Fit());
+    EXPECT_STREQ(arguments.Text("text"), "a<b");
+    EXPECT_STREQ(arguments.OptionalText("text"), "a<b");
+    EXPECT_STREQ(arguments.Text("empty"), "");
+    EXPECT_EQ(arguments.Number("number"), -7);
+    EXPECT_EQ(arguments.Number("true"), 1);
+    EXPECT_EQ(arguments.Number("false"), 0);
     EXPECT_EQ(wddxGetArraySize(arguments.Array("array")), 1);
-    for (const char* const name : {"text", "number", "float", "true", "null", "struct", "missing"}) {
-        EXPECT_EQ(arguments.Array(name), nullptr) << name;
+    for (const char* const absent : {"null", "missing"}) {
+        EXPECT_EQ(arguments.Text(absent), nullptr);
+        EXPECT_STREQ(arguments.OptionalText(absent), "");
+        EXPECT_EQ(arguments.Number(absent), 0);
+        EXPECT_EQ(arguments.Array(absent), nullptr);
     }
 }
 
-TEST(Arguments, GiveNothingWhenTheyCannotBeRead) {
+TEST(Arguments, AreNotThereWithoutARow) {
+    const CallWith call(kMembers);
+    const Arguments arguments(call, MethodOf({}));
+    EXPECT_TRUE(arguments.Fit());
+    EXPECT_EQ(arguments.Text("text"), nullptr);
+    EXPECT_STREQ(arguments.OptionalText("text"), "");
+    EXPECT_EQ(arguments.Number("number"), 0);
+    EXPECT_EQ(arguments.Array("array"), nullptr);
+    const CallWith callWithArray(Members{{"array", kNullValue}, {"text", TextValue("x")}});
+    EXPECT_EQ(Arguments(callWithArray, MethodOf(kArrayRows)).Text("text"), nullptr) << "an element's row";
+}
+
+TEST(Arguments, FitNothingWhenTheyCannotBeRead) {
+    const ArgumentRow row = {"text", ArgumentType::kText, Presence::kOptional};
     for (const std::string& args :
          {std::string("hello"), std::string("<wddxPacket"), test::Packet(kNullValue),
           test::Packet(test::ArrayValue({TextValue("text")}))}) {
         const CallWith call(args);
-        const Arguments arguments(call);
+        const Arguments arguments(call, MethodOf({&row, 1}));
+        EXPECT_FALSE(arguments.Fit()) << args;
         EXPECT_EQ(arguments.Text("text"), nullptr);
         EXPECT_STREQ(arguments.OptionalText("text"), "");
-        EXPECT_EQ(arguments.Integer("text"), std::nullopt);
-        EXPECT_EQ(arguments.IntegerOrFlag("text"), std::nullopt);
+        EXPECT_EQ(arguments.Number("text"), 0);
         EXPECT_EQ(arguments.Array("text"), nullptr);
     }
-    const Arguments none(TavrinRequest{});
-    EXPECT_EQ(none.Text("text"), nullptr);
+    EXPECT_FALSE(Arguments(TavrinRequest{}, MethodOf({&row, 1})).Fit());
+    EXPECT_FALSE(Arguments(TavrinRequest{}, MethodOf({})).Fit());
 }
 
-// ------------------------------------------------------------------------------------------- FindOutcome
+// ----------------------------------------------------------------------------------------- StatusPacket
 
-constexpr Outcome kOutcomes[] = {
-    {1, 11, 111, Detail::kOwner}, {-1, 12, 112, Detail::kReason}, {kAnyOther, 13, 113, Detail::kReason}};
+constexpr StatusRow kStatuses[] = {{1, 11, 22, Detail::kReason},
+                                   {2, 12, 22, Detail::kOwner},
+                                   {3, 13, 22, Detail::kReleasedBy},
+                                   {kAnyOther, 14, 22, Detail::kNone}};
+constexpr KeyRow kKeys[] = {{"b"}, {"a"}, {"c"}, {"x", "c"}, {"d"}, {"e"}};
+constexpr MethodRow kMethod = {"rdxTest", ProcessUnknown, Access::kPublic, "name", {}, kStatuses, kKeys};
 
-TEST(FindOutcome, FindsTheRowOfAResult) {
-    EXPECT_EQ(&FindOutcome(kOutcomes, 1), &kOutcomes[0]);
-    EXPECT_EQ(&FindOutcome(kOutcomes, -1), &kOutcomes[1]);
-}
-
-TEST(FindOutcome, TakesTheLastRowForEveryOtherResult) {
-    for (const int result : {2, -2, 13, 113, INT_MAX, INT_MIN}) {
-        EXPECT_EQ(&FindOutcome(kOutcomes, result), &kOutcomes[2]) << result;
-    }
-}
-
-TEST(FindOutcome, KnowsSuccessWithoutARow) {
-    const Outcome& outcome = FindOutcome(kOutcomes, 0);
-    EXPECT_EQ(outcome.code, 0);
-    EXPECT_EQ(outcome.reason, 0);
-    EXPECT_EQ(outcome.detail, Detail::kNone);
-}
-
-// ------------------------------------------------------------------------------------------------ Answer
-
-class AnswerTest : public testing::Test {
+class StatusPacketTest : public testing::Test {
 protected:
-    AnswerTest() {
+    StatusPacketTest() {
         device_.outputs.owner = "anna <1>";
         device_.outputs.allocatedBy = "192.0.2.9:4711";
     }
-    ~AnswerTest() override { FreeTnResponse(&result_); }
+    ~StatusPacketTest() override { FreeTnResponse(&result_); }
 
-    std::string Packet(const Answer& answer, const char* name) {
-        EXPECT_EQ(answer.Assign(&result_, name), 0);
+    std::string Packet(const Structure& answer) {
+        EXPECT_EQ(answer.Assign(&result_), 0);
         return result_.pszWddxResult;
     }
 
@@ -176,31 +233,35 @@ protected:
     TavrinResponse result_{0, 1, -99, nullptr};
 };
 
-TEST_F(AnswerTest, HasTheDetailOfItsOutcome) {
-    const std::pair<Detail, std::string> details[] = {
-        {Detail::kNone, test::kNoDetail},
-        {Detail::kReason, test::ReasonDetail(22)},
-        {Detail::kOwner, test::kOwner},
-        {Detail::kReleasedBy, test::ParamsOf(Members{{"ReleasedBy", TextValue("b&c")}}.Struct())}};
-    for (const auto& [detail, params] : details) {
-        EXPECT_EQ(Packet(Answer({1, 11, 22, detail}, "b&c"), "name"),
-                  test::ResultPacket("name", {{"Status", test::StatusValue(11, 22, params)}}));
+TEST_F(StatusPacketTest, HasTheDetailOfItsResult) {
+    const std::tuple<int, int, std::string> details[] = {
+        {1, 11, test::ReasonDetail(22)},
+        {2, 12, test::kOwner},
+        {3, 13, test::ParamsOf(Members{{"ReleasedBy", TextValue("b&c")}}.Struct())},
+        {7, 14, test::kNoDetail}};
+    for (const auto& [result, code, params] : details) {
+        EXPECT_EQ(Packet(StatusPacket(kMethod, result, "b&c")),
+                  test::ResultPacket("name", {{"Status", test::StatusValue(code, 22, params)}}));
     }
     device_.results["rDxGetOwner"] = 1;
-    EXPECT_EQ(Packet(Answer({1, 11, 22, Detail::kOwner}), nullptr),
-              test::ResultPacket("", {{"Status", test::StatusValue(11, 22, test::kNoDetail)}}));
+    EXPECT_EQ(Packet(StatusPacket(kMethod, 2)),
+              test::ResultPacket("name", {{"Status", test::StatusValue(12, 22, test::kNoDetail)}}));
+    MethodRow nameless = kMethod;
+    nameless.comment = nullptr;
+    EXPECT_EQ(Packet(StatusPacket(nameless, 0)),
+              test::ResultPacket("", {{"Status", test::StatusValue(0, 0, test::kNoDetail)}}));
 }
 
-TEST_F(AnswerTest, TakesMembersInTheirOrder) {
-    Answer answer(-1, 7, MakeNull());
+TEST_F(StatusPacketTest, TakesMembersInTheirOrder) {
+    Structure answer = StatusPacket(kMethod, -1, 7, MakeNull());
     answer.Add("b", MakeText("<"));
     answer.Add("a", MakeFlag(true));
-    OwnedValue structure = MakeStruct();
-    ASSERT_TRUE(SetMember(structure, "x", MakeInteger(INT_MIN)));
-    answer.Add("c", std::move(structure));
+    Structure inside(kMethod, "c");
+    inside.Add("x", MakeInteger(INT_MIN));
+    answer.Add("c", inside.Release());
     answer.Add("d", MakeArray(2));
     answer.Add("e", MakeFlag(false));
-    EXPECT_EQ(Packet(answer, "name"),
+    EXPECT_EQ(Packet(answer),
               test::ResultPacket("name", {{"Status", test::StatusValue(-1, 7, kNullValue)},
                                           {"b", TextValue("<")},
                                           {"a", test::FlagValue(true)},
@@ -211,15 +272,26 @@ TEST_F(AnswerTest, TakesMembersInTheirOrder) {
     EXPECT_EQ(result_.ucFlag, 0);
 }
 
-TEST_F(AnswerTest, IsNotAssignedWithAPartMissing) {
-    Answer answer(0, 0, MakeNull());
+TEST_F(StatusPacketTest, IsNotAssignedWithAPartMissing) {
+    Structure answer = StatusPacket(kMethod, 0, 0, MakeNull());
     answer.Add("a", nullptr);
     answer.Add("b", MakeNull());
-    EXPECT_EQ(answer.Assign(&result_, "name"), -6);
-    EXPECT_EQ(Answer(0, 0, nullptr).Assign(&result_, "name"), -6);
+    EXPECT_EQ(answer.Assign(&result_), -6);
+    EXPECT_EQ(StatusPacket(kMethod, 0, 0, nullptr).Assign(&result_), -6);
     EXPECT_EQ(result_.pszWddxResult, nullptr);
     EXPECT_EQ(result_.iStatus, -99);
     EXPECT_EQ(result_.ucFlag, 1);
+}
+
+TEST_F(StatusPacketTest, IsNotAssignedWithAKeyThatNoRowNames) {
+    for (const char* const key : {"x", "y", "A", ""}) {
+        Structure answer = StatusPacket(kMethod, 0, 0, MakeNull());
+        answer.Add(key, MakeNull());
+        EXPECT_EQ(answer.Assign(&result_), -6) << key;
+    }
+    Structure inside(kMethod, "c");
+    inside.Add("a", MakeNull());
+    EXPECT_EQ(inside.Release(), nullptr);
 }
 
 TEST(MakeStatus, IsNothingWithoutParams) { EXPECT_EQ(MakeStatus(1, 2, nullptr), nullptr); }
@@ -419,6 +491,29 @@ TEST_F(EveryMethod, AnswersUnderItsName) {
         EXPECT_NE(Answer(method.handler, Arguments(method.good)).find(comment), std::string::npos)
             << method.name;
     }
+}
+
+// What a row names is there when all goes well.
+TEST_F(EveryMethod, AnswersWithTheKeysOfItsRow) {
+    for (const Method& method : kMethods) {
+        const MethodRow& row = FindMethod(method.name);
+        ASSERT_EQ(row.handler, method.handler) << method.name;
+        const std::string answer = Answer(method.handler, Arguments(method.good));
+        for (const KeyRow& key : row.keys) {
+            EXPECT_NE(answer.find("<var name='" + std::string(key.name) + "'>"), std::string::npos)
+                << method.name << ' ' << key.name;
+        }
+    }
+    // This one's answer is a text, which the row does not make.
+    const std::string version = Answer(ProcessGetVersion, Arguments({{"version", NumberValue(1)}}));
+    std::vector<std::string> keys;
+    const std::regex key("<var name='([^']*)'>");
+    for (std::sregex_iterator i(version.begin(), version.end(), key), end; i != end; ++i) {
+        keys.push_back((*i)[1]);
+    }
+    std::vector<std::string> named;
+    for (const KeyRow& row : FindMethod("rdxGetVersion").keys) named.push_back(row.name);
+    EXPECT_EQ(keys, named);
 }
 
 TEST_F(EveryMethod, IsUntouchedByBlanksBetweenTheTags) {

@@ -345,12 +345,15 @@ TEST(PrintStreamToVar, KeepsWhatWasPrintedBeforeAFailure) {
               kDeclarations + "<header><comment>c</comment></header><data><array length='2'><null/>");
 }
 
-TEST(PrintStreamToVar, FailsForNullArguments) {
+TEST(PrintStreamToVar, FailsWithoutAPlaceForTheText) {
     EXPECT_EQ(wddxPrintStreamToVar(Tree(wddxCreateNull()).get(), nullptr, nullptr), 0);
-    char* text = NewText("before");
-    const Text before(text);
-    EXPECT_EQ(wddxPrintStreamToVar(nullptr, nullptr, &text), 0);
-    EXPECT_EQ(text, nullptr);
+}
+
+TEST(PrintStreamToVar, LeavesWhatStandsBeforeANullValue) {
+    const VarResult printed = PrintToVar(nullptr, "hi");
+    EXPECT_EQ(printed.result, 0);
+    EXPECT_EQ(std::string(printed.text.get()),
+              kDeclarations + "<header><comment>hi</comment></header><data>");
 }
 
 TEST(PrintStreamToVar, FitsTheTextExactly) {

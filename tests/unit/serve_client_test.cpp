@@ -214,11 +214,26 @@ TEST_F(ServeClientTest, SendsNothingWhenThePeerClosedBeforeARequest) {
     EXPECT_FALSE(serving.IsWatched());
 }
 
+// Whether credentials are wanted is no matter to a client that did not ask for anything.
+TEST_F(ServeClientTest, SendsNothingToAClosedConnectionAlsoWhenCredentialsAreRequired) {
+    ucAuthRequired = 1;
+    for (const unsigned char keep : kFlags) {
+        const CaptureStdout quiet;
+        Serving serving;
+        serving.call.ucKeepAlive = keep;
+        serving.EndSending();
+        EXPECT_EQ(Serve(serving), -1);
+        EXPECT_EQ(serving.Received(), "");
+        EXPECT_TRUE(serving.IsClosed());
+        EXPECT_FALSE(serving.IsWatched());
+    }
+}
+
 TEST_F(ServeClientTest, SendsNothingWhenReceivingFailed) {
     const CaptureStdout capture;
     Serving serving;
     serving.Send(Get("/other"));
-    const FailCall reset("recv", 2, ECONNRESET); // the first one looks whether anybody is there
+    const FailCall reset("recv", 1, ECONNRESET);
     EXPECT_EQ(Serve(serving), -1);
     EXPECT_TRUE(reset.Struck());
     EXPECT_EQ(serving.Received(), "");

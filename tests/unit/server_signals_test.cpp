@@ -424,6 +424,29 @@ TEST_F(ServerTest, HandlesASignalOfAnotherThreadOnTheServersOwn) {
     EXPECT_EQ(child.CountOf("\nSignal handling 15"), 1);
 }
 
+// Called by a host, and for no signal that the server catches: nothing is passed on.
+TEST_F(ServerTest, HandlesAnyOtherNumberWhereItIsCalled) {
+    Configure(port_);
+    Child child([this] {
+        std::thread other([] {
+            Eventually([] { return LoadShared(mtPrimaryThread) != static_cast<ThreadID>(-1); });
+            for (const int number : {SIGKILL, 0, SIGSEGV, SIGUSR2, 99, -3}) {
+                StoreShared(signalled, 0);
+                SignalHandler(number);
+                EXPECT_EQ(LoadShared(sigerr), number);
+                EXPECT_EQ(LoadShared(signalled), 1);
+            }
+        });
+        const int result = RunMain({"-c", file_.Path()});
+        other.join();
+        return result;
+    });
+    EXPECT_EQ(child.Result(), 0);
+    for (const int number : {0, SIGSEGV, SIGUSR2, SIGKILL, 99, -3}) {
+        EXPECT_EQ(child.CountOf("\nSignal handling " + std::to_string(number) + "\n"), 1) << number;
+    }
+}
+
 TEST_F(ServerTest, ReturnsZeroWhenAHandlerEndsIt) {
     Configure(port_);
     Child child([this] {

@@ -209,6 +209,101 @@ TEST_F(RunHttpServerTest, LeavesAConnectionAloneThatFindsEveryThreadBusy) {
     EXPECT_EQ(late.ReadUntilClosed(), "");
 }
 
+// A client that has left is closed where it is found, without a thread: all of them are busy here.
+TEST_F(RunHttpServerTest, NeedsNoThreadForAClientThatHasLeft) {
+    for (const bool reset : {false, true}) {
+        for (const unsigned char required : kFlags) {
+            ucTerminated = 0;
+            ucAuthRequired = required;
+            LoopRun loop(2);
+            Client kept = loop.Connect();
+            std::vector<Client> busy;
+            for (int i = 0; i < 2; ++i) {
+                busy.push_back(loop.Connect());
+                busy.back().Send("GET /other HT");
+            }
+            ASSERT_TRUE(Serving(2));
+            ForgetClosed();
+            Client leaving = loop.Connect();
+            if (reset) {
+                leaving.Reset();
+            } else {
+                leaving.Close();
+            }
+            ASSERT_TRUE(Eventually([] { return !TimesClosed().empty(); })) << reset;
+            EXPECT_EQ(TimesClosed(LastHandled()), 1);
+            EXPECT_TRUE(Printed("\nServeClientDone: Socket closed"));
+            EXPECT_EQ(NumOfThreads(), 2);
+            for (Client& client : busy) client.Close();
+            EXPECT_EQ(loop.Stop(), 0);
+        }
+    }
+}
+
+// In junior mode as well, with the traces of that mode.
+TEST_F(RunHttpServerTest, NeedsNoThreadForAClientThatHasLeftInJuniorMode) {
+    ucVerbosity = VERBOSITY_ALL;
+    ucRunAsJunior = 1;
+    LoopRun loop(2);
+    Client client = loop.Connect();
+    client.Close();
+    EXPECT_TRUE(Printed("FinalizeRequest(): client socket closed"));
+    EXPECT_THAT(Text(), Not(HasSubstr("created thread ID")));
+    EXPECT_THAT(Text(), Not(HasSubstr("ServeClientInStages 2")));
+    EXPECT_EQ(loop.Stop(), 0);
+}
+
+TEST_F(RunHttpServerTest, ServesARequestWhoseClientHasEndedItsSide) {
+    LoopRun loop(2);
+    Client client = loop.Connect();
+    client.Send(Get("/other"));
+    client.FinishSending();
+    EXPECT_EQ(client.ReadUntilClosed(), NotFoundAnswer());
+    EXPECT_EQ(loop.Stop(), 0);
+}
+
+// What an earlier request was answered may still be on its way: the thread that closes waits for it.
+TEST_F(RunHttpServerTest, LetsAThreadCloseWhereAnAnswerIsNotDelivered) {
+    constexpr std::size_t kSize = 100'000;
+    replaced.handler = Answering(std::string(kSize, 'x'));
+    LoopRun loop(2);
+    Client client = loop.Connect(4096);
+    client.Send(Get("/rDx"));
+    ASSERT_TRUE(Printed("ServeClient: HTTP_OK"));
+    client.FinishSending();
+    const std::string answer = Answer(200, std::string(kSize, 'x'));
+    EXPECT_EQ(client.ReadUntilClosed(), answer);
+    EXPECT_EQ(loop.Stop(), 0);
+}
+
+// One that found no thread is closed when its client has left, also with its request unread.
+TEST_F(RunHttpServerTest, ClosesAConnectionWithoutAThreadWhenItsClientHasLeft) {
+    LoopRun loop(2);
+    std::vector<Client> busy;
+    for (int i = 0; i < 2; ++i) {
+        busy.push_back(loop.Connect());
+        busy.back().Send("GET /other HT");
+    }
+    ASSERT_TRUE(Serving(2));
+    std::vector<Client> late;
+    for (std::size_t i = 0; i < 4; ++i) {
+        late.push_back(loop.Connect());
+        late.back().Send(Get("/other"));
+        ASSERT_TRUE(Eventually([&] { return Count(Text(), "Handling socket") == 3 + i; }));
+    }
+    ForgetClosed();
+    late[0].Close();
+    late[1].Reset();
+    late[2].FinishSending();
+    EXPECT_EQ(late[2].ReadUntilClosed(), "");
+    EXPECT_TRUE(Eventually([] { return TimesClosed().size() == 3; }));
+    EXPECT_TRUE(late[3].StaysSilent(milliseconds(0))) << "its client is there";
+    for (const auto& [descriptor, times] : TimesClosed()) EXPECT_EQ(times, 1) << descriptor;
+    for (Client& client : busy) client.Close();
+    EXPECT_EQ(loop.Stop(), 0);
+    EXPECT_EQ(late[3].ReadUntilClosed(), "");
+}
+
 // A thread may still be on its way out when its slot is free again.
 TEST_F(RunHttpServerTest, GoesByTheNumberOfThreadsToo) {
     std::atomic<int> passes = 0;

@@ -384,11 +384,18 @@ protected:
         return response;
     }
 
-    // Finalizes with all that can be given; what was given is released in any case.
+    // Finalizes with all that can be given. The request stays the caller's for a status below 0.
     int Finalize(Serving& serving, HttpResponse* response, int responseStatus, int status,
                  unsigned char keep) {
-        return FinalizeRequest(MakeRequest(), response, responseStatus, buffer_.data(), status, &serving.call,
-                               &serving.call, keep);
+        HttpRequest* const request = MakeRequest();
+        const int result = FinalizeRequest(request, response, responseStatus, buffer_.data(), status,
+                                           &serving.call, &serving.call, keep);
+        if (status < 0) {
+            EXPECT_STREQ(request->pszUri, "/rDx");
+            FreeHttpRequest(request);
+            std::free(request);
+        }
+        return result;
     }
 
     std::vector<char> buffer_ = std::vector<char>(SERVICE_BUFFER_SIZE);

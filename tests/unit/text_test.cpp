@@ -34,6 +34,26 @@ TEST(ParseDecimal, SaturatesAtThirtyTwoBits) {
 
 TEST(ParseDecimal, EndsAtANul) { EXPECT_EQ(ParseDecimal(std::string_view("1\0002", 3)), 1); }
 
+TEST(ParseLeadingDigits, TakesNothingButDigitsAndSaturates) {
+    const struct {
+        std::string_view text;
+        std::int32_t number;
+    } rows[] = {{"12", 12},
+                {"007x", 7},
+                {"", 0},
+                {" 1", 0},
+                {"\t1", 0},
+                {"+1", 0},
+                {"-1", 0},
+                {"x", 0},
+                {"2147483647", INT32_MAX},
+                {"2147483648", INT32_MAX},
+                {"4294967297", INT32_MAX},
+                {"99999999999999999999", INT32_MAX},
+                {std::string_view("1\0002", 3), 1}};
+    for (const auto& row : rows) EXPECT_EQ(ParseLeadingDigits(row.text), row.number) << row.text;
+}
+
 TEST(ParseUnsignedDecimal, SaturatesAndNegatesAsStrtoulDoes) {
     EXPECT_EQ(ParseUnsignedDecimal("42"), 42U);
     EXPECT_EQ(ParseUnsignedDecimal("4294967295"), 4294967295U);

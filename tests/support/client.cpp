@@ -62,6 +62,12 @@ void Client::Close() {
     if (socket_ >= 0) close(std::exchange(socket_, -1));
 }
 
+void Client::Reset() {
+    const linger atOnce{1, 0};
+    setsockopt(socket_, SOL_SOCKET, SO_LINGER, &atOnce, sizeof atOnce);
+    Close();
+}
+
 Client::Client(Client&& other) noexcept
     : socket_(std::exchange(other.socket_, -1)), closed_(other.closed_),
       received_(std::move(other.received_)) {}

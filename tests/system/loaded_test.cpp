@@ -22,8 +22,7 @@ using namespace rdx::test;
 
 TEST(Loaded, LibraryIsThere) { ASSERT_NE(Library(), nullptr) << dlerror(); }
 
-// Before anything else runs in this process.
-TEST(Loaded, GlobalsHaveTheirFirstValues) {
+void ExpectFirstValues() {
     EXPECT_EQ(Global<FILE*>("StdErr"), stderr);
     EXPECT_EQ(Global<FILE*>("StdOut"), stdout);
     EXPECT_EQ(Global<std::int32_t>("sigerr"), 0);
@@ -36,6 +35,17 @@ TEST(Loaded, GlobalsHaveTheirFirstValues) {
     EXPECT_EQ(Global<std::uint32_t>("g_dwPostMaxContLength"), 65536U);
     EXPECT_EQ(Global<unsigned char>("ucTerminated"), 0);
     EXPECT_EQ(Global<unsigned char>("ucReconfigured"), 0);
+}
+
+// In a process in which nothing else has run.
+TEST(Loaded, GlobalsHaveTheirFirstValues) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    EXPECT_EXIT(
+        {
+            ExpectFirstValues();
+            std::exit(testing::Test::HasFailure() ? 1 : 0);
+        },
+        testing::ExitedWithCode(0), "");
 }
 
 void ExpectTable(const char* name, const std::vector<std::string>& expected) {

@@ -1,5 +1,6 @@
 #include "server/service_pool.h"
 
+#include "common/log.h"
 #include "common/mt.h"
 #include "common/shared.h"
 #include "server/descriptors.h"
@@ -11,28 +12,13 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <functional>
+#include <cstdio>
 #include <semaphore>
+#include <string>
+#include <string_view>
 #include <thread>
+#include <utility>
 #include <vector>
-
-namespace {
-
-// Runs when a thread of a pool is about to take itself out of nThreads.
-std::function<void()> beforeUncount;
-
-} // namespace
-
-// In place of rdx::UncountThread.
-extern "C" {
-void __real__ZN3rdx13UncountThreadEv(void);
-void __wrap__ZN3rdx13UncountThreadEv(void);
-
-void __wrap__ZN3rdx13UncountThreadEv() {
-    if (beforeUncount) beforeUncount();
-    __real__ZN3rdx13UncountThreadEv();
-}
-}
 
 namespace rdx {
 namespace {
@@ -301,31 +287,61 @@ TEST_F(ServicePoolTest, IsLeftByThreadsWhileTheLoopEnds) {
     EXPECT_EQ(NumOfThreads(), 0);
 }
 
-// The count that the next loop starts from must not be lowered by a thread that was just on its way.
+// A log that holds up whoever writes a line with `text` in it until it is let go.
+class HoldingLog {
+public:
+    explicit HoldingLog(std::string text) : text_(std::move(text)) {
+        cookie_io_functions_t functions{};
+        functions.write = [](void* log, const char* bytes, std::size_t size) {
+            static_cast<HoldingLog*>(log)->Write({bytes, size});
+            return static_cast<ssize_t>(size);
+        };
+        stream_ = fopencookie(this, "w", functions);
+        outlog = stream_;
+    }
+    ~HoldingLog() {
+        outlog = nullptr;
+        std::fclose(stream_);
+    }
+    HoldingLog(const HoldingLog&) = delete;
+    HoldingLog& operator=(const HoldingLog&) = delete;
+
+    bool Holds() const { return holds_; }
+    void LetGo() { letGo_ = true; }
+
+private:
+    void Write(std::string_view bytes) {
+        if (bytes.find(text_) == bytes.npos) return;
+        holds_ = true;
+        while (!letGo_) std::this_thread::yield();
+    }
+
+    std::string text_;
+    std::atomic<bool> holds_ = false;
+    std::atomic<bool> letGo_ = false;
+    FILE* stream_ = nullptr;
+};
+
+// The count that the next loop starts from must not be lowered by a thread that was just on its way; it logs
+// itself on that way.
 TEST_F(ServicePoolTest, WaitsForThreadsThatAreAboutToLeaveTheCount) {
-    std::atomic<bool> leaving = false;
-    std::atomic<bool> leave = false;
+    HoldingLog log("remaining threads");
+    StoreShared<unsigned char>(ucVerbosity, VERBOSITY_ALL);
     std::atomic<bool> ended = false;
-    beforeUncount = [&] {
-        leaving = true;
-        while (!leave) std::this_thread::yield();
-    };
     ServicePool* const pool = ServicePool::Create(2);
     ASSERT_EQ(Start(pool, 0), 0);
     go.release();
-    ASSERT_TRUE(Eventually([&] { return leaving.load(); }));
+    ASSERT_TRUE(Eventually([&] { return log.Holds(); }));
     std::thread loop([&] {
         End(pool);
         ended = true;
     });
     for (int i = 0; i < 10'000; ++i) std::this_thread::yield();
     EXPECT_FALSE(ended);
-    EXPECT_EQ(NumOfThreads(), 1);
-    leave = true;
+    log.LetGo();
     loop.join();
     EXPECT_EQ(NumOfThreads(), 0);
     EXPECT_TRUE(test::OtherThreadsEnd());
-    beforeUncount = nullptr;
 }
 
 // Threads put connections back while the loop ends: each is closed by the loop or by its thread, never both.

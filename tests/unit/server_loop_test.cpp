@@ -13,7 +13,6 @@
 #include "tests/support/loopback.h"
 #include "tests/support/reports.h"
 #include "tests/support/request.h"
-#include "tests/support/reports.h"
 #include "tests/support/server_loop.h"
 #include "tests/support/serving.h"
 

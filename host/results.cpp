@@ -20,15 +20,13 @@ struct Outcome {
     const char* advice;
 };
 
-constexpr std::array<Outcome, 9> kOutcomes = {{
+constexpr std::array<Outcome, 8> kOutcomes = {{
     {RDXHTTP_OK, "ordinary shutdown", Subject::kNone, nullptr},
     {RDXHTTP_BAD_COMMAND_LINE, "the command line was rejected", Subject::kNone,
      "Every option takes a value; 'rdxhttpd --help' lists them."},
     {RDXHTTP_BAD_CONFIGURATION, "the configuration was not accepted; check the file", Subject::kFile,
      "It must be readable, and every value in its section [HTTP] valid; reading stops at the first that "
      "is not."},
-    {RDXHTTP_BAD_LOGFILE, "the log file could not be opened; see Logfile in", Subject::kFile,
-     "Name a file that can be written, or remove the key."},
     {RDXHTTP_NO_SIGNALS, "the signal handler could not be installed", Subject::kNone,
      "A restriction put on the process, such as a system call filter, must allow sigaction."},
     {RDXHTTP_NO_SOCKETS, "the socket library could not be started", Subject::kNone,

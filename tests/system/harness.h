@@ -98,7 +98,10 @@ public:
     // Starts the process, with `more` behind its arguments, and waits until it listens.
     testing::AssertionResult Start(const std::vector<std::string>& more = {});
 
-    // Starts the process with exactly these arguments and waits for its end.
+    // Starts the process with exactly these arguments, and waits for nothing.
+    void Spawn(const std::vector<std::string>& arguments);
+
+    // The same, and waits for its end.
     std::optional<Ending> Run(const std::vector<std::string>& arguments);
 
     // Writes the configuration file with `port` (0: the server's own) and the given settings.
@@ -140,7 +143,6 @@ private:
     std::string ShadowPath() const { return folder_.Path() + "/shadow"; }
     std::vector<std::string> CommandLine(const std::vector<std::string>& arguments) const;
     std::vector<std::string> StandardArguments() const;
-    void Spawn(const std::vector<std::string>& arguments);
     void WaitForPasses() const;
     void End();
 

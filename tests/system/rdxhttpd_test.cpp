@@ -90,22 +90,6 @@ TEST_P(Rdxhttpd, LeavesNoServerBehindWhenItIsKilled) {
     }));
 }
 
-TEST(RdxhttpdWithSeveralThreads, LetsRequestsInServiceFinish) {
-    Server server({.threads = kSeveralThreads, .host = Host::kRdxhttpd});
-    ASSERT_TRUE(server.Start());
-    Client client(server.Port());
-    const std::string call = VersionCall();
-    client.Send(call.substr(0, 40));
-    EXPECT_EQ(Ask(server.Port(), VersionCallAndClose()).status, 200); // the other is in service by now
-    server.Signal(SIGTERM);
-    ASSERT_TRUE(server.WaitForOutput("SignalHandler(): handling signal <SIGTERM>"));
-    client.Send(call.substr(40));
-    EXPECT_EQ(client.ReadAnswer().text, VersionAnswer());
-    const auto ending = server.WaitForEnd();
-    ASSERT_TRUE(ending);
-    EXPECT_EQ(ending->result, 0);
-}
-
 TEST(RdxhttpdInWords, SaysWhyItDidNotStart) {
     const auto errorsOf = [](Server& server, const std::vector<std::string>& arguments) {
         const auto ending = server.Run(arguments);

@@ -3,6 +3,7 @@
 #include "tests/support/capture.h"
 #include "tests/support/faults.h"
 #include "tests/support/guarded.h"
+#include "tests/support/released.h"
 #include "tests/support/request.h"
 #include "tests/support/shadow.h"
 
@@ -325,6 +326,23 @@ TEST_F(Credentials, AreRefusedWhenNothingComesOfTheEncryption) {
     EXPECT_TRUE(fault.Struck());
     EXPECT_EQ(checked.result, 0);
     EXPECT_EQ(checked.printed, "");
+}
+
+// Neither the password nor the text that it is compared with, which is as good to who wants to guess.
+TEST_F(Credentials, LeaveNothingInMemory) {
+    const std::string password = "a password of thirty characters";
+    const std::string stored = test::Encrypt(password);
+    const test::ShadowEntry user("user", stored);
+    const std::string encryption = stored.substr(stored.size() - 40);
+    for (const std::string& given : {password, password + "!"}) {
+        test::Request request;
+        request.Authorization("Basic " + Encoded("user:" + given));
+        const test::CaptureStdout capture;
+        const test::SecretWatch watch({password, encryption});
+        EXPECT_EQ(rDxCheckAuth(request.get()), given == password ? 0 : 1);
+        EXPECT_EQ(watch.Left(), 0);
+        EXPECT_EQ(watch.WipedOnStack(), 1U) << "the decoded header";
+    }
 }
 
 // ------------------------------------------------------------------------------------------------ header

@@ -474,6 +474,8 @@ TEST_F(ParseHttpMethodLineTest, KeepsWhatItParsedBeforeAFailure) {
 
 constexpr const char* kMethods[] = {"GET", "PUT", "POST", "HEAD", "DELETE", "TRACE", "OPTIONS", "CONNECT"};
 static_assert(std::size(kMethods) == HTTP_METHODS);
+static_assert(HTTP_GET == 0 && HTTP_PUT == 1 && HTTP_POST == 2 && HTTP_HEAD == 3 && HTTP_DELETE == 4 &&
+              HTTP_TRACE == 5 && HTTP_OPTIONS == 6 && HTTP_CONNECT == 7);
 
 TEST_F(IsMethodAllowedTest, KnowsEveryMethod) {
     for (int index = 0; index < HTTP_METHODS; ++index) {

@@ -39,12 +39,9 @@ TEST_F(RdxHttpTest, SignalsHaveTheNamesOfSystemV) {
                                   "SIGABRT", "SIGEMT",  "SIGFPE",   "SIGKILL",   "SIGBUS",  "SIGSEGV",
                                   "SIGSYS",  "SIGPIPE", "SIGALRM",  "SIGTERM",   "SIGUSR1", "SIGUSR2",
                                   "SIGCHLD", "SIGPWR",  "SIGWINCH", "SIGPOLL",   "SIGSTOP", "SIGTSTP",
-                                  "SIGCONT", "SIGTTIN", "SIGTTOU",  "SIGVTALRM", "SIGPROF"};
-    ASSERT_EQ(std::size(kNames), 29U);
-    ASSERT_EQ(std::size(aszSigNames), 30U);
+                                  "SIGCONT", "SIGTTIN", "SIGTTOU",  "SIGVTALRM", "SIGPROF", "SIGIO"};
+    ASSERT_EQ(std::size(aszSigNames), std::size(kNames));
     for (std::size_t i = 0; i < std::size(kNames); ++i) EXPECT_STREQ(aszSigNames[i], kNames[i]) << i;
-    ASSERT_NE(aszSigNames[29], nullptr);
-    EXPECT_STRNE(aszSigNames[29], "");
 }
 
 TEST_F(RdxHttpTest, SignalHandlerStopsTheServer) {
@@ -57,7 +54,7 @@ TEST_F(RdxHttpTest, SignalHandlerStopsTheServer) {
         {7, "handling signal <SIGEMT>"},
         {1, "handling signal <SIGHUP>"},
         {28, "handling signal <SIGPROF>"},
-        {29, std::string("handling signal <") + aszSigNames[29] + ">"},
+        {29, "handling signal <SIGIO>"},
         {0, "handling signal (0)"},
         {30, "handling signal (30)"},
         {31, "handling signal (31)"},

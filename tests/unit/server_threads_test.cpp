@@ -209,6 +209,47 @@ TEST_F(RunHttpServerTest, LeavesAConnectionAloneThatFindsEveryThreadBusy) {
     EXPECT_EQ(late.ReadUntilClosed(), "");
 }
 
+// They are told apart by the descriptors that select reports at once, and only once.
+TEST_F(RunHttpServerTest, LeavesEveryConnectionAloneThatThePassFindsReady) {
+    ucVerbosity = VERBOSITY_LOG;
+    enum { kAll, kServerOnly, kBothOnce };
+    std::atomic<int> shown = kAll;
+    auto listener = std::make_shared<test::Listener>();
+    replaced.select = [&, server = listener->Socket()](int count, fd_set* ready, timeval*) {
+        timeval soon{0, 5000};
+        const int found = __real_select(count, ready, nullptr, nullptr, &soon);
+        if (found <= 0 || shown == kAll) return found;
+        if (shown == kBothOnce && found == 2) {
+            shown = kServerOnly;
+            return found;
+        }
+        const bool connecting = FD_ISSET(server, ready);
+        FD_ZERO(ready);
+        if (connecting) FD_SET(server, ready);
+        return connecting ? 1 : 0;
+    };
+    LoopRun loop([](unsigned server) { return RunHttpServer(server, 2); }, listener);
+    std::vector<Client> busy;
+    for (int i = 0; i < 2; ++i) {
+        busy.push_back(loop.Connect());
+        busy.back().Send("GET /other HT");
+    }
+    ASSERT_TRUE(Serving(2));
+    ForgetClosed();
+    shown = kServerOnly;
+    std::array<Client, 2> late{loop.Connect(), loop.Connect()};
+    for (Client& client : late) client.Send(Get("/other"));
+    ASSERT_TRUE(Eventually([&] { return Count(Text(), "accepted connection") == 4; }));
+    shown = kBothOnce;
+    EXPECT_TRUE(Eventually([&] { return Count(Text(), "Handling socket") == 4; }));
+    EXPECT_EQ(shown, kServerOnly);
+    for (Client& client : late) EXPECT_TRUE(client.IsSilent());
+    for (Client& client : busy) client.Close();
+    EXPECT_EQ(loop.Stop(), 0);
+    for (Client& client : late) EXPECT_EQ(client.ReceiveAll(), "");
+    for (const auto& [descriptor, times] : TimesClosed()) EXPECT_EQ(times, 1) << descriptor;
+}
+
 // A client that has left is closed where it is found, without a thread: all of them are busy here.
 TEST_F(RunHttpServerTest, NeedsNoThreadForAClientThatHasLeft) {
     for (const bool reset : {false, true}) {

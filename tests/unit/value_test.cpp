@@ -1,6 +1,7 @@
 #include "wddx/wddx.h"
 
 #include "tests/support/faults.h"
+#include "tests/support/released.h"
 #include "tests/support/wddx.h"
 
 #include <climits>
@@ -426,6 +427,7 @@ TEST(Free, NullsTheHolder) {
 }
 
 TEST(Free, ReleasesAWholeTree) {
+    const int before = test::LiveBlocks();
     WddxValue* root = wddxCreateStruct();
     WddxValue* array = wddxCreateArray(3);
     WddxValue* inner = wddxCreateStruct();
@@ -435,8 +437,10 @@ TEST(Free, ReleasesAWholeTree) {
     wddxSetArrayElem(array, 2, wddxCreateString("last"));
     wddxSetStructVar(root, "list", array);
     wddxSetStructVar(root, "text", wddxCreateString("behind"));
-    wddxFree(&root); // the leak checker sees what is left
+    EXPECT_GT(test::LiveBlocks(), before);
+    wddxFree(&root);
     EXPECT_EQ(root, nullptr);
+    EXPECT_EQ(test::LiveBlocks(), before);
 }
 
 TEST(Free, TakesATreeWithHoles) {

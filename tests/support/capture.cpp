@@ -5,6 +5,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <regex>
+#include <sstream>
 #include <sys/mman.h>
 #include <unistd.h>
 
@@ -37,6 +38,38 @@ std::string CaptureStdout::Text() const {
 std::string WithoutTimes(const std::string& text) {
     static const std::regex time(R"(\[\d\d:\d\d:\d\d\])");
     return std::regex_replace(text, time, "[TIME]");
+}
+
+namespace {
+
+std::vector<std::string> LinesOf(const std::vector<std::string>& texts) {
+    std::vector<std::string> lines;
+    for (const std::string& text : texts) {
+        std::istringstream stream(text);
+        for (std::string line; std::getline(stream, line);) {
+            if (!line.empty()) lines.push_back(line);
+        }
+    }
+    return lines;
+}
+
+MATCHER_P(HasInOrder, lines, "has these in this order: " + testing::PrintToString(lines)) {
+    std::size_t at = 0;
+    for (const std::string& line : lines) {
+        at = arg.find(line, at);
+        if (at == arg.npos) {
+            *result_listener << "which lacks \"" << line << "\" there";
+            return false;
+        }
+        at += line.size();
+    }
+    return true;
+}
+
+} // namespace
+
+testing::Matcher<std::string> HasLines(const std::vector<std::string>& texts) {
+    return HasInOrder(LinesOf(texts));
 }
 
 } // namespace rdx::test

@@ -3,7 +3,10 @@
 #ifndef RDX_TESTS_SUPPORT_CAPTURE_H
 #define RDX_TESTS_SUPPORT_CAPTURE_H
 
+#include <gmock/gmock.h>
+
 #include <string>
+#include <vector>
 
 namespace rdx::test {
 
@@ -24,6 +27,9 @@ private:
 
 // A log line as written, with its time stamp replaced by "TIME", so that it can be compared as a whole.
 std::string WithoutTimes(const std::string& text);
+
+// Matches what has the lines of these texts in this order, whatever is printed between them.
+testing::Matcher<std::string> HasLines(const std::vector<std::string>& texts);
 
 } // namespace rdx::test
 

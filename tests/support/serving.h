@@ -8,9 +8,12 @@
 #include "common/mt.h"
 #include "server/service.h"
 #include "tests/support/answers.h"
+#include "tests/support/capture.h"
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <map>
 #include <string>
@@ -53,12 +56,19 @@ inline constexpr int kAlways = -1;
 inline constexpr int kProgress = VERBOSITY_WARN;
 inline constexpr int kDetail = VERBOSITY_LOG;
 
-inline std::string TraceAt(int verbosity, const std::vector<Trace>& traces) {
-    std::string text;
+// Matches what has the traces of this verbosity in this order, and none of the others.
+inline testing::Matcher<std::string> HasTracesAt(int verbosity, const std::vector<Trace>& traces) {
+    std::vector<std::string> printed;
     for (const Trace& trace : traces) {
-        if (verbosity > trace.above) text += trace.text;
+        if (verbosity > trace.above) printed.push_back(trace.text);
     }
-    return text;
+    std::vector<testing::Matcher<std::string>> matchers = {HasLines(printed)};
+    for (const Trace& trace : traces) {
+        const bool alsoPrinted = std::ranges::find(printed, trace.text) != printed.end();
+        if (!alsoPrinted && !trace.text.empty())
+            matchers.push_back(testing::Not(testing::HasSubstr(trace.text)));
+    }
+    return testing::AllOfArray(matchers);
 }
 
 inline std::string ThreadLine(const std::string& label, const std::string& message, long number,

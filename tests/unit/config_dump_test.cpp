@@ -77,7 +77,7 @@ constexpr const char* kDefaultDump = "\n"
 TEST_F(Dump, PrintsTheDefaults) {
     const test::CaptureStdout capture;
     EXPECT_EQ(Dumped(), kDefaultDump);
-    EXPECT_EQ(capture.Text(), "\nDumpConfiguration+DumpConfiguration-\n");
+    EXPECT_THAT(capture.Text(), test::HasLines({"DumpConfiguration+DumpConfiguration-"}));
     EXPECT_EQ(semaphoresRead, std::vector<int>{12345679});
 }
 

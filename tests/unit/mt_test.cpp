@@ -109,9 +109,9 @@ TEST_F(ThreadLibrary, StartsWithTheCallingThreadAsThePrimaryOne) {
     EXPECT_EQ(NumOfThreads(), 0);
     EXPECT_EQ(PrimaryThreadID(), CurrentThreadID());
     EXPECT_EQ(mtPrimaryThread, CurrentThreadID());
-    EXPECT_EQ(WithoutTimes(capture.Text()), "\n[TIME],InitThreadLib(): running POSIX threads (0)"
-                                            "\nmtPrimaryThread=" +
-                                                std::to_string(static_cast<int>(CurrentThreadID())));
+    EXPECT_THAT(WithoutTimes(capture.Text()),
+                test::HasLines({"[TIME],InitThreadLib(): running POSIX threads (0)",
+                                "mtPrimaryThread=" + std::to_string(static_cast<int>(CurrentThreadID()))}));
 }
 
 TEST_F(ThreadLibrary, LogsItsStartAtEveryVerbosityAndPrintsThePrimaryThreadOnStandardOutput) {

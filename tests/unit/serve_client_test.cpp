@@ -58,7 +58,7 @@ TEST_F(ServeClientTest, AnswersWhatTheParserRefuses) {
         Serving serving;
         EXPECT_EQ(Serve(serving, row.request), static_cast<long>(row.answer.size()));
         EXPECT_EQ(serving.Received(), row.answer);
-        EXPECT_EQ(capture.Text(), row.trace + "\nServeClientDone: Socket closed");
+        EXPECT_THAT(capture.Text(), HasLines({row.trace, "\nServeClientDone: Socket closed"}));
         EXPECT_TRUE(serving.IsClosed());
         EXPECT_FALSE(serving.IsWatched());
         EXPECT_EQ(serving.call.iSvcStatus, SERVICE_FINISHED);
@@ -72,9 +72,9 @@ TEST_F(ServeClientTest, AsksForCredentials) {
     Serving without;
     EXPECT_EQ(Serve(without, Get("/other")), static_cast<long>(UnauthorizedAnswer().size()));
     EXPECT_EQ(without.Received(), UnauthorizedAnswer());
-    EXPECT_EQ(capture.Text(),
-              kRead + std::string("\nConsumeHttpRequest: no authServeClient: HTTP_UNAUTHORIZED"
-                                  "\nServeClientDone: Socket closed"));
+    EXPECT_THAT(capture.Text(),
+                HasLines({kRead, "ConsumeHttpRequest: no auth", "ServeClient: HTTP_UNAUTHORIZED",
+                          "ServeClientDone: Socket closed"}));
     Serving with;
     Serve(with, "GET /other HTTP/1.1\r\nAuthorization: Basic dXNlcjpwYXNz\r\n\r\n");
     EXPECT_EQ(with.Received(), NotFoundAnswer());
@@ -100,7 +100,7 @@ TEST_F(ServeClientTest, AnswersEveryOutcomeOfAHandler) {
         Serving serving;
         EXPECT_EQ(Serve(serving, Get("/rDx", "close")), static_cast<long>(row.answer.size()));
         EXPECT_EQ(serving.Received(), row.answer);
-        EXPECT_EQ(capture.Text(), kRead + row.trace + "\nServeClientDone: Socket closed");
+        EXPECT_THAT(capture.Text(), HasLines({kRead, row.trace, "\nServeClientDone: Socket closed"}));
         EXPECT_TRUE(serving.IsClosed());
     }
 }
@@ -112,15 +112,15 @@ TEST_F(ServeClientTest, AnswersWithTheHandlersOutput) {
         Serving serving;
         Serve(serving, Get(uri));
         EXPECT_EQ(serving.Received(), Answer(200, "<wddxPacket/>")) << uri;
-        EXPECT_EQ(capture.Text(), std::string(kRead) + "ServeClient: HTTP_OK");
+        EXPECT_THAT(capture.Text(), HasLines({kRead, "ServeClient: HTTP_OK"}));
     }
     for (const std::string uri : {"/rD", "/other", "/"}) {
         const CaptureStdout capture;
         Serving serving;
         Serve(serving, Get(uri));
         EXPECT_EQ(serving.Received(), NotFoundAnswer()) << uri;
-        EXPECT_EQ(capture.Text(),
-                  std::string(kRead) + "ServeClient: HTTP_NOT_FOUND\nServeClientDone: Socket closed");
+        EXPECT_THAT(capture.Text(),
+                    HasLines({kRead, "ServeClient: HTTP_NOT_FOUND\nServeClientDone: Socket closed"}));
     }
 }
 
@@ -209,7 +209,7 @@ TEST_F(ServeClientTest, SendsNothingWhenThePeerClosedBeforeARequest) {
     serving.EndSending();
     EXPECT_EQ(Serve(serving), -1);
     EXPECT_EQ(serving.Received(), "");
-    EXPECT_EQ(capture.Text(), "\nServeClientDone: Socket closed");
+    EXPECT_THAT(capture.Text(), HasLines({"\nServeClientDone: Socket closed"}));
     EXPECT_TRUE(serving.IsClosed());
     EXPECT_FALSE(serving.IsWatched());
 }
@@ -237,7 +237,7 @@ TEST_F(ServeClientTest, SendsNothingWhenReceivingFailed) {
     EXPECT_EQ(Serve(serving), -1);
     EXPECT_TRUE(reset.Struck());
     EXPECT_EQ(serving.Received(), "");
-    EXPECT_EQ(capture.Text(), "\nServeClientDone: Socket closed");
+    EXPECT_THAT(capture.Text(), HasLines({"\nServeClientDone: Socket closed"}));
     EXPECT_TRUE(serving.IsClosed());
 }
 
@@ -247,7 +247,8 @@ TEST_F(ServeClientTest, FindsNothingForAnEmptyFirstLine) {
         Serving serving;
         EXPECT_EQ(Serve(serving, line), static_cast<long>(NotFoundAnswer().size()));
         EXPECT_EQ(serving.Received(), NotFoundAnswer());
-        EXPECT_EQ(capture.Text(), "ServeClient: HTTP_NOT_FOUND\nServeClientDone: Socket closed");
+        EXPECT_THAT(capture.Text(),
+                    HasLines({"ServeClient: HTTP_NOT_FOUND\nServeClientDone: Socket closed"}));
     }
 }
 
@@ -272,9 +273,9 @@ TEST_F(ServeClientTest, AnswersWithAnErrorWhenMemoryForTheBuffersIsShort) {
         EXPECT_EQ(Serve(serving), static_cast<long>(ServerErrorAnswer().size())) << nth;
         EXPECT_TRUE(noMemory.Struck());
         EXPECT_EQ(serving.Received(), ServerErrorAnswer());
-        EXPECT_EQ(capture.Text(), "\nServeClient: HTTP_INTERNAL_SERVER_ERROR"
-                                  "ServeClient: HTTP_INTERNAL_SERVER_ERROR"
-                                  "\nServeClientDone: Socket closed");
+        EXPECT_THAT(capture.Text(), HasLines({"\nServeClient: HTTP_INTERNAL_SERVER_ERROR"
+                                              "ServeClient: HTTP_INTERNAL_SERVER_ERROR"
+                                              "\nServeClientDone: Socket closed"}));
     }
 }
 
@@ -316,7 +317,8 @@ TEST_F(ServeClientTest, SendsNothingWhenNoResponseCanBeMade) {
     EXPECT_EQ(serving.Received(), "");
     EXPECT_TRUE(serving.IsClosed());
     EXPECT_FALSE(serving.IsWatched());
-    EXPECT_EQ(capture.Text(), "ServeClient: HTTP_METHOD_NOT_ALLOWED\nServeClientDone: Socket closed");
+    EXPECT_THAT(capture.Text(),
+                HasLines({"ServeClient: HTTP_METHOD_NOT_ALLOWED\nServeClientDone: Socket closed"}));
 }
 
 TEST_F(ServeClientTest, TracesTheResultOfABadRequestsResponse) {
@@ -337,7 +339,8 @@ TEST_F(ServeClientTest, AnswersWithAnErrorWhenMemoryForTheRequestIsShort) {
     EXPECT_EQ(Serve(serving), static_cast<long>(ServerErrorAnswer().size()));
     EXPECT_TRUE(noMemory.Struck());
     EXPECT_EQ(serving.Received(), ServerErrorAnswer());
-    EXPECT_EQ(capture.Text(), "ServeClient: HTTP_INTERNAL_SERVER_ERROR\nServeClientDone: Socket closed");
+    EXPECT_THAT(capture.Text(),
+                HasLines({"ServeClient: HTTP_INTERNAL_SERVER_ERROR\nServeClientDone: Socket closed"}));
 }
 
 // Whatever allocation fails, the request is answered or the connection closed, and nothing leaks.
@@ -409,8 +412,8 @@ TEST_F(ServeClientTest, KeepsTheConnectionAsTheRequestWishes) {
             EXPECT_EQ(serving.call.ucKeepAlive, row.kept) << row.request;
             EXPECT_EQ(serving.IsWatched(), row.kept) << row.request;
             EXPECT_EQ(serving.IsClosed(), !row.kept) << row.request;
-            EXPECT_EQ(capture.Text(), std::string(kRead) + "ServeClient: HTTP_OK" +
-                                          (row.kept ? "" : "\nServeClientDone: Socket closed"));
+            EXPECT_THAT(capture.Text(), HasLines({kRead, "ServeClient: HTTP_OK",
+                                                  (row.kept ? "" : "\nServeClientDone: Socket closed")}));
         }
     }
 }
@@ -457,9 +460,9 @@ TEST_F(ServeClientTest, TracesAtEveryVerbosity) {
             const long sent = Serve(serving, Get("/rDx", connection));
             const unsigned long thread = CurrentThreadID();
             const int socket = serving.call.hSocket;
-            EXPECT_EQ(
+            EXPECT_THAT(
                 WithoutTimes(capture.Text()),
-                TraceAt(
+                HasTracesAt(
                     verbosity,
                     {{kDetail,
                       ThreadLine("ReadHttpReqHeaders()", "got request line from socket, len =", 17, thread)},
@@ -496,9 +499,10 @@ TEST_F(ServeClientTest, TracesThePeerOfATcpConnection) {
     serving.Replace(accept(listener.Socket(), nullptr, nullptr));
     const CaptureStdout capture;
     Serve(serving);
-    EXPECT_EQ(capture.Text(),
-              kRead + ("\nConsumeHttpRequest: szPeerName = 127.0.0.1:" + std::to_string(client.Port())) +
-                  "ServeClient: HTTP_NOT_FOUND\nServeClientDone: Socket closed");
+    EXPECT_THAT(
+        capture.Text(),
+        HasLines({kRead, "ConsumeHttpRequest: szPeerName = 127.0.0.1:" + std::to_string(client.Port()),
+                  "ServeClient: HTTP_NOT_FOUND", "ServeClientDone: Socket closed"}));
     EXPECT_EQ(client.ReadUntilClosed(), NotFoundAnswer());
 }
 

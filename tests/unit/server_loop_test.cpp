@@ -154,9 +154,9 @@ TEST_F(RunHttpServerTest, TracesAtEveryVerbosity) {
         const auto line = [thread](const char* label, const char* message, long value) {
             return ThreadLine(label, message, value, thread);
         };
-        EXPECT_EQ(
+        EXPECT_THAT(
             WithoutTimes(text),
-            TraceAt(
+            HasTracesAt(
                 verbosity,
                 {{kAlways, "\n[TIME],InitThreadLib(): running POSIX threads (0)\nmtPrimaryThread=" +
                                std::to_string(static_cast<int>(thread))},

@@ -54,7 +54,7 @@ TEST_F(OneStageTest, AnswersEveryResultOfReading) {
             serving.call.ucKeepAlive = keep;
             EXPECT_EQ(Serve(serving), static_cast<long>(row.answer.size()));
             EXPECT_EQ(serving.Received(), row.answer);
-            EXPECT_EQ(capture.Text(), Consumed(row.result));
+            EXPECT_THAT(capture.Text(), HasLines({Consumed(row.result)}));
             EXPECT_EQ(serving.IsWatched(), keep == 1);
             EXPECT_EQ(serving.IsClosed(), keep == 0);
             EXPECT_EQ(serving.call.ucKeepAlive, keep);
@@ -123,7 +123,7 @@ TEST_F(OneStageTest, AnswersWhatTheParserRefuses) {
         Serving serving;
         EXPECT_EQ(Serve(serving, row.request), static_cast<long>(row.answer.size())) << row.why;
         EXPECT_EQ(serving.Received(), row.answer) << row.why;
-        EXPECT_EQ(capture.Text(), row.trace + Consumed(row.result));
+        EXPECT_THAT(capture.Text(), HasLines({row.trace, Consumed(row.result)}));
         EXPECT_TRUE(serving.IsClosed());
     }
 }
@@ -135,7 +135,7 @@ TEST_F(OneStageTest, AsksForCredentials) {
     Serving without;
     Serve(without, Get("/other"));
     EXPECT_EQ(without.Received(), UnauthorizedAnswer());
-    EXPECT_EQ(capture.Text(), kRead + "\nConsumeHttpRequest: no auth"s + Consumed(-401));
+    EXPECT_THAT(capture.Text(), HasLines({kRead, "\nConsumeHttpRequest: no auth"s, Consumed(-401)}));
     Serving with;
     Serve(with, "GET /other HTTP/1.1\r\nAuthorization: Basic dXNlcjpwYXNz\r\n\r\n");
     EXPECT_EQ(with.Received(), NotFoundAnswer());
@@ -149,7 +149,7 @@ TEST_F(OneStageTest, AnswersAFailedReceiveAsAnError) {
     EXPECT_EQ(Serve(serving), static_cast<long>(ServerErrorAnswer().size()));
     EXPECT_TRUE(reset.Struck());
     EXPECT_EQ(serving.Received(), ServerErrorAnswer());
-    EXPECT_EQ(capture.Text(), Consumed(-1));
+    EXPECT_THAT(capture.Text(), HasLines({Consumed(-1)}));
 }
 
 TEST_F(OneStageTest, AnswersEveryOutcomeOfAHandler) {
@@ -165,7 +165,7 @@ TEST_F(OneStageTest, AnswersEveryOutcomeOfAHandler) {
         Serving serving;
         EXPECT_EQ(Serve(serving, Get("/rDx")), static_cast<long>(row.answer.size())) << row.handled;
         EXPECT_EQ(serving.Received(), row.answer) << row.handled;
-        EXPECT_EQ(capture.Text(), kRead + Consumed(200));
+        EXPECT_THAT(capture.Text(), HasLines({kRead, Consumed(200)}));
     }
 }
 
@@ -326,9 +326,9 @@ TEST_F(OneStageTest, TracesAtEveryVerbosity) {
             serving.call.ucKeepAlive = keep;
             const long sent = Serve(serving, Get("/rDx"));
             const int socket = serving.call.hSocket;
-            EXPECT_EQ(
+            EXPECT_THAT(
                 WithoutTimes(capture.Text()),
-                TraceAt(
+                HasTracesAt(
                     verbosity,
                     {{kDetail, ThreadLine("ReadHttpReqHeaders()", "got request line from socket, len =", 17)},
                      {kAlways, kRead + Consumed(200)},
@@ -469,9 +469,10 @@ TEST_F(FinalizeRequestTest, GivesTheResultOfAFailedSend) {
         EXPECT_EQ(Finalize(serving, MakeResponse(), 0, 0, 1), result);
         EXPECT_TRUE(serving.IsClosed());
         EXPECT_FALSE(serving.IsWatched());
-        EXPECT_EQ(WithoutTimes(capture.Text()),
-                  ThreadLine("FinalizeRequest()", "sent bytes successfully", result) +
-                      ThreadLine("FinalizeRequest()", "client socket closed", serving.call.hSocket));
+        EXPECT_THAT(
+            WithoutTimes(capture.Text()),
+            HasLines({ThreadLine("FinalizeRequest()", "sent bytes successfully", result),
+                      ThreadLine("FinalizeRequest()", "client socket closed", serving.call.hSocket)}));
     }
 }
 
@@ -499,13 +500,14 @@ TEST_F(FinalizeRequestTest, TracesAtEveryVerbosity) {
         const int sent = Finalize(kept, MakeResponse(), 0, 0, 1);
         Serving dropped;
         Finalize(dropped, nullptr, -1, 0, 1);
-        EXPECT_EQ(WithoutTimes(capture.Text()),
-                  TraceAt(verbosity,
-                          {{kProgress, ThreadLine("FinalizeRequest()", "sent bytes successfully", sent)},
-                           {kDetail, ThreadLine("FinalizeRequest()", "added handle to active set again",
-                                                kept.call.hSocket)},
-                           {kDetail,
-                            ThreadLine("FinalizeRequest()", "client socket closed", dropped.call.hSocket)}}));
+        EXPECT_THAT(
+            WithoutTimes(capture.Text()),
+            HasTracesAt(
+                verbosity,
+                {{kProgress, ThreadLine("FinalizeRequest()", "sent bytes successfully", sent)},
+                 {kDetail,
+                  ThreadLine("FinalizeRequest()", "added handle to active set again", kept.call.hSocket)},
+                 {kDetail, ThreadLine("FinalizeRequest()", "client socket closed", dropped.call.hSocket)}}));
     }
 }
 

@@ -145,10 +145,10 @@ TEST_F(HandleRequestTest, LogsARequestForTermination) {
         const CaptureStdout capture;
         EXPECT_EQ(Handle(request), 200);
         EXPECT_EQ(terminate_, 1);
-        EXPECT_EQ(WithoutTimes(capture.Text()),
-                  TraceAt(verbosity,
-                          {{kProgress, ThreadLine("ServeClient()", "termination request from handle =", 4711,
-                                                  CurrentThreadID())}}));
+        EXPECT_THAT(WithoutTimes(capture.Text()),
+                    HasTracesAt(verbosity, {{kProgress, ThreadLine("ServeClient()",
+                                                                   "termination request from handle =", 4711,
+                                                                   CurrentThreadID())}}));
     }
 }
 
@@ -210,7 +210,7 @@ TEST_F(ServeClientDoneTest, ClosesEveryOtherConnection) {
         EXPECT_FALSE(serving.IsWatched());
         EXPECT_TRUE(serving.IsClosed());
         EXPECT_EQ(serving.call.iSvcStatus, SERVICE_FINISHED);
-        EXPECT_EQ(capture.Text(), "\nServeClientDone: Socket closed");
+        EXPECT_THAT(capture.Text(), HasLines({"\nServeClientDone: Socket closed"}));
     }
 }
 
@@ -234,13 +234,13 @@ TEST_F(ServeClientDoneTest, TracesAtEveryVerbosity) {
         ServeClientDone(&kept.call, 1, 1);
         Serving dropped;
         ServeClientDone(&dropped.call, 1, 0);
-        EXPECT_EQ(
-            WithoutTimes(capture.Text()),
-            TraceAt(verbosity, {{kDetail, ThreadLine("ServeClientDone()", "added handle to active set again",
-                                                     kept.call.hSocket, thread)},
-                                {kDetail, ThreadLine("ServeClientDone()", "client socket closed",
-                                                     dropped.call.hSocket, thread)},
-                                {kAlways, "\nServeClientDone: Socket closed"}}));
+        EXPECT_THAT(WithoutTimes(capture.Text()),
+                    HasTracesAt(verbosity,
+                                {{kDetail, ThreadLine("ServeClientDone()", "added handle to active set again",
+                                                      kept.call.hSocket, thread)},
+                                 {kDetail, ThreadLine("ServeClientDone()", "client socket closed",
+                                                      dropped.call.hSocket, thread)},
+                                 {kAlways, "\nServeClientDone: Socket closed"}}));
     }
 }
 
@@ -397,7 +397,7 @@ TEST_F(UpdateServerStatusTest, PassesRequestsOn) {
             const std::string line = row.message == nullptr ? ""
                                                             : ThreadLine("UpdateServerStatus()", row.message,
                                                                          4711, CurrentThreadID());
-            EXPECT_EQ(WithoutTimes(capture.Text()), TraceAt(verbosity, {{kDetail, line}}));
+            EXPECT_THAT(WithoutTimes(capture.Text()), HasTracesAt(verbosity, {{kDetail, line}}));
         }
     }
 }
@@ -425,9 +425,9 @@ TEST_F(ServiceTest, InitializeThreadsStartsTheThreadLibrary) {
     EXPECT_EQ(InitializeThreads(3), 0);
     EXPECT_EQ(NumOfThreads(), 0);
     EXPECT_EQ(PrimaryThreadID(), CurrentThreadID());
-    EXPECT_EQ(WithoutTimes(capture.Text()),
-              "\n[TIME],InitThreadLib(): running POSIX threads (0)\nmtPrimaryThread=" +
-                  std::to_string(static_cast<int>(CurrentThreadID())));
+    EXPECT_THAT(WithoutTimes(capture.Text()),
+                HasLines({"\n[TIME],InitThreadLib(): running POSIX threads (0)\nmtPrimaryThread=" +
+                          std::to_string(static_cast<int>(CurrentThreadID()))}));
     EXPECT_EQ(InitializeThreads(2), 0) << "the slots of before are given up";
     EXPECT_EQ(DeinitializeThreads(), 0);
     EXPECT_EQ(DeinitializeThreads(), 0) << "there are none";

@@ -110,12 +110,6 @@ bool Client::SendInLines(std::string_view bytes) {
     return true;
 }
 
-void Client::Reset() {
-    const linger atOnce{1, 0};
-    EXPECT_EQ(setsockopt(socket_, SOL_SOCKET, SO_LINGER, &atOnce, sizeof atOnce), 0);
-    Close();
-}
-
 void Client::FinishSending() { shutdown(socket_, SHUT_WR); }
 
 Client::Arrival Client::Receive(milliseconds scaledLimit) {

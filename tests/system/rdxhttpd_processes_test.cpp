@@ -57,7 +57,9 @@ TEST(RdxhttpdProcesses, EndOnAnInterruptThatReachesBoth) {
 
 TEST(RdxhttpdProcesses, EndOnAnInterruptThoughTheirStarterIgnoresSignals) {
     for (const char* ignored : {"INT", "CHLD"}) {
-        Server server(RdxhttpdBehind(std::string("trap '' ") + ignored));
+        ServerOptions options = Rdxhttpd();
+        options.wrapper = {"env", std::string("--ignore-signal=") + ignored};
+        Server server(options);
         ASSERT_TRUE(server.Start());
         server.Signal(SIGINT);
         ExpectEnd(server, 0, kOrdinary);
@@ -135,6 +137,25 @@ TEST(RdxhttpdProcesses, ServeWithoutStandardStreams) {
         const auto ending = server.WaitForEnd();
         EXPECT_TRUE(ending && ending->result == 0);
     }
+}
+
+TEST(RdxhttpdProcesses, KeepNoDescriptorBesideTheStandardStreams) {
+    Server server(RdxhttpdBehind("exec 3>&- 4>&- 5>&- 6>&- 7>&- 8>&- 9>&-")); // whatever the test was given
+    ASSERT_TRUE(server.Start());
+    const std::string folder = "/proc/" + std::to_string(server.ServingPid()) + "/fd/";
+    for (int descriptor = 3; descriptor < 10; ++descriptor) {
+        std::error_code notOpen;
+        const auto target = std::filesystem::read_symlink(folder + std::to_string(descriptor), notOpen);
+        EXPECT_NE(target, "/dev/null") << descriptor;
+    }
+}
+
+TEST(RdxhttpdProcesses, SayHowTheyEndedBehindAllElse) {
+    Server server(RdxhttpdBehind("exec 2>&1"));
+    ASSERT_TRUE(server.Start());
+    server.Signal(SIGTERM);
+    ASSERT_TRUE(server.WaitForEnd());
+    EXPECT_TRUE(server.Output().ends_with(kOrdinary)) << server.Output();
 }
 
 TEST(RdxhttpdProcesses, SayThatNoProcessCanBeHad) {

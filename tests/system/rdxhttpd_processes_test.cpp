@@ -51,7 +51,7 @@ TEST(RdxhttpdProcesses, PassOnWhatEndsTheServer) {
 TEST(RdxhttpdProcesses, EndOnAnInterruptThatReachesBoth) {
     Server server(Rdxhttpd());
     ASSERT_TRUE(server.Start());
-    kill(-server.Pid(), SIGINT); // as a terminal sends it
+    server.SignalGroup(SIGINT); // as a terminal sends it
     ExpectEnd(server, 0, kOrdinary);
 }
 
@@ -69,7 +69,7 @@ TEST(RdxhttpdProcesses, EndOnAnInterruptThoughTheirStarterIgnoresSignals) {
 TEST(RdxhttpdProcesses, TakeNoNoticeOfAQuit) {
     Server server(Rdxhttpd());
     ASSERT_TRUE(server.Start());
-    kill(-server.Pid(), SIGQUIT);
+    server.SignalGroup(SIGQUIT);
     EXPECT_EQ(Ask(server.Port(), VersionCall()).text, VersionAnswer());
     server.Signal(SIGTERM);
     ExpectEnd(server, 0, kOrdinary);
@@ -78,9 +78,7 @@ TEST(RdxhttpdProcesses, TakeNoNoticeOfAQuit) {
 TEST(RdxhttpdProcesses, SayWhichSignalEndedTheServer) {
     Server server(Rdxhttpd());
     ASSERT_TRUE(server.Start());
-    const pid_t child = server.ServingPid();
-    ASSERT_GT(child, 0);
-    kill(child, SIGKILL);
+    server.SignalServing(SIGKILL);
     ExpectEnd(server, 1, "\nrdxhttpd: the server was ended by signal 9 (Killed).\n");
 }
 
@@ -200,7 +198,8 @@ private:
 };
 
 TEST_F(RdxhttpdBeforeTheServer, SignalsThatStopNothingAreHarmless) {
-    for (const int number : {SIGINT, SIGQUIT, SIGUSR1}) kill(server_.ServingPid(), number);
+    for (const int number : {SIGINT, SIGQUIT, SIGUSR1})
+        ASSERT_NO_FATAL_FAILURE(server_.SignalServing(number));
     server_.Signal(SIGQUIT);
     LetStart();
     ASSERT_TRUE(server_.WaitForLoop(2)) << "the settings are read again";
@@ -219,7 +218,7 @@ TEST_F(RdxhttpdBeforeTheServer, ATerminationIsAnOrdinaryEnd) {
 }
 
 TEST_F(RdxhttpdBeforeTheServer, AnInterruptIsAnOrdinaryEnd) {
-    kill(-server_.Pid(), SIGINT); // as a terminal sends it
+    server_.SignalGroup(SIGINT); // as a terminal sends it
     const auto ending = server_.WaitForEnd();
     ASSERT_TRUE(ending);
     EXPECT_EQ(ending->signal, 0);

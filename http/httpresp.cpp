@@ -15,7 +15,6 @@
 
 #include <algorithm>
 #include <array>
-#include <climits>
 #include <cstdint>
 #include <cstdio>
 #include <iterator>
@@ -149,7 +148,6 @@ constexpr rdx::HeaderFailures kHeaderFailures = {.notReceived = -HTTP_STATUS_BAD
 int ReadBody(int sock, HttpResponse& response) {
     const unsigned int length = response.uiBodyLength;
     if (length == 0) return HTTPRESP_DONE;
-    if (length > INT_MAX) return -HTTP_STATUS_INTERNAL_ERROR;
     response.pEntityBody = rdx::AllocateBytes(length).release();
     if (response.pEntityBody == nullptr) return -HTTP_STATUS_INTERNAL_ERROR;
     const int wanted = static_cast<int>(length);

@@ -141,7 +141,11 @@ public:
         return count;
     }
 
-    void Signal(int number) const { kill(process_, number); }
+    // Only while it runs: -1 stands for every process of the machine.
+    void Signal(int number) const {
+        ASSERT_GT(process_, 1);
+        kill(process_, number);
+    }
 
     // What the body returned.
     int Result() {

@@ -205,6 +205,11 @@ std::string LastOf(const std::string& text) {
     return text.size() <= kMost ? text : "..." + text.substr(text.size() - kMost);
 }
 
+void SendSignal(pid_t process, int number) {
+    ASSERT_GT(process, 1) << "nobody to be sent signal " << number;
+    kill(process, number);
+}
+
 bool SucceedsInAChild(const std::function<bool()>& attempt) {
     const pid_t child = fork();
     if (child == 0) _exit(attempt() ? 0 : 1);
@@ -375,7 +380,14 @@ std::optional<Ending> Server::Run(const std::vector<std::string>& arguments) {
     return WaitForEnd();
 }
 
-void Server::Signal(int number) const { kill(pid_, number); }
+void Server::Signal(int number) const { SendSignal(pid_, number); }
+
+void Server::SignalServing(int number) const { SendSignal(ServingPid(), number); }
+
+void Server::SignalGroup(int number) const {
+    ASSERT_GT(pid_, 1) << "nobody to be sent signal " << number;
+    killpg(pid_, number);
+}
 
 std::optional<Ending> Server::WaitForEnd(milliseconds limit) {
     if (ending_ || pid_ <= 0) return ending_;

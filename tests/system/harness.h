@@ -107,7 +107,11 @@ public:
     // Writes the configuration file with `port` (0: the server's own) and the given settings.
     void WriteSettings(const std::vector<std::string>& settings, int port = 0);
 
+    // Signals the process, the one that serves, or all of its group as a terminal does. Fails the test where
+    // there is no such process: numbers of 0 and below stand for many processes, -1 for all of the machine.
     void Signal(int number) const;
+    void SignalServing(int number) const;
+    void SignalGroup(int number) const;
 
     // How the process ended; nothing when it still runs after the limit.
     std::optional<Ending> WaitForEnd(milliseconds limit = kPatience);

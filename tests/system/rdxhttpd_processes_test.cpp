@@ -51,13 +51,15 @@ TEST(RdxhttpdProcesses, PassOnWhatEndsTheServer) {
 TEST(RdxhttpdProcesses, EndOnAnInterruptThatReachesBoth) {
     Server server(Rdxhttpd());
     ASSERT_TRUE(server.Start());
-    kill(-server.Pid(), SIGINT); // as a terminal sends it
+    server.SignalGroup(SIGINT); // as a terminal sends it
     ExpectEnd(server, 0, kOrdinary);
 }
 
 TEST(RdxhttpdProcesses, EndOnAnInterruptThoughTheirStarterIgnoresSignals) {
     for (const char* ignored : {"INT", "CHLD"}) {
-        Server server(RdxhttpdBehind(std::string("trap '' ") + ignored));
+        ServerOptions options = Rdxhttpd();
+        options.wrapper = {"env", std::string("--ignore-signal=") + ignored};
+        Server server(options);
         ASSERT_TRUE(server.Start());
         server.Signal(SIGINT);
         ExpectEnd(server, 0, kOrdinary);
@@ -67,7 +69,7 @@ TEST(RdxhttpdProcesses, EndOnAnInterruptThoughTheirStarterIgnoresSignals) {
 TEST(RdxhttpdProcesses, TakeNoNoticeOfAQuit) {
     Server server(Rdxhttpd());
     ASSERT_TRUE(server.Start());
-    kill(-server.Pid(), SIGQUIT);
+    server.SignalGroup(SIGQUIT);
     EXPECT_EQ(Ask(server.Port(), VersionCall()).text, VersionAnswer());
     server.Signal(SIGTERM);
     ExpectEnd(server, 0, kOrdinary);
@@ -76,9 +78,7 @@ TEST(RdxhttpdProcesses, TakeNoNoticeOfAQuit) {
 TEST(RdxhttpdProcesses, SayWhichSignalEndedTheServer) {
     Server server(Rdxhttpd());
     ASSERT_TRUE(server.Start());
-    const pid_t child = server.ServingPid();
-    ASSERT_GT(child, 0);
-    kill(child, SIGKILL);
+    server.SignalServing(SIGKILL);
     ExpectEnd(server, 1, "\nrdxhttpd: the server was ended by signal 9 (Killed).\n");
 }
 
@@ -137,6 +137,25 @@ TEST(RdxhttpdProcesses, ServeWithoutStandardStreams) {
     }
 }
 
+TEST(RdxhttpdProcesses, KeepNoDescriptorBesideTheStandardStreams) {
+    Server server(RdxhttpdBehind("exec 3>&- 4>&- 5>&- 6>&- 7>&- 8>&- 9>&-")); // whatever the test was given
+    ASSERT_TRUE(server.Start());
+    const std::string folder = "/proc/" + std::to_string(server.ServingPid()) + "/fd/";
+    for (int descriptor = 3; descriptor < 10; ++descriptor) {
+        std::error_code notOpen;
+        const auto target = std::filesystem::read_symlink(folder + std::to_string(descriptor), notOpen);
+        EXPECT_NE(target, "/dev/null") << descriptor;
+    }
+}
+
+TEST(RdxhttpdProcesses, SayHowTheyEndedBehindAllElse) {
+    Server server(RdxhttpdBehind("exec 2>&1"));
+    ASSERT_TRUE(server.Start());
+    server.Signal(SIGTERM);
+    ASSERT_TRUE(server.WaitForEnd());
+    EXPECT_TRUE(server.Output().ends_with(kOrdinary)) << server.Output();
+}
+
 TEST(RdxhttpdProcesses, SayThatNoProcessCanBeHad) {
     ServerOptions options = Rdxhttpd();
     options.environment = {{"LD_PRELOAD", RDX_TEST_NO_PROCESS}};
@@ -179,7 +198,8 @@ private:
 };
 
 TEST_F(RdxhttpdBeforeTheServer, SignalsThatStopNothingAreHarmless) {
-    for (const int number : {SIGINT, SIGQUIT, SIGUSR1}) kill(server_.ServingPid(), number);
+    for (const int number : {SIGINT, SIGQUIT, SIGUSR1})
+        ASSERT_NO_FATAL_FAILURE(server_.SignalServing(number));
     server_.Signal(SIGQUIT);
     LetStart();
     ASSERT_TRUE(server_.WaitForLoop(2)) << "the settings are read again";
@@ -198,7 +218,7 @@ TEST_F(RdxhttpdBeforeTheServer, ATerminationIsAnOrdinaryEnd) {
 }
 
 TEST_F(RdxhttpdBeforeTheServer, AnInterruptIsAnOrdinaryEnd) {
-    kill(-server_.Pid(), SIGINT); // as a terminal sends it
+    server_.SignalGroup(SIGINT); // as a terminal sends it
     const auto ending = server_.WaitForEnd();
     ASSERT_TRUE(ending);
     EXPECT_EQ(ending->signal, 0);

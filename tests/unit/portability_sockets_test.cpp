@@ -118,6 +118,26 @@ TEST_F(SmallOperations, DumpClientSocketLeavesTheTimeEmptyWhenItIsUnknown) {
     EXPECT_TRUE(fault.Struck());
 }
 
+// A process may have closed its standard input.
+TEST_F(SmallOperations, EverySocketMayHaveDescriptorZero) {
+    const auto makesZero = [](auto create, auto... arguments) {
+        const Socket input(dup(STDIN_FILENO));
+        close(STDIN_FILENO);
+        Socket made;
+        EXPECT_EQ(create(arguments..., made.Out()), 0);
+        EXPECT_EQ(made.Get(), STDIN_FILENO);
+        made.Close();
+        if (input.Get() >= 0) dup2(input.Get(), STDIN_FILENO);
+    };
+    const Socket server = Listen();
+    const auto port = static_cast<unsigned short>(PortOf(server));
+    constexpr unsigned short kAnyPort = 0;
+    makesZero(CreateClntSocket, "127.0.0.1", std::to_string(port).c_str());
+    makesZero(CreateClntSocketExt, "127.0.0.2", kAnyPort, "127.0.0.1", port);
+    makesZero(CreateSrvSocket, std::to_string(FreePort()).c_str(), 5);
+    makesZero(CreateSrvSocketExt, "127.0.0.1", kAnyPort, 5);
+}
+
 using CreateSrvSocketTest = SocketTest;
 
 TEST_F(CreateSrvSocketTest, ListensOnEveryLocalAddress) {

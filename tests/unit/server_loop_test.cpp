@@ -179,6 +179,22 @@ TEST_F(RunHttpServerTest, TracesAtEveryVerbosity) {
     }
 }
 
+TEST_F(RunHttpServerTest, LogsConnectionsWhereTheLogGoes) {
+    ucVerbosity = VERBOSITY_LOG;
+    char* text = nullptr;
+    std::size_t size = 0;
+    outlog = open_memstream(&text, &size);
+    LoopRun loop(1);
+    Client client = loop.Connect();
+    client.Send(Get("/other", "close"));
+    EXPECT_EQ(client.ReceiveAll(), kNotFoundAnswer);
+    EXPECT_EQ(loop.Stop(), 0);
+    std::fclose(std::exchange(outlog, nullptr));
+    EXPECT_THAT(text, HasSubstr("accepted connection from 127.0.0.1"));
+    EXPECT_THAT(Text(), Not(HasSubstr("accepted connection")));
+    std::free(text);
+}
+
 TEST_F(RunHttpServerTest, ServesOneRequestAtATimeOnItsOwnThread) {
     std::atomic<unsigned> handledBy = 0;
     std::atomic<int> running = 0;

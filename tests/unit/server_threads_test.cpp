@@ -18,6 +18,7 @@
 
 #include <array>
 #include <atomic>
+#include <chrono>
 #include <optional>
 #include <semaphore>
 #include <thread>
@@ -326,6 +327,7 @@ TEST_F(RunHttpServerTest, ClosesAConnectionWithoutAThreadWhenItsClientHasLeft) {
         busy.back().Send("GET /other HT");
     }
     ASSERT_TRUE(Serving(2));
+    const auto begin = std::chrono::steady_clock::now();
     std::vector<Client> late;
     for (std::size_t i = 0; i < 4; ++i) {
         late.push_back(loop.Connect());
@@ -338,11 +340,41 @@ TEST_F(RunHttpServerTest, ClosesAConnectionWithoutAThreadWhenItsClientHasLeft) {
     late[2].FinishSending();
     EXPECT_EQ(late[2].ReadUntilClosed(), "");
     EXPECT_TRUE(Eventually([] { return TimesClosed().size() == 3; }));
+    EXPECT_GE(std::chrono::steady_clock::now() - begin, std::chrono::seconds(1)) << "looked for too often";
     EXPECT_TRUE(late[3].StaysSilent()) << "its client is there";
     for (const auto& [descriptor, times] : TimesClosed()) EXPECT_EQ(times, 1) << descriptor;
     for (Client& client : busy) client.Close();
     EXPECT_EQ(loop.Stop(), 0);
     EXPECT_EQ(late[3].ReadUntilClosed(), "");
+}
+
+// Not before it has what an earlier request was answered: a close would throw that away.
+TEST_F(RunHttpServerTest, ClosesAConnectionWithoutAThreadWhenItsAnswerIsDelivered) {
+    const std::string answer = Answer(200, std::string(100'000, 'x'));
+    replaced.handler = Answering(std::string(100'000, 'x'));
+    LoopRun loop(2);
+    Client kept = loop.Connect(4096);
+    kept.Send(Get("/rDx"));
+    ASSERT_TRUE(Printed("ServeClient: HTTP_OK"));
+    ASSERT_TRUE(Serving(0));
+    std::vector<Client> busy;
+    for (int i = 0; i < 2; ++i) {
+        busy.push_back(loop.Connect());
+        busy.back().Send("GET /other HT");
+    }
+    ASSERT_TRUE(Serving(2));
+    kept.Send(Get("/other"));
+    ASSERT_TRUE(Eventually([&] { return Count(Text(), "Handling socket") == 4; }));
+    Client other = loop.Connect();
+    other.Send(Get("/other"));
+    ASSERT_TRUE(Eventually([&] { return Count(Text(), "Handling socket") == 5; }));
+    ForgetClosed();
+    kept.FinishSending();
+    other.Close();
+    ASSERT_TRUE(Eventually([] { return TimesClosed().size() == 1; })) << "the loop has looked";
+    EXPECT_EQ(kept.ReadUntilClosed(), answer);
+    for (Client& client : busy) client.Close();
+    EXPECT_EQ(loop.Stop(), 0);
 }
 
 // A thread may still be on its way out when its slot is free again.

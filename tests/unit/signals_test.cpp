@@ -2,11 +2,13 @@
 
 #include "common/shared.h"
 #include "tests/support/eventually.h"
+#include "tests/support/faults.h"
 #include "tests/support/handlers.h"
 
 #include <gtest/gtest.h>
 
 #include <array>
+#include <atomic>
 #include <cerrno>
 #include <chrono>
 #include <cstring>
@@ -350,6 +352,34 @@ TEST(WaitForPeer, IsEndedByASignalThatComesWhileItWaits) {
         EXPECT_EQ(handledSignals, 2);
         sender.join();
     });
+}
+
+TEST(WaitForPeer, EndsALimitedWaitByAnySignal) {
+    OnAThread([] {
+        constexpr auto kLimit = std::chrono::seconds(20);
+        const Handlers handlers;
+        const SignalsInWindowsOnly signals;
+        const Pair pair;
+        SignalMyself(SIGUSR1);
+        const auto start = std::chrono::steady_clock::now();
+        EXPECT_TRUE(WaitForPeer(pair.Near(), POLLIN, std::chrono::milliseconds(kLimit).count()));
+        EXPECT_LT(std::chrono::steady_clock::now() - start, kLimit);
+        EXPECT_EQ(handledSignals, 1);
+    });
+}
+
+TEST(WaitForPeer, ReturnsWhenItCannotWait) {
+    const Pair pair;
+    std::atomic<bool> returned = false;
+    std::thread peer([&] {
+        EXPECT_TRUE(Eventually([&] { return returned.load(); }));
+        pair.Say();
+    });
+    const test::FailCall noWait("ppoll", 1, ENOMEM);
+    EXPECT_TRUE(WaitForPeer(pair.Near(), POLLIN, -1));
+    returned = true;
+    EXPECT_TRUE(noWait.Struck());
+    peer.join();
 }
 
 TEST(WaitForPeer, EndsALimitedWaitByATerminatingSignal) {

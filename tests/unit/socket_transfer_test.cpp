@@ -456,6 +456,13 @@ TEST_F(SendSocketTest, SendsEverything) {
     EXPECT_EQ(SendSocket(connection.near.Get(), "", 0), 0);
 }
 
+TEST_F(SendSocketTest, SendsNothingOfANegativeLength) {
+    const Connection connection;
+    EXPECT_EQ(SendSocket(connection.near.Get(), "abc", -1), -3);
+    char received[4];
+    EXPECT_EQ(recv(connection.far.Get(), received, sizeof received, MSG_DONTWAIT), -1);
+}
+
 TEST_F(SendSocketTest, WaitsForAPeerThatReadsSlowly) {
     Connection connection(4096);
     const std::vector<char> bytes(1'000'000, 'x');

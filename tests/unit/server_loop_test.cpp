@@ -187,7 +187,7 @@ TEST_F(RunHttpServerTest, LogsConnectionsWhereTheLogGoes) {
     LoopRun loop(1);
     Client client = loop.Connect();
     client.Send(Get("/other", "close"));
-    EXPECT_EQ(client.ReceiveAll(), kNotFoundAnswer);
+    EXPECT_EQ(client.ReadUntilClosed(), NotFoundAnswer());
     EXPECT_EQ(loop.Stop(), 0);
     std::fclose(std::exchange(outlog, nullptr));
     EXPECT_THAT(text, HasSubstr("accepted connection from 127.0.0.1"));

@@ -278,6 +278,7 @@ TEST_F(RunHttpServerTest, NeedsNoThreadForAClientThatHasLeft) {
             EXPECT_EQ(NumOfThreads(), 2);
             for (Client& client : busy) client.Close();
             EXPECT_EQ(loop.Stop(), 0);
+            ASSERT_TRUE(ServingThreadsEnd()); // they close connections, too
         }
     }
 }

@@ -9,6 +9,7 @@
 #include "server/service.h"
 #include "tests/support/admin_server.h"
 #include "tests/support/free_port.h"
+#include "tests/support/junior.h"
 #include "tests/support/process.h"
 #include "tests/support/serving.h"
 
@@ -83,23 +84,6 @@ inline std::string Acknowledge(const std::string& ticket) {
 
 inline const std::string kTicketUri = "/rDx?SvcTicket=42";
 inline const std::string kTicketAnswer = Answer(200, Acknowledge("42"));
-
-// What the administration server receives.
-inline std::string FollowUp(const std::string& command, const std::string& body) {
-    return "GET /VServer?FunctionName=" + command +
-           " HTTP/1.1\r\n"
-           "Connection: close\r\n"
-           "Host: 127.0.0.1\r\n"
-           "User-Agent: VXL tnp/0.1\r\n"
-           "Accept: */*\r\n"
-           "Authorization: Basic dXNlcjpwYXNz\r\n"
-           "Content-type: text/xml\r\n"
-           "Content-length: " +
-           std::to_string(body.size()) + "\r\n\r\n" + body;
-}
-
-// What it answers.
-inline const std::string kTaken = "HTTP/1.1 200 OK\r\nServer: a\r\nContent-length: 5\r\n\r\ntaken";
 
 inline std::string Consumed(int result) {
     return "\nServeClientInStages 2 ConsumeHttpRequest=" + std::to_string(result);

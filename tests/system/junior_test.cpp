@@ -2,6 +2,7 @@
 // own to the administration server, which is here a thread of the test.
 
 #include "tests/support/admin_server.h"
+#include "tests/support/junior.h"
 #include "tests/system/modes.h"
 
 #include <algorithm>
@@ -11,9 +12,6 @@
 
 namespace rdx::test {
 namespace {
-
-// Beside an exchange that is recorded, these are what the administration server answers.
-const std::string kTaken = "HTTP/1.1 200 OK\r\nServer: a\r\nContent-length: 5\r\n\r\ntaken";
 
 // A message of the recorded exchange, with what varies in its place.
 std::string Recorded(const std::string& name, const std::string& placeholder, const std::string& by) {
@@ -34,16 +32,7 @@ std::string Acknowledge(const std::string& ticket) {
 }
 
 std::string FollowUp(const std::string& command, const std::string& ticket, const std::string& body) {
-    return "GET /VServer?FunctionName=" + command + "&SvcTicket=" + ticket +
-           " HTTP/1.1\r\n"
-           "Connection: close\r\n"
-           "Host: 127.0.0.1\r\n"
-           "User-Agent: VXL tnp/0.1\r\n"
-           "Accept: */*\r\n"
-           "Authorization: Basic dXNlcjpwYXNz\r\n"
-           "Content-type: text/xml\r\n"
-           "Content-length: " +
-           std::to_string(body.size()) + "\r\n\r\n" + body;
+    return test::FollowUp(command + "&SvcTicket=" + ticket, body);
 }
 
 std::string Success(const std::string& ticket) { return FollowUp("vsFollowUpSuccess", ticket, kVersionBody); }

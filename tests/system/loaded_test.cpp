@@ -1,6 +1,8 @@
 // The library as an outside program sees it: what stands for each module, called and read by its plain name.
 #include "tests/system/loaded.h"
 
+#include "tests/support/given_tables.h"
+
 #include <gtest/gtest.h>
 
 #include <chrono>
@@ -10,6 +12,7 @@
 #include <dlfcn.h>
 #include <filesystem>
 #include <fstream>
+#include <iterator>
 #include <string>
 #include <sys/sem.h>
 #include <thread>
@@ -54,51 +57,18 @@ void ExpectTable(const char* name, const std::vector<std::string>& expected) {
 }
 
 TEST(Loaded, TablesHoldTheirNames) {
-    ExpectTable("aszSigNames",
-                {"NIL",     "SIGHUP",  "SIGINT",  "SIGQUIT",   "SIGILL",   "SIGTRAP", "SIGABRT", "SIGEMT",
-                 "SIGFPE",  "SIGKILL", "SIGBUS",  "SIGSEGV",   "SIGSYS",   "SIGPIPE", "SIGALRM", "SIGTERM",
-                 "SIGUSR1", "SIGUSR2", "SIGCHLD", "SIGPWR",    "SIGWINCH", "SIGPOLL", "SIGSTOP", "SIGTSTP",
-                 "SIGCONT", "SIGTTIN", "SIGTTOU", "SIGVTALRM", "SIGPROF"});
+    ExpectTable("aszSigNames", kSignalNames);
     ExpectTable("rdxCommands", {"rdxGetVersion", "rdxGetDeviceStatus", "rdxAllocateDevice",
                                 "rdxReleaseDevice", "rdxSetIpConfiguration", "rdxSetDeviceAttributes",
                                 "rdxUpdateDeviceFirmware", "rdxRunDeviceSelfTest", "rdxInitiateCfgRequest"});
-    ExpectTable("apszGeneralHeaders", {"Cache-Control", "Connection", "Date", "Pragma", "Trailer",
-                                       "Transfer-Encoding", "Upgrade", "Via", "Warning"});
-    ExpectTable("apszRequestHeaders", {"Accept",
-                                       "Accept-Charset",
-                                       "Accept-Encoding",
-                                       "Accept-Language",
-                                       "Authorization",
-                                       "Cookie",
-                                       "Expect",
-                                       "From",
-                                       "Host",
-                                       "If-Modified-Since",
-                                       "If-Match",
-                                       "If-None-Match",
-                                       "If-Range",
-                                       "If-Unmodified-Since",
-                                       "Max-Forwards",
-                                       "Proxy-Authorization",
-                                       "Range",
-                                       "Referer",
-                                       "TE",
-                                       "User-Agent",
-                                       "UA-OS",
-                                       "UA-CPU",
-                                       "UA-Language",
-                                       "UA-Agent",
-                                       "UA-color",
-                                       "UA-pixels"});
-    ExpectTable("apszResponseHeaders", {"Accept-Ranges", "Age", "ETag", "Location", "Proxy-Authenticate",
-                                        "Retry-After", "Server", "Set-Cookie", "Vary", "WWW-Authenticate"});
-    ExpectTable("apszEntityHeaders",
-                {"Allow", "Content-Encoding", "Content-Language", "Content-Length", "Content-Location",
-                 "Content-MD5", "Content-Range", "Content-Type", "Expires", "Last-Modified"});
-    EXPECT_EQ(Global<int>("g_cnGeneralHeaders"), 9);
-    EXPECT_EQ(Global<int>("g_cnReqHeaders"), 26);
-    EXPECT_EQ(Global<int>("g_cnRespHeaders"), 10);
-    EXPECT_EQ(Global<int>("g_cnEntityHeaders"), 10);
+    ExpectTable("apszGeneralHeaders", kGeneralHeaderNames);
+    ExpectTable("apszRequestHeaders", kRequestHeaderNames);
+    ExpectTable("apszResponseHeaders", kResponseHeaderNames);
+    ExpectTable("apszEntityHeaders", kEntityHeaderNames);
+    EXPECT_EQ(Global<int>("g_cnGeneralHeaders"), std::ssize(kGeneralHeaderNames));
+    EXPECT_EQ(Global<int>("g_cnReqHeaders"), std::ssize(kRequestHeaderNames));
+    EXPECT_EQ(Global<int>("g_cnRespHeaders"), std::ssize(kResponseHeaderNames));
+    EXPECT_EQ(Global<int>("g_cnEntityHeaders"), std::ssize(kEntityHeaderNames));
 }
 
 TEST(Loaded, HandlerTableLeadsToTheDeviceService) {

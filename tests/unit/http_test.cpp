@@ -4,12 +4,15 @@
 #include "tests/support/assertion.h"
 #include "tests/support/classifier.h"
 #include "tests/support/faults.h"
+#include "tests/support/given_tables.h"
 #include "tests/support/guarded.h"
 
 #include <gtest/gtest.h>
 
 #include <cstdlib>
 #include <cstring>
+#include <iterator>
+#include <span>
 #include <string>
 #include <vector>
 
@@ -37,52 +40,20 @@ using AllocHeaderDeathTest = DeathTest;
 
 // Tables ------------------------------------------------------------------------------------------------
 
-std::vector<std::string> Names(std::span<const char* const> table) { return {table.begin(), table.end()}; }
+rdx::test::Names NamesOf(std::span<const char* const> table) { return {table.begin(), table.end()}; }
 
 TEST(HeaderTables, HoldTheseNamesInThisOrder) {
-    EXPECT_EQ(Names(apszGeneralHeaders),
-              (std::vector<std::string>{"Cache-Control", "Connection", "Date", "Pragma", "Trailer",
-                                        "Transfer-Encoding", "Upgrade", "Via", "Warning"}));
-    EXPECT_EQ(Names(apszRequestHeaders), (std::vector<std::string>{"Accept",
-                                                                   "Accept-Charset",
-                                                                   "Accept-Encoding",
-                                                                   "Accept-Language",
-                                                                   "Authorization",
-                                                                   "Cookie",
-                                                                   "Expect",
-                                                                   "From",
-                                                                   "Host",
-                                                                   "If-Modified-Since",
-                                                                   "If-Match",
-                                                                   "If-None-Match",
-                                                                   "If-Range",
-                                                                   "If-Unmodified-Since",
-                                                                   "Max-Forwards",
-                                                                   "Proxy-Authorization",
-                                                                   "Range",
-                                                                   "Referer",
-                                                                   "TE",
-                                                                   "User-Agent",
-                                                                   "UA-OS",
-                                                                   "UA-CPU",
-                                                                   "UA-Language",
-                                                                   "UA-Agent",
-                                                                   "UA-color",
-                                                                   "UA-pixels"}));
-    EXPECT_EQ(Names(apszResponseHeaders),
-              (std::vector<std::string>{"Accept-Ranges", "Age", "ETag", "Location", "Proxy-Authenticate",
-                                        "Retry-After", "Server", "Set-Cookie", "Vary", "WWW-Authenticate"}));
-    EXPECT_EQ(Names(apszEntityHeaders),
-              (std::vector<std::string>{"Allow", "Content-Encoding", "Content-Language", "Content-Length",
-                                        "Content-Location", "Content-MD5", "Content-Range", "Content-Type",
-                                        "Expires", "Last-Modified"}));
+    EXPECT_EQ(NamesOf(apszGeneralHeaders), rdx::test::kGeneralHeaderNames);
+    EXPECT_EQ(NamesOf(apszRequestHeaders), rdx::test::kRequestHeaderNames);
+    EXPECT_EQ(NamesOf(apszResponseHeaders), rdx::test::kResponseHeaderNames);
+    EXPECT_EQ(NamesOf(apszEntityHeaders), rdx::test::kEntityHeaderNames);
 }
 
 TEST(HeaderTables, AreCounted) {
-    EXPECT_EQ(g_cnGeneralHeaders, 9);
-    EXPECT_EQ(g_cnReqHeaders, 26);
-    EXPECT_EQ(g_cnRespHeaders, 10);
-    EXPECT_EQ(g_cnEntityHeaders, 10);
+    EXPECT_EQ(g_cnGeneralHeaders, std::ssize(apszGeneralHeaders));
+    EXPECT_EQ(g_cnReqHeaders, std::ssize(apszRequestHeaders));
+    EXPECT_EQ(g_cnRespHeaders, std::ssize(apszResponseHeaders));
+    EXPECT_EQ(g_cnEntityHeaders, std::ssize(apszEntityHeaders));
 }
 
 // Classifiers -------------------------------------------------------------------------------------------

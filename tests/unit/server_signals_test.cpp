@@ -13,6 +13,7 @@
 #include "tests/support/eventually.h"
 #include "tests/support/faults.h"
 #include "tests/support/free_port.h"
+#include "tests/support/given_tables.h"
 #include "tests/support/listener.h"
 
 #include <gmock/gmock.h>
@@ -35,13 +36,7 @@ using testing::Not;
 // --- signals -------------------------------------------------------------------------------------------
 
 TEST_F(RdxHttpTest, SignalsHaveTheNamesOfSystemV) {
-    const char* const kNames[] = {"NIL",     "SIGHUP",  "SIGINT",   "SIGQUIT",   "SIGILL",  "SIGTRAP",
-                                  "SIGABRT", "SIGEMT",  "SIGFPE",   "SIGKILL",   "SIGBUS",  "SIGSEGV",
-                                  "SIGSYS",  "SIGPIPE", "SIGALRM",  "SIGTERM",   "SIGUSR1", "SIGUSR2",
-                                  "SIGCHLD", "SIGPWR",  "SIGWINCH", "SIGPOLL",   "SIGSTOP", "SIGTSTP",
-                                  "SIGCONT", "SIGTTIN", "SIGTTOU",  "SIGVTALRM", "SIGPROF", "SIGIO"};
-    ASSERT_EQ(std::size(aszSigNames), std::size(kNames));
-    for (std::size_t i = 0; i < std::size(kNames); ++i) EXPECT_STREQ(aszSigNames[i], kNames[i]) << i;
+    EXPECT_EQ(Names(std::begin(aszSigNames), std::end(aszSigNames)), kSignalNames);
 }
 
 TEST_F(RdxHttpTest, SignalHandlerStopsTheServer) {

@@ -196,11 +196,11 @@ int SplitEnvStr(const char* szEnvStr, char* name, int* nameSize, char* value, in
     const std::size_t equalSign = text.find('=');
     if (equalSign == std::string_view::npos) {
         rdx::LogPlain("SplitEnvStr()", "missing equal sign in environment string", -1);
-        return -1;
+        return ENVSTR_NO_EQUAL_SIGN;
     }
     GiveText(text.substr(0, equalSign), name, nameSize);
     GiveText(text.substr(equalSign + 1), value, valueSize);
-    return 0;
+    return ENVSTR_SPLIT;
 }
 
 int MakeAbsolutePathName(const char* szAbsolutePrefix, const char* szRelativeSuffix, char* szBuf,
@@ -211,14 +211,14 @@ int MakeAbsolutePathName(const char* szAbsolutePrefix, const char* szRelativeSuf
     RDX_CHECK(uiBufSize > 0, "uiBufSize > 0");
     const std::string_view prefix(szAbsolutePrefix);
     std::string_view suffix(szRelativeSuffix);
-    if (prefix.size() + suffix.size() + 2 > uiBufSize) return -1;
+    if (prefix.size() + suffix.size() + 2 > uiBufSize) return PATHNAME_TOO_LONG;
     if (suffix.starts_with(kSeparator)) suffix.remove_prefix(1);
     rdx::Appender path({szBuf, uiBufSize});
     path.Add(prefix);
     if (!prefix.ends_with(kSeparator)) path.Add(DirSeparator());
     path.Add(suffix);
     std::fill(szBuf + path.Text().size(), szBuf + uiBufSize, '\0'); // the whole buffer is the caller's result
-    return 0;
+    return PATHNAME_MADE;
 }
 
 int IsAbsolutePathName(const char* szPathName) {
@@ -263,32 +263,31 @@ int IsLeapYear(int year) {
 }
 
 int TempFileName(char* buf) {
-    constexpr int kNoName = -1;
     constexpr int kMostTries = 100; // of the 57 billion names; so many in a row are never taken by chance
     for (int i = 0; i < kMostTries; ++i) {
         char path[TEMP_FILE_NAME_SIZE];
-        if (const int result = MakeTempPath(path); result != 0) return result;
+        if (const int result = MakeTempPath(path); result != TEMPNAME_MADE) return result;
         const Use use = UseOf(path);
-        if (use == Use::kUnknown) return kNoName;
+        if (use == Use::kUnknown) return TEMPNAME_NONE;
         if (use == Use::kTaken) continue;
         rdx::CopyBounded({buf, TEMP_FILE_NAME_SIZE}, path);
-        return 0;
+        return TEMPNAME_MADE;
     }
-    return kNoName;
+    return TEMPNAME_NONE;
 }
 
 namespace rdx {
 
 int PlaceTempName(std::string_view name, std::span<char> path) {
-    if (name.empty()) return -1;
+    if (name.empty()) return TEMPNAME_NONE;
     if (name[0] == kSeparator && name.find(kSeparator, 1) != std::string_view::npos) {
-        return name.size() < path.size() && CopyBounded(path, name) ? 0 : -2;
+        return name.size() < path.size() && CopyBounded(path, name) ? TEMPNAME_MADE : TEMPNAME_TOO_LONG;
     }
     Appender whole(path);
     whole.Add(kTempDirectory);
     if (name[0] != kSeparator) whole.Add(DirSeparator());
     whole.Add(name);
-    return whole.Fits() ? 0 : -3;
+    return whole.Fits() ? TEMPNAME_MADE : TEMPNAME_TMP_TOO_LONG;
 }
 
 } // namespace rdx

@@ -18,6 +18,18 @@ extern "C" {
 /* Size in bytes of a temporary file's name, the NUL included. */
 enum { TEMP_FILE_NAME_SIZE = 256 };
 
+/* Results of SplitEnvStr, MakeAbsolutePathName and TempFileName. */
+enum {
+    ENVSTR_SPLIT = 0,
+    ENVSTR_NO_EQUAL_SIGN = -1,
+    PATHNAME_MADE = 0,
+    PATHNAME_TOO_LONG = -1,
+    TEMPNAME_MADE = 0,
+    TEMPNAME_NONE = -1,          /* no name could be made */
+    TEMPNAME_TOO_LONG = -2,      /* it has a folder of its own, and is too long */
+    TEMPNAME_TMP_TOO_LONG = -3   /* it is too long below "/tmp" */
+};
+
 /* Convert to upper or lower case in place. Return `s`, which may be null. */
 RDX_API char* strupr(char* s);
 RDX_API char* strlwr(char* s);
@@ -37,7 +49,7 @@ RDX_API int strnicmp(const char* a, const char* b, int n);
 /*
  * Splits "name=value" at the first '='. `*nameSize` is the size of `name` and becomes the length of the name,
  * also when it was cut to fit; `*valueSize` likewise. A size below 1 leaves its buffer alone.
- * Returns 0, or -1 without an '=', with a log line and the outputs as they were. Ends the process by
+ * Returns ENVSTR_SPLIT, or ENVSTR_NO_EQUAL_SIGN with a log line and the outputs as they were. Ends the process by
  * assertion when the text is null or empty.
  */
 RDX_API int SplitEnvStr(const char* szEnvStr, char* name, int* nameSize, char* value, int* valueSize);
@@ -45,7 +57,7 @@ RDX_API int SplitEnvStr(const char* szEnvStr, char* name, int* nameSize, char* v
 /*
  * Joins a prefix and a suffix with exactly one '/' between them into `szBuf` of `uiBufSize` bytes, all of
  * which are written: zeros follow the text. An empty prefix counts as one without a '/' at its end.
- * Returns 0, or -1 when both texts and 2 bytes do not fit, with `szBuf` as it was. Ends the process by
+ * Returns PATHNAME_MADE, or PATHNAME_TOO_LONG when both texts and 2 bytes do not fit, with `szBuf` as it was. Ends the process by
  * assertion when an argument is null or the size 0.
  */
 RDX_API int MakeAbsolutePathName(const char* szAbsolutePrefix, const char* szRelativeSuffix, char* szBuf,
@@ -87,8 +99,7 @@ RDX_API int IsLeapYear(int year);
 /*
  * Makes the name of a temporary file in "/tmp" that does not exist; no file is created. `buf` of
  * TEMP_FILE_NAME_SIZE bytes receives it.
- * Returns 0; -1 when no name could be made; -2 and -3 when it would be too long, as a name with a folder of
- * its own and below "/tmp"; `buf` is as it was then.
+ * Returns TEMPNAME_MADE, or another result TEMPNAME_ with `buf` as it was.
  */
 RDX_API int TempFileName(char* buf);
 

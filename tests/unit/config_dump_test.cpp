@@ -176,6 +176,15 @@ TEST_F(Dump, ListsTheMethodsInTheOrderOfTheirSlots) {
     EXPECT_EQ(Dumped(), DefaultDumpWith("allowed: \n", "allowed: GET POST CONNECT \n"));
 }
 
+// Those that requests may use: an entry of 1 or more.
+TEST_F(Dump, ListsTheMethodsThatAreServed) {
+    const test::CaptureStdout capture;
+    aiMethodsAllowed[0] = -1;
+    aiMethodsAllowed[1] = 0;
+    aiMethodsAllowed[3] = 7;
+    EXPECT_EQ(Dumped(), DefaultDumpWith("allowed: \n", "allowed: HEAD \n"));
+}
+
 TEST_F(Dump, PrintsWhyTheSemaphoreCouldNotBeRead) {
     const test::CaptureStdout capture;
     for (const int value : {-2, -1, 0, 1, 32767}) {

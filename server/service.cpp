@@ -66,12 +66,10 @@ int Select(int count, fd_set& ready, timeval& timeout) {
     return select(count, &ready, nullptr, nullptr, &timeout);
 }
 
-// A free slot that no pool has.
+// A free slot that no pool has. Prepare fills in the rest.
 ServiceCall FreeSlot() {
     ServiceCall slot{};
-    slot.hSocket = -1;
     slot.iSvcStatus = SERVICE_FREE;
-    slot.hThreadId = kNoThread;
     return slot;
 }
 

@@ -171,6 +171,7 @@ TEST(RdxhttpdProcesses, SayThatNoProcessCanBeHad) {
 class RdxhttpdBeforeTheServer : public testing::Test {
 protected:
     void SetUp() override {
+        std::signal(SIGPIPE, SIG_IGN); // the server may have ended when it is given its settings
         settings_ = ReadFile(Path());
         std::filesystem::remove(Path());
         ASSERT_EQ(mkfifo(Path().c_str(), 0600), 0);

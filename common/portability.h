@@ -25,9 +25,9 @@ enum {
     PATHNAME_MADE = 0,
     PATHNAME_TOO_LONG = -1,
     TEMPNAME_MADE = 0,
-    TEMPNAME_NONE = -1,          /* no name could be made */
-    TEMPNAME_TOO_LONG = -2,      /* it has a folder of its own, and is too long */
-    TEMPNAME_TMP_TOO_LONG = -3   /* it is too long below "/tmp" */
+    TEMPNAME_NONE = -1,        /* no name could be made */
+    TEMPNAME_TOO_LONG = -2,    /* it has a folder of its own, and is too long */
+    TEMPNAME_TMP_TOO_LONG = -3 /* it is too long below "/tmp" */
 };
 
 /* Convert to upper or lower case in place. Return `s`, which may be null. */
@@ -49,16 +49,16 @@ RDX_API int strnicmp(const char* a, const char* b, int n);
 /*
  * Splits "name=value" at the first '='. `*nameSize` is the size of `name` and becomes the length of the name,
  * also when it was cut to fit; `*valueSize` likewise. A size below 1 leaves its buffer alone.
- * Returns ENVSTR_SPLIT, or ENVSTR_NO_EQUAL_SIGN with a log line and the outputs as they were. Ends the process by
- * assertion when the text is null or empty.
+ * Returns ENVSTR_SPLIT, or ENVSTR_NO_EQUAL_SIGN with a log line and the outputs as they were. Ends the
+ * process by assertion when the text is null or empty.
  */
 RDX_API int SplitEnvStr(const char* szEnvStr, char* name, int* nameSize, char* value, int* valueSize);
 
 /*
  * Joins a prefix and a suffix with exactly one '/' between them into `szBuf` of `uiBufSize` bytes, all of
  * which are written: zeros follow the text. An empty prefix counts as one without a '/' at its end.
- * Returns PATHNAME_MADE, or PATHNAME_TOO_LONG when both texts and 2 bytes do not fit, with `szBuf` as it was. Ends the process by
- * assertion when an argument is null or the size 0.
+ * Returns PATHNAME_MADE, or PATHNAME_TOO_LONG when both texts and 2 bytes do not fit, with `szBuf` as it was.
+ * Ends the process by assertion when an argument is null or the size 0.
  */
 RDX_API int MakeAbsolutePathName(const char* szAbsolutePrefix, const char* szRelativeSuffix, char* szBuf,
                                  unsigned int uiBufSize);

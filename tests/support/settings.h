@@ -17,6 +17,7 @@
 #include <string>
 #include <string_view>
 #include <unistd.h>
+#include <vector>
 
 namespace rdx::test {
 
@@ -28,79 +29,68 @@ inline std::string MethodsAllowed() {
     return slots;
 }
 
-inline Settings CurrentSettings() {
+// A setting, what it holds now and what it holds first.
+struct KnownSetting {
+    std::string name;
+    std::string current;
+    std::string initial;
+};
+
+inline std::vector<KnownSetting> KnownSettings() {
     return {
-        {"szClientAddresses", szClientAddresses},
-        {"ucProtocolVersion", std::to_string(ucProtocolVersion)},
-        {"ucEntityTerminator", std::to_string(ucEntityTerminator)},
-        {"szEntityTerminator", szEntityTerminator},
-        {"ucAuthRequired", std::to_string(ucAuthRequired)},
-        {"szConfigAuthInfo", szConfigAuthInfo},
-        {"szConfigAuthRealm", szConfigAuthRealm},
-        {"szConfigSvcPort", szConfigSvcPort},
-        {"szConfigSvcAddr", szConfigSvcAddr},
-        {"aiMethodsAllowed", MethodsAllowed()},
-        {"ucVerbosity", std::to_string(ucVerbosity)},
-        {"szConfigLogfile", szConfigLogfile},
-        {"ucSupportNetscapeVM", std::to_string(ucSupportNetscapeVM)},
-        {"szConfigVoltageFile", szConfigVoltageFile},
-        {"uiVoltageMaxAge", std::to_string(uiVoltageMaxAge)},
-        {"ucVoltageFromCar", std::to_string(ucVoltageFromCar)},
-        {"ucLocalAccessAllowed", std::to_string(ucLocalAccessAllowed)},
-        {"szMorbelRemoteHost", szMorbelRemoteHost},
-        {"ucSemaProtection", std::to_string(ucSemaProtection)},
-        {"ucRunAsJunior", std::to_string(ucRunAsJunior)},
-        {"szAuthInfo", szAuthInfo},
-        {"szAdminServerHost", szAdminServerHost},
-        {"uiAdminServerPort", std::to_string(uiAdminServerPort)},
-        {"nMaxThreads", std::to_string(nMaxThreads)},
-        {"g_dwPostMaxSizeToRead", std::to_string(g_dwPostMaxSizeToRead)},
-        {"g_dwPostMaxContLength", std::to_string(g_dwPostMaxContLength)},
-        {"uiReconfigurations", std::to_string(uiReconfigurations)},
-        {"ucReconfigured", std::to_string(ucReconfigured)},
+        {"szClientAddresses", szClientAddresses, "127.0.0.1"},
+        {"ucProtocolVersion", std::to_string(ucProtocolVersion), "11"},
+        {"ucEntityTerminator", std::to_string(ucEntityTerminator), "0"},
+        {"szEntityTerminator", szEntityTerminator, ""},
+        {"ucAuthRequired", std::to_string(ucAuthRequired), "0"},
+        {"szConfigAuthInfo", szConfigAuthInfo, ""},
+        {"szConfigAuthRealm", szConfigAuthRealm, "Tavrin"},
+        {"szConfigSvcPort", szConfigSvcPort, "www"},
+        {"szConfigSvcAddr", szConfigSvcAddr, "127.0.0.1"},
+        {"aiMethodsAllowed", MethodsAllowed(), "00000000"},
+        {"ucVerbosity", std::to_string(ucVerbosity), "3"},
+        {"szConfigLogfile", szConfigLogfile, ""},
+        {"ucSupportNetscapeVM", std::to_string(ucSupportNetscapeVM), "0"},
+        {"szConfigVoltageFile", szConfigVoltageFile, ""},
+        {"uiVoltageMaxAge", std::to_string(uiVoltageMaxAge), "120"},
+        {"ucVoltageFromCar", std::to_string(ucVoltageFromCar), "0"},
+        {"ucLocalAccessAllowed", std::to_string(ucLocalAccessAllowed), "0"},
+        {"szMorbelRemoteHost", szMorbelRemoteHost, ""},
+        {"ucSemaProtection", std::to_string(ucSemaProtection), "0"},
+        {"ucRunAsJunior", std::to_string(ucRunAsJunior), "0"},
+        {"szAuthInfo", szAuthInfo, ""},
+        {"szAdminServerHost", szAdminServerHost, ""},
+        {"uiAdminServerPort", std::to_string(uiAdminServerPort), "0"},
+        {"nMaxThreads", std::to_string(nMaxThreads), "1"},
+        {"g_dwPostMaxSizeToRead", std::to_string(g_dwPostMaxSizeToRead), "65536"},
+        {"g_dwPostMaxContLength", std::to_string(g_dwPostMaxContLength), "65536"},
+        {"uiReconfigurations", std::to_string(uiReconfigurations), "0"},
+        {"ucReconfigured", std::to_string(ucReconfigured), "0"},
     };
 }
 
-inline const Settings kInitial = {
-    {"szClientAddresses", "127.0.0.1"},
-    {"ucProtocolVersion", "11"},
-    {"ucEntityTerminator", "0"},
-    {"szEntityTerminator", ""},
-    {"ucAuthRequired", "0"},
-    {"szConfigAuthInfo", ""},
-    {"szConfigAuthRealm", "Tavrin"},
-    {"szConfigSvcPort", "www"},
-    {"szConfigSvcAddr", "127.0.0.1"},
-    {"aiMethodsAllowed", "00000000"},
-    {"ucVerbosity", "3"},
-    {"szConfigLogfile", ""},
-    {"ucSupportNetscapeVM", "0"},
-    {"szConfigVoltageFile", ""},
-    {"uiVoltageMaxAge", "120"},
-    {"ucVoltageFromCar", "0"},
-    {"ucLocalAccessAllowed", "0"},
-    {"szMorbelRemoteHost", ""},
-    {"ucSemaProtection", "0"},
-    {"ucRunAsJunior", "0"},
-    {"szAuthInfo", ""},
-    {"szAdminServerHost", ""},
-    {"uiAdminServerPort", "0"},
-    {"nMaxThreads", "1"},
-    {"g_dwPostMaxSizeToRead", "65536"},
-    {"g_dwPostMaxContLength", "65536"},
-    {"uiReconfigurations", "0"},
-    {"ucReconfigured", "0"},
-};
+inline Settings CurrentSettings() {
+    Settings settings;
+    for (const KnownSetting& setting : KnownSettings()) settings[setting.name] = setting.current;
+    return settings;
+}
+
+inline Settings InitialSettings() {
+    Settings settings;
+    for (const KnownSetting& setting : KnownSettings()) settings[setting.name] = setting.initial;
+    return settings;
+}
 
 // The settings that are not at their initial value.
 inline Settings Changes() {
     Settings changes;
-    for (const auto& [name, value] : CurrentSettings()) {
-        if (value != kInitial.at(name)) changes[name] = value;
+    for (const KnownSetting& setting : KnownSettings()) {
+        if (setting.current != setting.initial) changes[setting.name] = setting.current;
     }
     return changes;
 }
 
+// Gives every setting another value.
 inline void SetEverything() {
     for (char* const text : {szClientAddresses, szEntityTerminator, szConfigAuthInfo, szConfigAuthRealm,
                              szConfigSvcPort, szConfigSvcAddr, szConfigLogfile, szConfigVoltageFile,

@@ -45,7 +45,7 @@ class TcpKey : public Config {};
 
 // --- defaults ---------------------------------------------------------------------------------------------
 
-TEST_F(Defaults, HoldFromTheMomentTheLibraryIsLoaded) { EXPECT_EQ(atLoad, kInitial); }
+TEST_F(Defaults, HoldFromTheMomentTheLibraryIsLoaded) { EXPECT_EQ(atLoad, InitialSettings()); }
 
 TEST_F(Defaults, AreSetForEverySettingOfTheFileButLocalAccess) {
     SetEverything();

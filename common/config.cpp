@@ -321,15 +321,20 @@ public:
     int Read(const Setting& setting, std::string_view line) {
         const auto value = ValueOf(line);
         if (!value) return HTTPKEY_BAD_LINE;
+        any_ = true;
         Setting own = setting;
         own.byte = &used_;
         own.text = text_;
         return own.read(own, *value);
     }
 
-    void TakeEffect() const { rdx::StoreEntityTerminator(used_ != 0, text_); }
+    // A file that names neither leaves both to whoever has changed them meanwhile.
+    void TakeEffect() const {
+        if (any_) rdx::StoreEntityTerminator(used_ != 0, text_);
+    }
 
 private:
+    bool any_ = false;
     unsigned char used_;
     char text_[CONFIG_TERMINATOR_SIZE];
 };

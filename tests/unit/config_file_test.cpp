@@ -381,6 +381,23 @@ TEST_F(IniFile, TakesTheTerminatorsTextAtTheEndToo) {
     EXPECT_STREQ(szEntityTerminator, "");
 }
 
+// Of another section, for one: what was changed while it was read stays.
+TEST_F(IniFile, LeavesTheTerminatorToOthersUnlessItNamesIt) {
+    int ends[2];
+    ASSERT_EQ(pipe(ends), 0);
+    const std::string path = "/proc/self/fd/" + std::to_string(ends[0]);
+    const std::string text = "[RPC]\nVoltageFile=rpc\n";
+    std::thread reader([&] { EXPECT_EQ(ReadIniFile(path.c_str(), "RPC"), 0); });
+    ASSERT_EQ(write(ends[1], text.data(), text.size()), static_cast<ssize_t>(text.size()));
+    EXPECT_TRUE(Eventually([] { return LoadShared(szConfigVoltageFile[0]) == 'r'; }));
+    StoreEntityTerminator(true, "END");
+    close(ends[1]);
+    reader.join();
+    close(ends[0]);
+    EXPECT_EQ(ucEntityTerminator, 1);
+    EXPECT_STREQ(szEntityTerminator, "END");
+}
+
 // Threads take flag and text while files switch them on and off: never the one of one file and the other of
 // another, whichever line stands first.
 TEST_F(IniFile, ChangesTheTerminatorAsOne) {

@@ -7,6 +7,7 @@
 #include "common/log_lines.h"
 #include "common/settings.h"
 #include "common/shared.h"
+#include "common/signal_windows.h"
 #include "common/text.h"
 
 #include <algorithm>
@@ -401,6 +402,8 @@ EntityTerminator LoadEntityTerminator() {
 }
 
 void StoreEntityTerminator(bool used, std::string_view text) {
+    // A handler that read a file on this very thread would wait for the change to be finished.
+    const CaughtSignalsBlocked whileChanging;
     terminatorChanges.Start();
     if (!used) StoreShared(ucEntityTerminator, 0);
     StoreSharedText(szEntityTerminator, text);

@@ -65,7 +65,7 @@ void AwaitDeliveries(const fd_set& sockets) {
     }
 }
 
-bool IsDelivered(int socket) { return UnacknowledgedBytes(socket) == 0; }
+bool IsDelivered(int socket) { return HasFailed(socket) || UnacknowledgedBytes(socket) == 0; }
 
 Peer LookAtPeer(int socket) {
     const short events = EventsOf(socket, POLLRDHUP);

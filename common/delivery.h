@@ -18,7 +18,8 @@ void AwaitDelivery(int socket);
 // together; a terminating signal, which may be why the loop ends, does not cut that short.
 void AwaitDeliveries(const fd_set& sockets);
 
-// True when the peer has acknowledged everything that was sent on a TCP socket; also for any other socket.
+// True when nothing is on its way to the peer any more: it has acknowledged all that was sent, or the
+// connection has failed and takes nothing. Also for a socket that is not TCP's.
 bool IsDelivered(int socket);
 
 // What a look at a connection finds, which takes nothing from it and leaves its error where it is.

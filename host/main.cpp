@@ -38,7 +38,7 @@ constexpr char kUsage[] =
     "Usage: rdxhttpd [OPTION VALUE]...\n"
     "Runs the device's HTTP server until it is stopped with Ctrl-C or SIGTERM.\n"
     "\n"
-    "  -c FILE            configuration file, /etc/tnd.ini unless given\n"
+    "  -c FILE            configuration file, " CONFIG_DEFAULT_PATH " unless given\n"
     "  -mt THREADS        requests served at once, 1 unless given\n"
     "  -p PORT            kept for old callers: the file's ServicePort always wins\n"
     "  -as ADDRESS[:PORT] administration server, by its IPv4 address; turns junior mode on\n"

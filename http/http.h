@@ -114,9 +114,10 @@ RDX_API int IsEntityHeader(const char* p, const char* q, char** ppcolon);
  * value is stored as an empty text.
  *
  *   p, q      the line; not null
- *   pcolon    a colon inside the line; not null. One in front of `p`, or one at or behind `q`, is an
- * assertion aHeaders  out: the list; not null. The entry's former pointers are overwritten, not freed. index
- * the entry to fill capacity  how many entries the list has
+ *   pcolon    a colon inside the line; not null. One outside of it is an assertion.
+ *   aHeaders  out: the list; not null. The entry's former pointers are overwritten, not freed.
+ *   index     the entry to fill
+ *   capacity  how many entries the list has
  *
  * Returns HTTP_HEADER_STORED, HTTP_HEADER_LIST_FULL when `index` is not below `capacity`, or
  * HTTP_HEADER_NO_MEMORY.

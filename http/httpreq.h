@@ -108,9 +108,11 @@ typedef struct HttpRequest {
  *
  * Returns HTTP_STATUS_OK when it was read and accepted, or
  *   HTTPREQ_NOT_RECEIVED
- *   -HTTP_STATUS_BAD_REQUEST            malformed or too long line, no header at all, body length 0 or above
- * a limit, short body, multipart without POST or without boundary -HTTP_STATUS_UNAUTHORIZED credentials are
- * required, and missing or wrong -HTTP_STATUS_METHOD_NOT_ALLOWED     method unknown or not allowed
+ *   -HTTP_STATUS_BAD_REQUEST            a line is malformed or too long, there is no header at all, the body
+ *                                       is short, or its length 0 or above a limit; a form without POST or
+ *                                       without a boundary
+ *   -HTTP_STATUS_UNAUTHORIZED           credentials are required, and missing or wrong
+ *   -HTTP_STATUS_METHOD_NOT_ALLOWED     method unknown or not allowed
  *   -HTTP_STATUS_INTERNAL_ERROR         no memory, or a header of no known class
  *   -HTTP_STATUS_NOT_IMPLEMENTED        the protocol is not HTTP
  *   -HTTP_STATUS_VERSION_NOT_SUPPORTED  the version is neither 1.0 nor 1.1

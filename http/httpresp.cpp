@@ -15,6 +15,7 @@
 
 #include <algorithm>
 #include <array>
+#include <climits>
 #include <cstdint>
 #include <cstdio>
 #include <iterator>
@@ -136,7 +137,7 @@ void WriteTerminator(rdx::MessageWriter& writer) {
 // 0, or a bad request for a length of 0.
 int ApplyHeader(HttpResponse& response, const HttpHeader& header) {
     if (!rdx::EqualsIgnoringCase(header.name, "Content-length")) return 0;
-    response.uiBodyLength = static_cast<unsigned int>(rdx::ParseLeadingDigits(header.value));
+    response.uiBodyLength = static_cast<unsigned int>(rdx::ParseDecimal(header.value));
     return response.uiBodyLength != 0 ? 0 : -HTTP_STATUS_BAD_REQUEST;
 }
 
@@ -148,6 +149,7 @@ constexpr rdx::HeaderFailures kHeaderFailures = {.notReceived = -HTTP_STATUS_BAD
 int ReadBody(int sock, HttpResponse& response) {
     const unsigned int length = response.uiBodyLength;
     if (length == 0) return HTTPRESP_DONE;
+    if (length > INT_MAX) return -HTTP_STATUS_INTERNAL_ERROR; // below 0
     response.pEntityBody = rdx::AllocateBytes(length).release();
     if (response.pEntityBody == nullptr) return -HTTP_STATUS_INTERNAL_ERROR;
     const int wanted = static_cast<int>(length);

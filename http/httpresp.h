@@ -2,10 +2,13 @@
  * Responses: the record, building and writing one, and reading one from a socket.
  *
  * Ownership: a response is created zero-filled. FreeHttpResponse frees what it owns; whoever created the
- * record then frees the record itself (one made by CreateHttpResponse or ConsumeHttpResponse comes from
- * calloc). Lines: as in http.h, the range from `p` up to and without `q`. Threads: a response belongs to one
- * thread at a time. The settings that are read here may be rewritten meanwhile. Null records, texts and
- * outputs are not accepted unless said so.
+ *   record then frees the record itself (one made by CreateHttpResponse or ConsumeHttpResponse comes from
+ *   calloc).
+ * Lines: as in http.h, the range from `p` up to and without `q`.
+ * Threads: a response belongs to one thread at a time. The settings that are read here may be rewritten
+ *   meanwhile.
+ *
+ * Null records, texts and outputs are not accepted unless said so.
  */
 #ifndef RDX_HTTP_HTTPRESP_H
 #define RDX_HTTP_HTTPRESP_H
@@ -87,7 +90,7 @@ RDX_API int SerializeHttpResponse(HttpResponse* pResponse, char* pBuf, unsigned 
  *   ppResponse  out: the new response, which the caller owns; null on every failure
  *
  * Returns HTTPRESP_DONE; HTTPRESP_NO_MEMORY; -HTTP_STATUS_INTERNAL_ERROR when there is no memory for the
- * body, or it has more than 2^31 - 1 bytes; HTTPRESP_UNUSABLE when the body ended early; and every result of
+ * body, or its length is below 0; HTTPRESP_UNUSABLE when the body ended early; and every result of
  * ReadHttpRespHeaders.
  * A null `ppResponse` is an assertion, and so are the cases named at the functions below.
  */
@@ -99,7 +102,7 @@ RDX_API int ConsumeHttpResponse(int sock, HttpResponse** ppResponse);
  *   pResponse  in/out: a zero-filled response; on failure it holds what was read so far
  *
  * Returns HTTPRESP_DONE; -HTTP_STATUS_BAD_REQUEST when a line could not be read or is too long, and for no
- * status line and a Content-length of 0 (leading digits; anything else reads as 0); HTTPRESP_UNUSABLE; and
+ * status line and a Content-length of 0; HTTPRESP_UNUSABLE; and
  * every result of ParseHttpStatusLine.
  *
  * Any result but 0 of a classifier selects its list, as on the request's side: a line without a colon ends

@@ -33,7 +33,7 @@ enum {
 /* What comes of taking a call from its request. */
 enum {
     PDATA_CALL_TAKEN = 0,
-    PDATA_BAD_CALL = 400, /* the client's mistake, as HTTP counts it */
+    PDATA_BAD_CALL = HTTP_STATUS_BAD_REQUEST, /* the client's mistake, as HTTP counts it */
     PDATA_NOT_MULTIPART = -99,
     PDATA_BAD_START = -1, /* the body does not begin with the boundary, or ends right behind it */
     PDATA_BAD_PART = -2,  /* a part's header is malformed, cut off, or names too long a field */
@@ -72,7 +72,7 @@ enum {
     PDATA_STATUS_RESULT = 0,
     PDATA_STATUS_BEFORE_DISPATCH = -99,
     PDATA_STATUS_BAD_CALL = PDATA_BAD_CALL,
-    PDATA_STATUS_UNAUTHORIZED = 401
+    PDATA_STATUS_UNAUTHORIZED = HTTP_STATUS_UNAUTHORIZED
 };
 
 /* One call as taken from its request. */
@@ -99,8 +99,9 @@ typedef struct TavrinResponse {
  *         one or two characters ends the process by assertion, and so does a field with an empty name.
  *   call  out: szFunctionName and pszWddxArgs (null unless the field was there and not empty).
  * Returns
- *   PDATA_CALL_TAKEN        the whole body was read; a field that was not there leaves its output as
- * described PDATA_NOT_MULTIPART     `call` is unchanged PDATA_BAD_START         `call` is unchanged
+ *   PDATA_CALL_TAKEN        the whole body was read; what was not there leaves its output as described
+ *   PDATA_NOT_MULTIPART     `call` is unchanged
+ *   PDATA_BAD_START         `call` is unchanged
  *   PDATA_BAD_PART          also for a field's name of more than PDATA_FIELD_NAME_MAX
  *   PDATA_NAME_UNREADABLE, PDATA_NAME_TOO_LONG, PDATA_ARGS_UNREADABLE, PDATA_BOUNDARY_MISSING
  *   PDATA_BAD_CALL          the method name is empty, or a field is unknown

@@ -26,7 +26,8 @@ enum { RDX_COMMAND_COUNT = 9 };
 enum {
     RDX_ANSWERED = 0,
     RDX_BAD_CALL = PDATA_BAD_CALL, /* arguments missing or not readable */
-    RDX_NOT_AUTHORISED = -401,     /* the method needs credentials, and the request carries no valid ones */
+    RDX_NOT_AUTHORISED =
+        -HTTP_STATUS_UNAUTHORIZED, /* the method needs credentials, and the request carries no valid ones */
     RDX_BODY_TOO_LONG = -3,        /* the body does not fit: it must be shorter than the capacity */
     RDX_NO_RESULT = -4,            /* no handler produced a result */
     RDX_UNKNOWN_STATUS = -5,       /* a handler left a status that means nothing here */

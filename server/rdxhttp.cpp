@@ -228,7 +228,7 @@ void CloseUnlessStandard(FILE*& stream, FILE* standard) {
 int rdxhttp_main(int argc, char** argv) {
     errlog = StdErr;
     outlog = StdOut;
-    server_start_time = static_cast<unsigned int>(time(nullptr));
+    rdx::StoreShared(server_start_time, static_cast<unsigned int>(time(nullptr)));
     rdx::LogPlain("main()", "rdxhttp_main", 0);
     if (AssertCrt() != 0) return RDXHTTP_BAD_COMMAND_LINE;
     char port[RDXHTTP_PORT_SIZE];

@@ -64,7 +64,7 @@ typedef struct ServiceCall {
 /*
  * Handles one request. `pBuf` of `*pLen` bytes receives the response body, and `*pLen` its length;
  * `*pTerminate` becomes 1 to ask the server to stop. 0: the body is there; above 0: a bad request; below 0:
- * failed, of which -401 asks for authentication.
+ * failed, of which -HTTP_STATUS_UNAUTHORIZED asks for authentication.
  */
 typedef int (*ServerHandler)(HttpRequest* pReq, char* pBuf, unsigned long* pLen, unsigned char* pTerminate);
 
@@ -87,8 +87,10 @@ extern RDX_API unsigned char ucTerminated;
  * watched connection is closed; a request in service is answered and its connection closed by its thread.
  * A connection that would take one of the process's last eight descriptors (of a small table the last
  * quarter), or one from FD_SETSIZE on, is closed when accepted. One that is ready when all threads are busy
- * is not watched any more and stays open until its client has closed its side, or the loop ends. Returns
- * SERVICE_LOOP_ENDED; SERVICE_LOOP_NOT_SET_UP, also when `hServerSocket` is FD_SETSIZE or more.
+ * is not watched any more and stays open until its client has closed its side, or the loop ends.
+ * One whose client has left before it asked anything is served on the calling thread, which only closes it.
+ *
+ * Returns SERVICE_LOOP_ENDED; SERVICE_LOOP_NOT_SET_UP, also when `hServerSocket` is FD_SETSIZE or more.
  */
 RDX_API int RunHttpServer(unsigned int hServerSocket, unsigned int nThreadLimit);
 

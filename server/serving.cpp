@@ -13,9 +13,8 @@ namespace rdx {
 
 int ReadRequest(int socket, OwnedRequest& request) {
     const Peer peer = LookAtPeer(socket);
-    if (peer == Peer::kFailed) return HTTPREQ_NOT_RECEIVED;
     HttpRequest* read = nullptr;
-    const int result = ConsumeHttpRequest(socket, &read); // which also traces the reading of nothing
+    const int result = ConsumeHttpRequest(socket, &read); // also of nothing, for its traces and reports
     request.reset(read);
     if (peer == Peer::kThere) return result;
     request.reset();

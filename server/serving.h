@@ -9,7 +9,8 @@ namespace rdx {
 
 inline constexpr const char* kContentType = "text/html"; // of every response
 
-// Reads a request: ConsumeHttpRequest's result, or kNobodyThere when the peer closed before it sent anything.
+// Reads a request: ConsumeHttpRequest's result, or kNobodyThere when the peer closed or reset the connection
+// before it sent anything.
 // Such a connection looks like a request that begins with an empty line, or like one without credentials,
 // which are answered; here nobody asked.
 inline constexpr int kNobodyThere = 0;

@@ -5,6 +5,7 @@
 #include "tests/system/modes.h"
 
 #include <csignal>
+#include <vector>
 
 namespace rdx::test {
 namespace {
@@ -246,16 +247,16 @@ TEST_P(Idle, ConnectionsThatTheirClientClosesLeaveNothingBehind) {
     ASSERT_TRUE(server.WaitForServingThreads(0));
     const int descriptors = server.DescriptorsWhenClosed();
     for (int i = 0; i < 10; ++i) {
-        Client silent(server.Port());
-        Client served(server.Port());
-        served.Send(VersionCall());
-        ASSERT_EQ(served.ReadAnswer().status, 200);
-        Client cut(server.Port());
-        cut.Send("POST /rDx HT");
-        // More at a time could find no free slot, and would stay open.
-        silent.Close();
-        served.Close();
-        cut.Close();
+        std::vector<Client> clients;
+        for (int k = 1; k <= 20; ++k) { // more than threads
+            clients.emplace_back(server.Port());
+            // The queue of the listening socket is short, and who finds it full tries again a second later.
+            ASSERT_TRUE(server.WaitForDescriptors(descriptors + k));
+        }
+        clients[0].Send(VersionCall());
+        ASSERT_EQ(clients[0].ReadAnswer().status, 200);
+        clients[1].Send("POST /rDx HT");
+        for (Client& client : clients) client.Close();
         ASSERT_TRUE(server.WaitForDescriptors(descriptors)) << i;
     }
     EXPECT_EQ(AskUntilAnswered(server.Port(), VersionCallAndClose()).text, VersionAnswer());

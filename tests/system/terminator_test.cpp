@@ -2,6 +2,12 @@
 
 #include "tests/system/modes.h"
 
+#include <atomic>
+#include <chrono>
+#include <csignal>
+#include <thread>
+#include <vector>
+
 namespace rdx::test {
 namespace {
 
@@ -65,6 +71,29 @@ TEST_P(Terminator, ThatIsEmptyAddsNothing) {
     Client client(server.Port());
     client.Send(UnknownTarget());
     EXPECT_EQ(client.ReadUntilClosed(), NotFoundAnswer());
+}
+
+// Each file in turn, in either order of its lines, while bodies are being read: the server goes on.
+TEST(TerminatorOfSeveralFiles, IsSwitchedWhileRequestsAreServed) {
+    Server server({.threads = 8});
+    ASSERT_TRUE(server.Start());
+    std::atomic<bool> stop = false;
+    std::atomic<int> answered = 0;
+    const auto call = [&] {
+        while (!stop) answered += Ask(server.Port(), VersionCallAndClose()).status == 200 ? 1 : 0;
+    };
+    std::thread callers[] = {std::thread(call), std::thread(call), std::thread(call)};
+    const std::vector<std::string> files[] = {
+        {"SendEOT=1", "EOTString=END"}, {"SendEOT=0", "EOTString="}, {"EOTString=", "SendEOT=0"}};
+    for (int i = 0; i < 60; ++i) {
+        server.WriteSettings(files[i % 3]);
+        server.Signal(SIGUSR1);
+        std::this_thread::sleep_for(std::chrono::milliseconds(25));
+    }
+    EXPECT_TRUE(Eventually([&] { return answered > 20; }));
+    stop = true;
+    for (std::thread& caller : callers) caller.join();
+    EXPECT_EQ(AskUntilAnswered(server.Port(), VersionCallAndClose()).status, 200);
 }
 
 } // namespace

@@ -265,6 +265,16 @@ TEST_F(AwaitDeliveriesTest, HasOnePatienceForAllPeersWhateverSignalEndedTheLoop)
 
 using PeerTest = SocketTest;
 
+// What was not acknowledged before a reset never will be.
+TEST_F(PeerTest, HasNothingToWaitForOnceTheConnectionHasFailed) {
+    Connection connection(4096);
+    Fill(connection.near);
+    EXPECT_FALSE(IsDelivered(connection.near.Get()));
+    connection.ResetFar();
+    EXPECT_TRUE(IsDelivered(connection.near.Get()));
+    EXPECT_TRUE(IsDelivered(-1));
+}
+
 TEST_F(PeerTest, IsThereUntilItHasClosedAndEverythingWasRead) {
     Connection connection;
     const int near = connection.near.Get();

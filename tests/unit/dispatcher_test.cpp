@@ -3,6 +3,7 @@
 #include "common/memory.h"
 #include "rDxsd/auth.h"
 #include "rDxsd/method_rows.h"
+#include "tests/support/answers.h"
 #include "tests/support/capture.h"
 #include "tests/support/faults.h"
 #include "tests/support/guarded.h"
@@ -300,7 +301,7 @@ TEST_F(Dispatcher, NeedsRoomForTheResultAndOneByteMore) {
 }
 
 TEST_F(Dispatcher, AnswersUnauthorizedWithItsTerminator) {
-    const std::string body = "<HTML><BODY>Unauthorized</BODY></HTML>";
+    const std::string& body = test::kUnauthorizedPage;
     behaviour = Answer("not sent", 401, 9);
     const Output output = Handle("rdxGetVersion", 64);
     EXPECT_EQ(output.code, 0);

@@ -145,7 +145,7 @@ TEST_F(OneStageTest, AnswersAFailedReceiveAsAnError) {
     const CaptureStdout capture;
     Serving serving;
     serving.Send(Get("/other"));
-    const FailCall reset("recv", 2, ECONNRESET); // the first one looks whether anybody is there
+    const FailCall reset("recv", 2, ECONNRESET);
     EXPECT_EQ(Serve(serving), static_cast<long>(ServerErrorAnswer().size()));
     EXPECT_TRUE(reset.Struck());
     EXPECT_EQ(serving.Received(), ServerErrorAnswer());

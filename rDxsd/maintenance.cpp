@@ -31,9 +31,9 @@ public:
     // False when memory is short.
     bool Read(const MethodRow& method, WddxValue* array) {
         const auto size = static_cast<std::size_t>(std::max(wddxGetArraySize(array), 0));
-        names_.reset(static_cast<char**>(std::calloc(size + 1, sizeof(char*))));
-        values_.reset(static_cast<char**>(std::calloc(size + 1, sizeof(char*))));
-        persistence_.reset(static_cast<int*>(std::calloc(size + 1, sizeof(int))));
+        names_ = AllocateZeroedArray<char*>(size + 1);
+        values_ = AllocateZeroedArray<char*>(size + 1);
+        persistence_ = AllocateZeroedArray<int>(size + 1);
         if (!names_ || !values_ || !persistence_) return false;
         for (; count_ < static_cast<int>(size); ++count_) {
             const Values element(wddxGetArrayElem(array, count_), method.arguments, "SlpAttributes");
